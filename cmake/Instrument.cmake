@@ -1,0 +1,12 @@
+# TESSRA_INSTRUMENT builds everything for a look at it while it runs: a list of sanitizers as
+# -fsanitize takes it ("address,undefined", "thread"), or "coverage".
+set(TESSRA_INSTRUMENT "" CACHE STRING "Sanitizers, comma separated, or \"coverage\"")
+
+if(TESSRA_INSTRUMENT STREQUAL "coverage")
+  add_compile_options(--coverage)
+  add_link_options(--coverage)
+elseif(TESSRA_INSTRUMENT)
+  add_compile_options(-fsanitize=${TESSRA_INSTRUMENT} -fno-sanitize-recover=all
+    -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${TESSRA_INSTRUMENT})
+endif()

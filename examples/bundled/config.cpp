@@ -1,0 +1,168 @@
+#include "config.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "descriptor.h"
+
+namespace bundled {
+
+namespace {
+
+constexpr std::size_t kMaxFileBytes = 65536;
+constexpr std::size_t kMaxCommands = 64;
+constexpr std::string_view kCommandPrefix = "command.";
+
+std::string_view trimmed(std::string_view text) {
+    constexpr std::string_view kBlank = " \t\r";
+    const std::size_t first = text.find_first_not_of(kBlank);
+    if (first == std::string_view::npos) {
+        return {};
+    }
+    return text.substr(first, text.find_last_not_of(kBlank) - first + 1);
+}
+
+bool is_command_name(std::string_view name) {
+    constexpr std::string_view kAllowed =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_";
+    return !name.empty() && name.find_first_not_of(kAllowed) == std::string_view::npos;
+}
+
+bool add_command(std::vector<NamedCommand>& commands, std::string_view name,
+                 std::string_view line) {
+    if (!is_command_name(name) || line.empty() || commands.size() >= kMaxCommands) {
+        return false;
+    }
+    for (const NamedCommand& known : commands) {
+        if (known.name == name) {
+            return false;
+        }
+    }
+    commands.push_back({std::string(name), std::string(line)});
+    return true;
+}
+
+bool apply_setting(std::string_view key, std::string_view value, Config& config,
+                   std::vector<NamedCommand>& commands) {
+    if (key == "greeting") {
+        config.greeting = value;
+        return true;
+    }
+    if (key == "idle-ms") {
+        return parse_number(value, kMaxSettingMs, config.idle_ms);
+    }
+    if (key == "run-ms") {
+        return parse_number(value, kMaxSettingMs, config.command_limits.time_ms);
+    }
+    if (key == "run-bytes") {
+        return parse_number(value, kMaxRunBytes, config.command_limits.output_bytes);
+    }
+    if (key.substr(0, kCommandPrefix.size()) == kCommandPrefix) {
+        return add_command(commands, key.substr(kCommandPrefix.size()), value);
+    }
+    return false;
+}
+
+bool apply_line(std::string_view line, Config& config, std::vector<NamedCommand>& commands) {
+    line = trimmed(line);
+    if (line.empty() || line.front() == '#') {
+        return true;
+    }
+    const std::size_t equals = line.find('=');
+    if (equals == std::string_view::npos || line.find('\0') != std::string_view::npos) {
+        return false;
+    }
+    return apply_setting(trimmed(line.substr(0, equals)), trimmed(line.substr(equals + 1)), config,
+                         commands);
+}
+
+// Reads to the end of the file, up to one byte more than a configuration may have.
+bool read_all(int fd, std::string& text) {
+    char chunk[4096];
+    while (text.size() <= kMaxFileBytes) {
+        const ssize_t count = read(fd, chunk, sizeof chunk);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            return count == 0;
+        }
+        text.append(chunk, static_cast<std::size_t>(count));
+    }
+    return true;
+}
+
+}  // namespace
+
+bool parse_number(std::string_view text, unsigned int max, unsigned int& value) {
+    unsigned long long number = 0;
+    for (const char c : text) {
+        if (c < '0' || c > '9') {
+            return false;
+        }
+        number = number * 10 + static_cast<unsigned int>(c - '0');
+        if (number > max) {
+            return false;
+        }
+    }
+    if (number == 0) {  // An empty text ends here as well.
+        return false;
+    }
+    value = static_cast<unsigned int>(number);
+    return true;
+}
+
+bool parse_config(std::string_view text, Config& config, std::string& error) {
+    std::vector<NamedCommand> commands;
+    for (unsigned int number = 1; !text.empty(); ++number) {
+        const std::size_t end = text.find('\n');
+        if (!apply_line(text.substr(0, end), config, commands)) {
+            error = "line " + std::to_string(number) + " is not a valid setting";
+            return false;
+        }
+        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    }
+    if (!commands.empty()) {
+        config.commands = std::move(commands);
+    }
+    return true;
+}
+
+bool load_config(const char* path, Config& config, std::string& error) {
+    // Opening and reading a FIFO or a terminal would hold up the loop: only regular files count.
+    const Descriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat info;
+    if (!file.is_open() || fstat(file.get(), &info) != 0) {
+        error = std::strerror(errno);
+        return false;
+    }
+    if (!S_ISREG(info.st_mode)) {
+        error = "not a regular file";
+        return false;
+    }
+    std::string text;
+    if (!read_all(file.get(), text)) {
+        error = std::strerror(errno);
+        return false;
+    }
+    if (text.size() > kMaxFileBytes) {
+        error = "too long";
+        return false;
+    }
+    return parse_config(text, config, error);
+}
+
+const NamedCommand* find_command(const Config& config, std::string_view name) {
+    for (const NamedCommand& command : config.commands) {
+        if (command.name == name) {
+            return &command;
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace bundled

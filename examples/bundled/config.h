@@ -1,0 +1,58 @@
+/**
+ * The configuration: what the owner of the daemon may change while it runs.
+ *
+ *     # One setting a line. The remarks on the right are not part of the file.
+ *     greeting = Good morning
+ *     idle-ms = 5000          how long a client may go without progress
+ *     run-ms = 10000          how long a command may run
+ *     run-bytes = 65536       how much it may write
+ *     command.today = date -u
+ *
+ * Blank lines and lines that begin with # count for nothing. A command's line goes to /bin/sh -c;
+ * the commands of a file replace the built-in ones.
+ */
+#ifndef BUNDLED_CONFIG_H
+#define BUNDLED_CONFIG_H
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "commands.h"
+
+namespace bundled {
+
+struct NamedCommand {
+    std::string name;  ///< Letters, digits, hyphens and underscores.
+    std::string line;  ///< For /bin/sh -c.
+};
+
+struct Config {
+    std::string greeting = "This is bundled.";
+    unsigned int idle_ms = 5000;  ///< How long a client may hold a connection without progress.
+    CommandLimits command_limits;
+    std::vector<NamedCommand> commands = {{"hello", "echo hello"}, {"uname", "uname -sr"}};
+};
+
+constexpr unsigned int kMaxSettingMs = 3600U * 1000U;
+constexpr unsigned int kMaxRunBytes = 1024U * 1024U;
+
+/** Reads a whole decimal number of 1 to @p max. False: @p value is untouched. */
+bool parse_number(std::string_view text, unsigned int max, unsigned int& value);
+
+/**
+ * Reads the settings of @p text over those that @p config has.
+ *
+ * Returns true, or false with the reason in @p error, and then @p config may be half changed.
+ */
+bool parse_config(std::string_view text, Config& config, std::string& error);
+
+/** parse_config() of a regular file of moderate size. */
+bool load_config(const char* path, Config& config, std::string& error);
+
+/** Returns the command called @p name, or null. */
+const NamedCommand* find_command(const Config& config, std::string_view name);
+
+}  // namespace bundled
+
+#endif

@@ -1,0 +1,184 @@
+#include "connection.h"
+
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <type_traits>
+
+#include "server.h"
+
+namespace bundled {
+
+static_assert(std::is_standard_layout_v<Connection> && offsetof(Connection, link) == 0,
+              "a node of the server's list is cast to its connection");
+
+namespace {
+
+bool would_block() { return errno == EAGAIN || errno == EINTR; }
+
+// With a zero linger time close() resets the connection: the kernel then keeps no bytes for a
+// client that doesn't take them.
+void discard_unsent_bytes(int fd) {
+    const struct linger at_once = {1, 0};
+    (void)setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);  // Only saves memory.
+}
+
+// How many bytes of the answer the client has acknowledged. Readiness doesn't tell: a socket turns
+// writable again only when a good part of its buffer is free, long after a slow client's last byte.
+std::size_t delivered_bytes(const Connection& connection) {
+    int in_queue = 0;
+    if (ioctl(connection.socket.get(), SIOCOUTQ, &in_queue) != 0 || in_queue <= 0) {
+        return connection.answered;
+    }
+    const auto queued = static_cast<std::size_t>(in_queue);  // After shutdown() one more, the FIN.
+    return connection.answered - std::min(queued, connection.answered);
+}
+
+void on_deadline(void* arg) noexcept;
+
+// A connection whose deadline can't be armed could stay for ever, so it is closed.
+void restart_deadline(Connection* connection) {
+    event_timer_del(on_deadline, connection);
+    if (!arm_timer(on_deadline, connection, connection->server->idle_ms())) {
+        connection_close(connection);
+    }
+}
+
+void answer_deadline(Connection* connection) {
+    const std::size_t delivered = delivered_bytes(*connection);
+    const bool all = delivered == connection->answer.size();
+    if (!all && delivered > connection->delivered) {
+        connection->delivered = delivered;
+        restart_deadline(connection);
+        return;
+    }
+    if (!all) {
+        discard_unsent_bytes(connection->socket.get());
+        connection->server->count_timeout();
+    }
+    connection_close(connection);
+}
+
+void on_deadline(void* arg) noexcept {
+    auto* connection = static_cast<Connection*>(arg);
+    if (connection->phase == Phase::kReading) {
+        connection->server->count_timeout();
+        connection_answer(connection, error_response(408));
+        return;
+    }
+    answer_deadline(connection);
+}
+
+void handle_request(Connection* connection) {
+    Request request;
+    const int status = parse_request(connection->received, request);
+    if (status == kRequestComplete) {
+        connection->head_only = request.method == "HEAD";
+        connection->server->handle(*connection, request);
+    } else if (status != kRequestIncomplete) {
+        connection_answer(connection, error_response(status));
+    }
+}
+
+void read_request(Connection* connection, const char* bytes, std::size_t count) {
+    connection->received.append(bytes, count);
+    handle_request(connection);
+}
+
+void end_of_input(Connection* connection) {
+    const bool cut_short = connection->phase == Phase::kReading && !connection->received.empty();
+    if (cut_short) {
+        connection_answer(connection, error_response(400));
+        return;
+    }
+    connection_close(connection);
+}
+
+// Serves reading, waiting and draining. While the client waits, the end of its input means that it
+// has gone: what it waits for is cancelled.
+void on_readable(int fd, void* arg) noexcept {
+    auto* connection = static_cast<Connection*>(arg);
+    char chunk[4096];
+    const ssize_t count = recv(fd, chunk, sizeof chunk, 0);
+    if (count > 0 && connection->phase == Phase::kReading) {
+        read_request(connection, chunk, static_cast<std::size_t>(count));
+    } else if (count == 0) {
+        end_of_input(connection);
+    } else if (count < 0 && !would_block()) {
+        connection_close(connection);
+    }
+}
+
+void start_draining(Connection* connection) {
+    connection->phase = Phase::kDraining;
+    (void)shutdown(connection->socket.get(),
+                   SHUT_WR);  // Fails if the client has gone; reading tells.
+    if (!connection->socket.watch(on_readable, connection, EVENT_FD_READ)) {
+        connection_close(connection);
+    }
+}
+
+void on_writable(int fd, void* arg) noexcept {
+    auto* connection = static_cast<Connection*>(arg);
+    const char* rest = connection->answer.data() + connection->answered;
+    const std::size_t length = connection->answer.size() - connection->answered;
+    const ssize_t count = send(fd, rest, length, MSG_NOSIGNAL);
+    if (count < 0) {
+        if (!would_block()) {
+            connection_close(connection);
+        }
+        return;
+    }
+    connection->answered += static_cast<std::size_t>(count);
+    if (connection->answered == connection->answer.size()) {
+        start_draining(connection);
+    }
+}
+
+}  // namespace
+
+void connection_open(Server& server, int fd) {
+    auto* connection = new Connection;
+    connection->server = &server;
+    connection->socket.reset(fd);
+    server.add(*connection);
+    if (!connection->socket.watch(on_readable, connection, EVENT_FD_READ)) {
+        connection_close(connection);
+        return;
+    }
+    restart_deadline(connection);
+}
+
+void connection_close(Connection* connection) {
+    event_timer_del(on_deadline, connection);
+    if (connection->pending.cancel != nullptr) {
+        connection->pending.cancel(connection->pending.work);
+    }
+    Server& server = *connection->server;
+    list_delete(&connection->link);
+    delete connection;
+    server.connection_closed();
+}
+
+void connection_answer(Connection* connection, const Response& response) {
+    connection->phase = Phase::kWriting;
+    connection->pending = {};
+    connection->answer = format_response(response, connection->head_only);
+    if (!connection->socket.watch(on_writable, connection, EVENT_FD_WRITE)) {
+        connection_close(connection);
+        return;
+    }
+    restart_deadline(connection);
+}
+
+void connection_wait(Connection* connection, PendingWork work) {
+    connection->phase = Phase::kWaiting;
+    connection->pending = work;
+    event_timer_del(on_deadline, connection);
+}
+
+}  // namespace bundled

@@ -1,0 +1,381 @@
+#!/usr/bin/env bash
+# Drives the built daemon the way its clients do, shows what it answers and checks every answer.
+#
+# Usage: demo.sh BUILD_DIR
+# Ends with status 0 if all answers were right, 1 if some were not, 2 if it couldn't start.
+# Needs bash and curl.
+set -u
+
+readonly idle_ms=800
+readonly limit_s=20  # No event that is waited for takes this long unless something is broken.
+work=$(mktemp -d) || exit 2
+readonly work log=$work/log
+pid=
+port=
+failures=0
+checks=0
+
+cleanup() {
+    [ -z "$pid" ] || kill -KILL "$pid" 2>/dev/null
+    rm -rf "$work"
+}
+trap cleanup EXIT
+
+give_up() {
+    echo "demo: $1" >&2
+    [ ! -s "$log" ] || sed 's/^/    log: /' "$log" >&2
+    exit 2
+}
+
+# --- What the transcript looks like ---
+
+title() { printf '\n== %s ==\n' "$1"; }
+show() { printf '$ %s\n' "$1" | cut -c 1-100; }
+indent() { head -n 16 <<<"$1" | tr -d '\r' | cut -c 1-100 | sed 's/^/    /'; }
+
+# pass_if TEXT COMMAND...: one check, which the command decides.
+pass_if() {
+    local text=$1
+    shift
+    checks=$((checks + 1))
+    if "$@"; then
+        echo "  ok: $text"
+    else
+        echo "  DIFFERS: $text"
+        failures=$((failures + 1))
+    fi
+}
+
+matches() { grep -Eq -- "$2" <<<"$1"; }
+lacks() { ! grep -Eq -- "$2" <<<"$1"; }
+
+# wait_until COMMAND...: polls until the command succeeds. Fails after the limit.
+wait_until() {
+    local end=$((SECONDS + limit_s))
+    until "$@"; do
+        [ "$SECONDS" -lt "$end" ] || return 1
+        sleep 0.05
+    done
+}
+
+# --- Ways to talk to the daemon ---
+
+# ask ARGUMENT... PATH: what curl gets, head included, is in $answer.
+ask() {
+    local path=${*: -1}
+    show "curl ${*:1:$#-1}${2:+ }http://127.0.0.1:$port$path"
+    answer=$(curl -sSi --max-time "$limit_s" "${@:1:$#-1}" "http://127.0.0.1:$port$path" 2>&1)
+    indent "$answer"
+}
+
+# get PATH: the body alone, without a word in the transcript.
+get() { curl -s --max-time "$limit_s" "http://127.0.0.1:$port$1"; }
+
+# status_has REGEX: whether a line of /status matches.
+status_has() { get /status | grep -Eq -- "$1"; }
+
+# connect: opens a connection of its own, whose descriptor is in $link.
+connect() { exec {link}<>"/dev/tcp/127.0.0.1/$port" || give_up "cannot connect"; }
+
+# raw TEXT: sends exactly these bytes (a printf format); the answer up to its end is in $answer, and
+# its first line in the transcript.
+raw() {
+    show "printf '$1' >/dev/tcp/127.0.0.1/$port"
+    connect
+    # shellcheck disable=SC2059 # The text is a format, for the sake of its escapes.
+    printf "$1" >&"$link"
+    read_link
+    indent "$(head -n 1 <<<"$answer")"
+}
+
+# read_link: reads $link to its end and closes it.
+read_link() {
+    answer=$(timeout "$limit_s" cat <&"$link")
+    exec {link}>&-
+}
+
+now_ms() { echo $((${EPOCHREALTIME/[.,]/} / 1000)); }
+
+# --- The daemon's life ---
+
+port_line() { grep -Eo '^listening on 127\.0\.0\.1:[0-9]+$' "$work/out"; }
+started() { port_line >/dev/null || ! kill -0 "$pid" 2>/dev/null; }
+
+# start ARGUMENT...: starts the daemon and waits until it listens.
+start() {
+    show "bundled $* &"
+    : >"$work/out"
+    "$daemon" "$@" >"$work/out" 2>>"$log" &
+    pid=$!
+    wait_until started || give_up "the daemon said nothing"
+    port=$(port_line) || give_up "the daemon did not start"
+    port=${port##*:}
+    indent "$(port_line)"
+}
+
+# stop SIGNAL: ends the daemon; its exit status is in $code.
+stop() {
+    show "kill -$1 \$!; wait"
+    kill "-$1" "$pid"
+    wait_until has_ended || give_up "the daemon does not end"
+    wait "$pid"
+    code=$?
+    pid=
+    indent "exit status $code"
+}
+
+# A zombie has ended: only its parent's wait is missing.
+has_ended() { ! grep -q '^State:[[:space:]]*[^Z]' "/proc/$pid/status" 2>/dev/null; }
+
+write_config() {
+    cat >"$work/config" <<END
+# Written by demo.sh.
+greeting = $1
+idle-ms = $idle_ms
+run-bytes = 1000000
+command.hello = echo hello
+command.fail = echo 'no such luck' >&2; exit 3
+command.descriptors = cd /proc/self/fd && echo *
+command.nap = sleep 0.3; echo rested
+command.big = head -c 900000 /dev/zero | tr '\\0' x
+command.flood = yes
+command.long = echo \$\$ >$work/long.pid; exec sleep 60
+${2:-}
+END
+}
+
+# --- The scenes ---
+
+serves_its_pages() {
+    title "Pages"
+    ask /
+    pass_if "greeting shown" matches "$answer" '^Good morning'
+    pass_if "length and close announced" matches "$answer" '^Content-Length: [0-9]+'
+    pass_if "connection closed" matches "$answer" '^Connection: close'
+    wait_until status_has '^status line: .*UTC, up [0-9]+ s$'
+    ask /status
+    pass_if "counts connections" matches "$answer" '^connections served: [1-9]'
+    pass_if "only this one open" matches "$answer" '^open connections: 1$'
+    pass_if "status line refreshed in the background" matches "$answer" '^status line: .*UTC, up'
+    ask --http1.0 /status
+    pass_if "HTTP/1.0 as well" matches "$answer" '^HTTP/1.0 200'
+    ask --head /status
+    pass_if "HEAD announces a length" matches "$answer" '^Content-Length: [1-9]'
+    pass_if "HEAD has no body" lacks "$answer" '^uptime'
+}
+
+runs_commands() {
+    title "Commands"
+    ask '/run?hello'
+    pass_if "output and exit status" matches "$(tail -n 2 <<<"$answer" | tr '\n' ' ')" \
+        '^hello exit status 0 $'
+    ask '/run?fail'
+    pass_if "stderr and another status" matches "$answer" '^no such luck$'
+    pass_if "exit status told" matches "$answer" '^exit status 3$'
+    ask '/run?descriptors'
+    pass_if "none of the daemon's descriptors" matches "$answer" '^0 1 2( 3)?$'
+    ask '/run?unheard-of'
+    pass_if "404 for a command that isn't listed" matches "$answer" '^HTTP/1.0 404'
+    show "curl http://127.0.0.1:$port/run?big | head -n 1 | wc -c"
+    answer=$(get '/run?big' | head -n 1 | wc -c)
+    indent "$answer"
+    pass_if "900000 bytes came whole" test "$answer" -eq 900001
+    show "curl http://127.0.0.1:$port/run?flood | tail -n 2"
+    answer=$(get '/run?flood' | tail -n 2)
+    indent "$answer"
+    pass_if "endless output cut" matches "$answer" '^\(cut after 1000000 bytes\)$'
+    pass_if "and its command killed" matches "$answer" '^signal 9$'
+}
+
+refuses_bad_requests() {
+    title "Bad requests"
+    ask /nowhere
+    pass_if "unknown path" matches "$answer" '^HTTP/1.0 404'
+    ask -X DELETE /status
+    pass_if "wrong method" matches "$answer" '^HTTP/1.0 405'
+    pass_if "allowed methods named" matches "$answer" '^Allow: GET, HEAD'
+    ask -X GET --data some-text /status
+    pass_if "a body" matches "$answer" '^HTTP/1.0 413'
+    ask -H "X-Long: $(printf 'x%.0s' {1..9000})" /status
+    pass_if "header too long" matches "$answer" '^HTTP/1.0 431'
+    ask "/$(printf 'x%.0s' {1..2000})"
+    pass_if "request line too long" matches "$answer" '^HTTP/1.0 414'
+
+    local text status
+    while IFS=$'\t' read -r status text; do
+        raw "$text"
+        pass_if "$status" matches "$answer" "^HTTP/1.0 $status"
+    done <<'TABLE'
+400	GARBAGE\r\n\r\n
+400	GET /status\r\n\r\n
+400	GET status HTTP/1.0\r\n\r\n
+400	GET /a b HTTP/1.0\r\n\r\n
+400	GET /status HTTP/1.0\r\nno colon here\r\n\r\n
+400	GET /status HTTP/1.0\r\nA\0B: c\r\n\r\n
+400	GET /status HTTP/1.0\r\nContent-Length: -1\r\n\r\n
+505	GET /status HTTP/2.0\r\n\r\n
+200	\r\nGET /status HTTP/1.1\nHost: me\n\n
+200	GET http://localhost/status HTTP/1.1\r\nHost: localhost\r\n\r\n
+TABLE
+}
+
+bears_slow_clients() {
+    title "Slow clients"
+    show "# one connection says nothing, one sends half a request, eight more are served meanwhile"
+    local begin
+    begin=$(now_ms)
+    connect
+    local silent=$link
+    connect
+    local half=$link
+    printf 'GET /sta' >&"$half"
+    show "curl http://127.0.0.1:$port/run?nap & # eight times"
+    local i jobs=()
+    for i in {1..8}; do
+        get '/run?nap' >"$work/nap.$i" &
+        jobs+=($!)
+    done
+    wait "${jobs[@]}"
+    pass_if "all eight answered" test "$(grep -lx rested "$work"/nap.* | wc -l)" -eq 8
+    pass_if "and not one after another" test $(($(now_ms) - begin)) -lt 2400
+    link=$silent
+    read_link
+    indent "$answer"
+    pass_if "408 for the silent one" matches "$answer" '^HTTP/1.0 408'
+    pass_if "not before its time" test $(($(now_ms) - begin)) -ge $((idle_ms - 5))
+    link=$half
+    read_link
+    pass_if "408 for the half request" matches "$answer" '^HTTP/1.0 408'
+
+    show "curl --limit-rate 500K http://127.0.0.1:$port/run?big | head -n 1 | wc -c"
+    answer=$(curl -s --limit-rate 500K "http://127.0.0.1:$port/run?big" | head -n 1 | wc -c)
+    indent "$answer"
+    pass_if "whole, though it took longer than the idle time" test "$answer" -eq 900001
+    show "printf 'GET /run?big ...' >/dev/tcp/127.0.0.1/$port # a reader that stops now and then"
+    connect
+    printf 'GET /run?big HTTP/1.0\r\n\r\n' >&"$link"
+    for i in {1..10}; do
+        head -c 85000 <&"$link"
+        sleep 0.2
+    done >"$work/slow"
+    read_link
+    answer=$(cat "$work/slow" - <<<"$answer" | grep -a '^xx' | wc -c)
+    indent "$answer"
+    pass_if "whole, too" test "$answer" -eq 900001
+    show "printf 'GET /run?big ...' >/dev/tcp/127.0.0.1/$port # a reader that has stopped for good"
+    connect
+    printf 'GET /run?big HTTP/1.0\r\n\r\n' >&"$link"
+    pass_if "dropped" wait_until status_has '^connections timed out: 3$'
+    exec {link}>&-
+
+    show "curl --max-time 0.3 http://127.0.0.1:$port/run?long # a client that goes away"
+    curl -s --max-time 0.3 "http://127.0.0.1:$port/run?long"
+    pass_if "its command is gone, too" wait_until status_has '^children running: 0$'
+    pass_if "no connection is left" wait_until status_has '^open connections: 1$'
+}
+
+bears_many_requests() {
+    title "Many requests"
+    show "curl 'http://127.0.0.1:$port/?[1-200]' | grep -c Good"
+    answer=$(get '/?[1-200]' | grep -c '^Good morning')
+    indent "$answer"
+    pass_if "200 answers" test "$answer" -eq 200
+}
+
+reloads() {
+    title "Reload"
+    write_config "Good evening" "command.new = echo new"
+    show "kill -HUP \$! # with another greeting and a new command"
+    kill -HUP "$pid"
+    pass_if "seen" wait_until status_has '^reloads: 1$'
+    ask /
+    pass_if "new greeting" matches "$answer" '^Good evening'
+    ask '/run?new'
+    pass_if "new command" matches "$answer" '^new$'
+
+    write_config "Good night" "idle-ms = soon"
+    show "kill -HUP \$! # with a line that makes no sense"
+    kill -HUP "$pid"
+    pass_if "seen" wait_until status_has '^reloads refused: 1$'
+    indent "$(tail -n 1 "$log")"
+    pass_if "reason logged" matches "$(cat "$log")" 'refused: line [0-9]+ is not a valid setting'
+    ask /
+    pass_if "the old greeting stands" matches "$answer" '^Good evening'
+}
+
+ends_cleanly() {
+    title "End"
+    rm -f "$work/long.pid"
+    get '/run?long' >/dev/null &
+    local client=$!
+    wait_until test -s "$work/long.pid"
+    stop TERM
+    pass_if "SIGTERM ends it with status 0" test "$code" -eq 0
+    pass_if "a running command goes with it" test ! -e "/proc/$(cat "$work/long.pid")"
+    wait "$client"
+    start --port 0
+    stop INT
+    pass_if "SIGINT as well" test "$code" -eq 0
+    show "bundled --config $work/config # with the line that makes no sense"
+    answer=$(timeout "$limit_s" "$daemon" --config "$work/config" 2>&1)
+    code=$?
+    indent "$answer"
+    pass_if "a bad configuration stops the start" test "$code" -eq 1
+}
+
+# A "date" that, once the command "overtaken" waits for it, doesn't end before that command has. So
+# the command ends while the background task holds the loop.
+write_slow_date() {
+    mkdir "$work/bin"
+    cat >"$work/bin/date" <<END
+#!/bin/sh
+cd $work
+if [ -e waits ] && [ ! -e begun ]; then
+    touch begun
+    for i in \$(seq 200); do [ -e ended ] || sleep 0.05; done
+    sleep 0.2
+fi
+exec /bin/date "\$@"
+END
+    chmod +x "$work/bin/date"
+}
+
+notices_every_end() {
+    title "A command that ends while the background task runs"
+    write_slow_date
+    local wait_for_task="until [ -e begun ]; do sleep 0.02; done"
+    write_config "Good morning" \
+        "command.overtaken = cd $work; touch waits; $wait_for_task; touch ended; echo over"
+    PATH=$work/bin:$PATH start --port 0 --config "$work/config" --status-delay 1
+    show "curl http://127.0.0.1:$port/run?overtaken &"
+    get '/run?overtaken' >"$work/overtaken" &
+    local client=$!
+    wait_until test -e "$work/waits"
+    ask /status
+    wait "$client"
+    indent "$(cat "$work/overtaken")"
+    pass_if "its end was noticed" matches "$(cat "$work/overtaken")" '^exit status 0$'
+    stop TERM
+}
+
+[ $# -eq 1 ] || give_up "usage: demo.sh BUILD_DIR"
+for daemon in "$1/bundled" "$1/examples/bundled/bundled"; do
+    [ ! -f "$daemon" ] || break
+done
+[ -x "$daemon" ] || give_up "no program bundled in $1"
+command -v curl >/dev/null || give_up "curl is missing"
+
+write_config "Good morning"
+start --port 0 --config "$work/config"
+serves_its_pages
+runs_commands
+refuses_bad_requests
+bears_slow_clients
+bears_many_requests
+reloads
+ends_cleanly
+notices_every_end
+pass_if "no sanitizer has complained" lacks "$(cat "$log")" 'Sanitizer|runtime error'
+
+printf '\n%s checks, %s differ\n' "$checks" "$failures"
+[ "$failures" -eq 0 ]

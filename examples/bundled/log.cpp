@@ -1,0 +1,20 @@
+#include "log.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+
+namespace bundled {
+
+void log_line(const char* format, ...) {
+    const int saved_errno = errno;
+    char text[512];
+    va_list args;
+    va_start(args, format);
+    (void)std::vsnprintf(text, sizeof text, format, args);  // A line that is too long is cut.
+    va_end(args);
+    (void)std::fprintf(stderr, "bundled: %s\n", text);  // There is no one left to tell.
+    errno = saved_errno;
+}
+
+}  // namespace bundled

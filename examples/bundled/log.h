@@ -1,0 +1,12 @@
+/** The daemon's log: lines on stderr. */
+#ifndef BUNDLED_LOG_H
+#define BUNDLED_LOG_H
+
+namespace bundled {
+
+/** Writes one line, "bundled: " and the formatted text, without touching errno. */
+void log_line(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+}  // namespace bundled
+
+#endif

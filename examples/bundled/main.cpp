@@ -1,0 +1,173 @@
+/*
+ * bundled: a small HTTP daemon on one event loop. This file is its life: start, signals, end.
+ *
+ * A caught signal that arrives while no loop runs is dropped. So the signals are blocked from
+ * before they are watched until a timer tells that the loop runs; one that comes early waits.
+ */
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/select.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <tessra/eventloop.h>
+
+#include "config.h"
+#include "descriptor.h"
+#include "log.h"
+#include "options.h"
+#include "routes.h"
+
+namespace bundled {
+
+namespace {
+
+constexpr int kExitUsage = 2;
+constexpr int kWatchedSignals[] = {SIGTERM, SIGINT, SIGHUP, SIGUSR1};
+
+struct Life {
+    const Options& options;
+    Daemon& daemon;
+};
+
+// Descriptors 0 to 2 are always taken, so that no socket or pipe becomes someone's stdout.
+bool open_standard_descriptors() {
+    int fd;
+    do {
+        fd = open("/dev/null", O_RDWR);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd > STDERR_FILENO) {
+        (void)close(fd);
+    }
+    return fd >= 0;
+}
+
+// select() takes no descriptor from FD_SETSIZE on, so running out is made to happen there, as
+// EMFILE where a descriptor is made.
+bool limit_descriptors() {
+    struct rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return false;
+    }
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_cur, FD_SETSIZE);
+    return setrlimit(RLIMIT_NOFILE, &limit) == 0;
+}
+
+bool mask_watched_signals(int how) {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int number : kWatchedSignals) {
+        sigaddset(&signals, number);
+    }
+    return sigprocmask(how, &signals, nullptr) == 0;
+}
+
+// Reads the file over the defaults of the command line. After a failure the old settings stand.
+bool configure(const Life& life) {
+    Config config;
+    if (life.options.idle_ms != 0) {
+        config.idle_ms = life.options.idle_ms;
+    }
+    const char* path = life.options.config_path;
+    std::string error;
+    if (path != nullptr && !load_config(path, config, error)) {
+        log_line("configuration %s refused: %s", path, error.c_str());
+        return false;
+    }
+    life.daemon.server.set_idle_ms(config.idle_ms);
+    life.daemon.config = std::move(config);
+    return true;
+}
+
+void reload(Life& life) {
+    Counters& counters = life.daemon.counters;
+    if (configure(life)) {
+        ++counters.reloads;
+        log_line("configuration reloaded");
+    } else {
+        ++counters.reloads_refused;
+    }
+}
+
+void on_signal(int number, siginfo_t* /*info*/, void* arg) noexcept {
+    auto* life = static_cast<Life*>(arg);
+    ++life->daemon.counters.signals_seen;
+    if (number == SIGHUP) {
+        reload(*life);
+    } else if (number == SIGUSR1) {
+        log_line("%u open connections, %u commands running", life->daemon.server.open_connections(),
+                 life->daemon.commands.running());
+    } else {
+        cancel_loop();
+    }
+}
+
+void on_loop_runs(void* arg) noexcept {
+    auto* life = static_cast<Life*>(arg);
+    (void)mask_watched_signals(SIG_UNBLOCK);  // The same call succeeded with SIG_BLOCK.
+    life->daemon.status_line.refresh();
+    std::printf("listening on 127.0.0.1:%u\n", life->daemon.server.port());
+    if (std::fflush(stdout) != 0) {
+        log_line("cannot write to stdout: %s", std::strerror(errno));
+    }
+}
+
+bool watch_signals(Life& life) {
+    (void)signal(SIGPIPE, SIG_IGN);  // A client that has gone is an error of send().
+    if (!mask_watched_signals(SIG_BLOCK)) {
+        return false;
+    }
+    for (const int number : kWatchedSignals) {
+        if (!watch_signal(on_signal, &life, number)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+int run(const Options& options) {
+    if (!open_standard_descriptors() || !limit_descriptors()) {
+        log_line("cannot prepare the descriptors: %s", std::strerror(errno));
+        return EXIT_FAILURE;
+    }
+    Daemon daemon(options.max_connections);
+    Life life = {options, daemon};
+    if (!configure(life)) {
+        return EXIT_FAILURE;
+    }
+    if (!watch_signals(life) || !daemon.status_line.open(options.status_delay_s) ||
+        !arm_timer(on_loop_runs, &life, 0)) {
+        log_line("cannot start: %s", std::strerror(errno));
+        return EXIT_FAILURE;
+    }
+    if (!daemon.server.listen_on(options.port)) {
+        return EXIT_FAILURE;
+    }
+    daemon.started_ms = event_get_time();
+    if (et_event_loop() != 0) {
+        log_line("the event loop did not start");
+        return EXIT_FAILURE;
+    }
+    return EXIT_SUCCESS;
+}
+
+}  // namespace
+
+}  // namespace bundled
+
+int main(int argc, char** argv) {
+    bundled::Options options;
+    if (!bundled::parse_options(argc, argv, options)) {
+        return bundled::kExitUsage;
+    }
+    if (options.help) {
+        return std::fputs(bundled::usage(), stdout) < 0 ? EXIT_FAILURE : EXIT_SUCCESS;
+    }
+    return bundled::run(options);
+}

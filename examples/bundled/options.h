@@ -1,0 +1,24 @@
+/** The command line. */
+#ifndef BUNDLED_OPTIONS_H
+#define BUNDLED_OPTIONS_H
+
+namespace bundled {
+
+struct Options {
+    unsigned int port = 0;  ///< 0 takes a free one.
+    const char* config_path = nullptr;
+    unsigned int idle_ms = 0;  ///< 0 if not given. A configuration file goes before it.
+    unsigned int max_connections = 64;
+    unsigned int status_delay_s = 2;
+    bool help = false;
+};
+
+/** Reads the command line into @p options. False with a line in the log if it is wrong. */
+bool parse_options(int argc, char** argv, Options& options);
+
+/** The text of --help. */
+const char* usage();
+
+}  // namespace bundled
+
+#endif

@@ -1,0 +1,35 @@
+/** What the daemon serves. */
+#ifndef BUNDLED_ROUTES_H
+#define BUNDLED_ROUTES_H
+
+#include "commands.h"
+#include "config.h"
+#include "server.h"
+#include "status.h"
+
+namespace bundled {
+
+/** The daemon's state, as far as requests show it or change it. */
+struct Daemon {
+    explicit Daemon(unsigned int max_connections);
+
+    Config config;
+    Counters counters;
+    StatusLine status_line;
+    CommandRunner commands;
+    Server server;  ///< Last, so that it goes first: its connections abandon their commands.
+    unsigned long long started_ms = 0;
+};
+
+/**
+ * Answers one request, a Server::RequestHandler with a Daemon as argument.
+ *
+ *     /            the greeting and this table
+ *     /status      counters and status line
+ *     /run?NAME    runs the configured command NAME
+ */
+void route_request(void* daemon, Connection& connection, const Request& request);
+
+}  // namespace bundled
+
+#endif

@@ -1,0 +1,136 @@
+#include "server.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "log.h"
+
+namespace bundled {
+
+namespace {
+
+// The other watchers get their turn after so many new clients.
+constexpr unsigned int kMaxAcceptsPerPass = 16;
+
+// How long accepting rests when the system has no descriptor or no memory for a new client.
+constexpr unsigned int kAcceptRetryMs = 100;
+
+sockaddr_in loopback_address(unsigned int port) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<in_port_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
+bool bind_and_listen(int fd, unsigned int port) {
+    const int on = 1;
+    const sockaddr_in address = loopback_address(port);
+    return setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0 &&
+           bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+           listen(fd, SOMAXCONN) == 0;
+}
+
+unsigned int bound_port(int fd) {
+    sockaddr_in address = {};
+    socklen_t length = sizeof address;
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        return 0;
+    }
+    return ntohs(address.sin_port);
+}
+
+// Errors of a client that has gone again, not of this end.
+bool is_clients_error(int error) {
+    return error == ECONNABORTED || error == EPROTO || error == EINTR;
+}
+
+}  // namespace
+
+Server::Server(RequestHandler handler, void* arg, unsigned int max_connections)
+    : handler_(handler), arg_(arg), max_connections_(max_connections) {
+    list_init(&connections_);
+}
+
+Server::~Server() {
+    event_timer_del(on_retry, this);
+    listener_.reset();
+    list_t* node;
+    dll_foreach(node, &connections_) {
+        connection_close(reinterpret_cast<Connection*>(node));
+    }
+}
+
+bool Server::listen_on(unsigned int port) {
+    listener_.reset(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!listener_.is_open() || !bind_and_listen(listener_.get(), port)) {
+        log_line("cannot listen on port %u: %s", port, std::strerror(errno));
+        return false;
+    }
+    port_ = bound_port(listener_.get());
+    accepting_ = listener_.watch(on_client, this, EVENT_FD_READ);
+    if (!accepting_) {
+        log_line("cannot watch the listening socket: %s", std::strerror(errno));
+    }
+    return accepting_;
+}
+
+void Server::add(Connection& connection) {
+    list_add_tail(&connections_, &connection.link);
+    ++open_;
+    ++served_;
+}
+
+void Server::connection_closed() {
+    --open_;
+    resume_accepting();
+}
+
+void Server::on_client(int /*fd*/, void* arg) noexcept {
+    static_cast<Server*>(arg)->accept_clients();
+}
+
+void Server::on_retry(void* arg) noexcept { static_cast<Server*>(arg)->resume_accepting(); }
+
+void Server::accept_clients() {
+    for (unsigned int accepted = 0; accepted < kMaxAcceptsPerPass; ++accepted) {
+        if (open_ >= max_connections_) {
+            pause_accepting();  // The rest waits in the kernel's queue until a connection closes.
+            return;
+        }
+        const int fd = accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd >= 0) {
+            connection_open(*this, fd);
+        } else if (errno == EAGAIN) {
+            return;
+        } else if (!is_clients_error(errno)) {
+            // The client stays in the queue and the socket readable, so going on would spin.
+            log_line("no new connections for %u ms: %s", kAcceptRetryMs, std::strerror(errno));
+            pause_accepting();
+            (void)arm_timer(on_retry, this, kAcceptRetryMs);  // Else the next close resumes.
+            return;
+        }
+    }
+}
+
+void Server::pause_accepting() {
+    listener_.unwatch();
+    accepting_ = false;
+}
+
+void Server::resume_accepting() {
+    if (accepting_ || !listener_.is_open() || open_ >= max_connections_) {
+        return;
+    }
+    event_timer_del(on_retry, this);
+    accepting_ = listener_.watch(on_client, this, EVENT_FD_READ);
+    if (!accepting_) {
+        (void)arm_timer(on_retry, this, kAcceptRetryMs);  // Else the next close tries again.
+    }
+}
+
+}  // namespace bundled

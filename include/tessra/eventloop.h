@@ -1,0 +1,463 @@
+/**
+ * @file eventloop.h
+ * A select() event loop with timers and watchers of descriptors, signals and child processes.
+ *
+ * Life: register watchers, run the loop, cancel it.
+ *
+ *     event_timer_add(tick, NULL, 1000);
+ *     event_signal_add(on_term, NULL, SIGTERM);     // on_term calls cancel_loop()
+ *     int failed = et_event_loop();                 // 0 after the cancel
+ *
+ * Contexts. A context is one loop's watchers, wake-up channel and locks. A process has a default
+ * context, which the plain functions work on, and may make others with event_mc_init(), which the
+ * functions with the suffix _mc take as first argument. Apart from that the two forms are the same.
+ *
+ * Handlers run on the loop's thread, one after another, inside a pass: first the handlers of ready
+ * descriptors in order of adding, then those of at most one caught signal, then those of due
+ * timers. A handler may add and delete watchers of any kind, itself and its neighbours included,
+ * may cancel the loop, and may run one nested pass with do_events(). It must not let a C++
+ * exception out, must not end the context, and must not block for long: everything else waits for it.
+ *
+ * Threads. Every function may be called from any thread except where it says otherwise; none may be
+ * called from a signal handler. A change made on another thread wakes the loop. Descriptor, signal
+ * and child handlers run with the locks of their watcher lists held, so that an add or delete of
+ * such a watcher on another thread waits until they are done: a handler that waits for a thread
+ * which is in such a call never ends. Timer handlers run without a lock.
+ *
+ * Signals that arrive while no loop runs are dropped. A daemon that must not miss an early SIGTERM
+ * blocks it before event_signal_add() and unblocks it in a timer armed with 0, which the loop's first
+ * pass runs.
+ *
+ * Failure of an add. The add functions have no result. One that can't register (ENOMEM, EMFILE,
+ * EINVAL as told there) registers nothing, changes nothing and sets errno; one that registers
+ * leaves errno as it was. Set errno to 0 before the call to tell.
+ *
+ * After fork() a child has no loop: signals caught there reach no context, and the wake-up channel
+ * is closed on exec. A child of fork() that doesn't exec may run a loop on a context that was idle
+ * at the time of the fork.
+ *
+ * All times are milliseconds of the clock of event_get_time(), which no one can set.
+ */
+#ifndef TESSRA_EVENTLOOP_H
+#define TESSRA_EVENTLOOP_H
+
+#include <signal.h>
+#include <time.h>
+
+/* Strict ISO C hides siginfo_t in <signal.h>; a handler's type needs it all the same. */
+#if !defined(__USE_POSIX199309) && defined(__GLIBC__) && !defined(__UCLIBC__)
+#include <bits/types/siginfo_t.h>
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#pragma GCC visibility push(default)
+
+/** One loop: its watchers, its wake-up channel and its locks. Opaque. */
+typedef struct event_loop_ctx* event_loop_ctx_tp;
+
+/**
+ * @name Contexts
+ * @{
+ */
+
+/**
+ * Makes a new idle context.
+ *
+ * Returns the context, which the caller ends with event_mc_free(), or NULL with errno ENOMEM.
+ * Threads: any. Blocks: never.
+ */
+event_loop_ctx_tp event_mc_init(void);
+
+/**
+ * Releases a context of event_mc_init() and all its watchers; no handler runs.
+ *
+ * @param ctx  a context whose loop never ran or has returned; NULL is allowed and does nothing
+ *
+ * If the process's child watchers were set up on this context (see event_process_add()), they
+ * stop working for good. Threads: any, but no other thread may use the context any more.
+ */
+void event_mc_free(event_loop_ctx_tp ctx);
+
+/** @} */
+
+/**
+ * @name Running a loop
+ * @{
+ */
+
+/**
+ * Runs the loop of @p el_ctx on the calling thread until cancel_loop_mc().
+ *
+ * The start makes the wake-up channel: a FIFO named "/tmp/evtloop" and the process id, whose name
+ * is removed again as soon as both its ends are open. Both ends are closed on exec.
+ *
+ * Returns 0 after a cancel, once the pass under way has finished. Returns -1 if the loop didn't
+ * start: it runs already, or has not yet returned from a cancelled run (nothing is logged, nothing
+ * changes, errno is EBUSY), or the channel can't be made (errno is that of the failing call, EMFILE for
+ * a descriptor that doesn't fit an fd_set, EPERM for a name that isn't a FIFO of this user; a line goes
+ * to liblog, zone 6, level 1). A FIFO that
+ * couldn't be opened stays in /tmp and is used again by the next start; anything under that name
+ * that isn't a FIFO of this user fails the start. Watchers are kept when a start fails.
+ *
+ * At the end of its loop the default context drops all its watchers without running them; another
+ * context keeps them for its next run. Dispositions of signals stay as event_signal_add() set them.
+ *
+ * Two failures end the process. A watched descriptor that has been closed: exit(-1), no message.
+ * A select() that fails for another reason: a message to liblog, then exit(1).
+ *
+ * Clock: a pause of more than 24 hours in handlers or in the wait, or a step back, counts as a jump
+ * of the clock: all deadlines move along with it.
+ *
+ * Threads: any thread may run a loop; one at a time per context. Blocks: until the cancel.
+ */
+int et_event_loop_mc(event_loop_ctx_tp el_ctx);
+/** et_event_loop_mc() on the default context. */
+int et_event_loop(void);
+
+/**
+ * Ends the loop of @p el_ctx: the pass under way finishes all its handlers, then et_event_loop_mc()
+ * returns 0. On an idle context it has no lasting effect. Threads: any. Blocks: never.
+ */
+void cancel_loop_mc(event_loop_ctx_tp el_ctx);
+/** cancel_loop_mc() on the default context. */
+void cancel_loop(void);
+
+/**
+ * Runs one nested pass from inside a handler: waits for a ready descriptor or a wake-up for at most
+ * @p timeout milliseconds, then runs the handlers of what is ready and of all due timers.
+ *
+ * @param el_ctx   the context whose handler is running
+ * @param timeout  0 (poll) to 2147483; timers don't shorten the wait
+ *
+ * Returns 0 if a pass ran, also when nothing was ready. Returns -1 without a pass on any other
+ * thread than the loop's, when the loop doesn't run, inside another do_events() pass of this
+ * context, after a signal interrupted the wait (its handler runs in a later pass), when select()
+ * goes on failing, and with errno EINVAL for a @p timeout above 2147483. As in the main loop, a
+ * watched descriptor that has been closed ends the process with exit(-1).
+ *
+ * The nested pass can run the calling handler again if its descriptor is still ready. From a
+ * descriptor, signal or child handler, other threads' changes of such watchers wait until it is over.
+ */
+int do_events_mc(event_loop_ctx_tp el_ctx, unsigned int timeout);
+/** do_events_mc() on the default context. */
+int do_events(unsigned int timeout);
+
+/** Returns 1 if the calling thread runs the loop of @p el_ctx now, else 0. Threads: any. */
+int is_event_loop_thread_mc(event_loop_ctx_tp el_ctx);
+/** is_event_loop_thread_mc() on the default context. */
+int is_event_loop_thread(void);
+
+/** Returns the loop's clock, CLOCK_MONOTONIC_RAW, in milliseconds (truncated). Threads: any. */
+long long unsigned int event_get_time(void);
+/** Returns the seconds of the loop's clock. Threads: any. */
+time_t event_get_time_sec(void);
+
+/** @} */
+
+/**
+ * @name Timers
+ * A timer fires once; a handler that wants to be periodic arms itself again. A timer is known by
+ * its handler and argument. The same pair may be armed several times.
+ * @{
+ */
+
+/**
+ * Called when a timer is due, on the loop's thread, with no lock held. The timer is off the list by
+ * then: event_timer_exists() doesn't see it and event_timer_del() doesn't reach it.
+ * @param arg  as given to event_timer_add(); never looked at or freed by the library
+ */
+typedef void (*timer_handler_t)(void* arg);
+
+/**
+ * Arms a new timer.
+ *
+ * @param el_ctx   context whose loop will run the handler; it need not run yet
+ * @param handler  not null
+ * @param arg      handed to @p handler
+ * @param timeout  milliseconds from now, below 2^63; 0 fires in the next timer phase
+ *
+ * Timers fire by deadline, those with the same deadline in order of adding, never early. A late
+ * timer fires once. On a loop that nothing else wakes once a day, a timer more than 24 hours ahead
+ * is taken for a jump of the clock and moved on: re-arm long delays in steps of less than a day.
+ * Failure: ENOMEM. Threads: any. Blocks: never for long.
+ */
+void event_timer_add_mc(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg,
+                        long long unsigned int timeout);
+/** event_timer_add_mc() on the default context. */
+void event_timer_add(timer_handler_t handler, void* arg, long long unsigned int timeout);
+
+/**
+ * Cancels every timer of @p handler with the argument @p arg, or with any argument if @p arg is NULL.
+ *
+ * Called on the loop's thread: no such timer fires any more. Called on another thread: the handler
+ * of a timer that had just become due may still be running when the call returns, and may still
+ * use its argument. Deleting what doesn't exist is no error and wakes the loop.
+ */
+void event_timer_del_mc(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg);
+/** event_timer_del_mc() on the default context. */
+void event_timer_del(timer_handler_t handler, void* arg);
+
+/**
+ * Returns 1 if a timer of @p handler with the argument @p arg (any argument if NULL) is armed,
+ * else 0. A timer whose handler is running is armed no more.
+ */
+int event_timer_exists_mc(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg);
+/** event_timer_exists_mc() on the default context. */
+int event_timer_exists(timer_handler_t handler, void* arg);
+
+/** @} */
+
+/**
+ * @name Descriptor watchers
+ * Level-triggered: a descriptor that stays ready runs its handler in every pass.
+ * @{
+ */
+
+/** Conditions of interest, to be or-ed; what select() takes for readable, writable, exceptional. */
+enum {
+    EVENT_FD_READ = 1,  /**< Readable, at end of file, or a connection waits. */
+    EVENT_FD_WRITE = 2, /**< Writable, or a connect has ended. */
+    EVENT_FD_EXCEPT = 4 /**< Out-of-band data and other exceptional conditions. */
+};
+
+/**
+ * Called when a watched condition holds, on the loop's thread, with the lock of the descriptor and
+ * signal watchers held. It runs once per pass, whatever the number of conditions that hold, and
+ * isn't told which: make the descriptor non-blocking. A condition may be gone again by then, and a
+ * watcher that is added during a pass may run in it for a descriptor number that was ready and has
+ * been closed and opened anew.
+ */
+typedef void (*fd_handler_t)(int fd, void* arg);
+
+/**
+ * Watches a descriptor until event_fd_del_mc().
+ *
+ * @param el_ctx   context whose loop will run the handler; it need not run yet
+ * @param handler  not null
+ * @param arg      handed to @p handler
+ * @param fd       an open descriptor below FD_SETSIZE (1024); stays the caller's
+ * @param type     conditions, or-ed; 0 watches nothing, but the descriptor must still stay open
+ *
+ * One descriptor may have several watchers; each runs by its own conditions, in order of adding.
+ * Failure: ENOMEM; EMFILE for a descriptor at or above FD_SETSIZE. A descriptor that isn't open
+ * ends the process as soon as the loop looks at it (see et_event_loop_mc()).
+ * Threads: any; on another thread than the loop's it waits for running handlers.
+ */
+void event_fd_add_mc(event_loop_ctx_tp el_ctx, fd_handler_t handler, void* arg, int fd, int type);
+/** event_fd_add_mc() on the default context. */
+void event_fd_add(fd_handler_t handler, void* arg, int fd, int type);
+
+/**
+ * Deletes the oldest watcher of @p fd. When it returns, on whatever thread, that watcher's handler
+ * isn't running (unless it is the caller) and will not run again.
+ *
+ * Trap: delete before you close(). Deleting what doesn't exist is no error and wakes the loop.
+ * Threads: any; on another thread than the loop's it waits for running handlers.
+ */
+void event_fd_del_mc(event_loop_ctx_tp el_ctx, int fd);
+/** event_fd_del_mc() on the default context. */
+void event_fd_del(int fd);
+
+/** @} */
+
+/**
+ * @name Signal watchers
+ * @{
+ */
+
+/**
+ * Called for a caught signal, on the loop's thread, as an ordinary function and not in signal
+ * context, with the lock of the descriptor and signal watchers held.
+ *
+ * @param signal  the signal's number
+ * @param info    the record of this delivery, valid during the call; copy what you keep
+ * @param arg     as given to event_signal_add()
+ */
+typedef void (*signal_handler_t)(int signal, siginfo_t* info, void* arg);
+
+/**
+ * Watches a signal until event_signal_del_mc().
+ *
+ * @param el_ctx   context whose loop will run the handler; it need not run yet
+ * @param handler  not null
+ * @param arg      handed to @p handler
+ * @param signal   1 to 31
+ *
+ * From now to the end of the process the signal is caught (SA_SIGINFO, SA_RESTART) and its default
+ * action doesn't happen any more, not even while no loop runs: what arrives then is dropped. Every
+ * running loop gets each caught signal and runs its own watchers of it, in order of adding.
+ * Failure: ENOMEM; EINVAL for a number outside 1 to 31. SIGKILL and SIGSTOP can't be caught: the
+ * watcher stays and never runs, errno is EINVAL.
+ * Threads: any; on another thread than the loop's it waits for running handlers.
+ */
+void event_signal_add_mc(event_loop_ctx_tp el_ctx, signal_handler_t handler, void* arg, int signal);
+/** event_signal_add_mc() on the default context. */
+void event_signal_add(signal_handler_t handler, void* arg, int signal);
+
+/**
+ * Deletes the oldest watcher of @p signal. The signal stays caught. Deleting what doesn't exist is
+ * no error and wakes the loop. Threads: as event_fd_del_mc().
+ */
+void event_signal_del_mc(event_loop_ctx_tp el_ctx, int signal);
+/** event_signal_del_mc() on the default context. */
+void event_signal_del(int signal);
+
+/** @} */
+
+/**
+ * @name Child watchers
+ * @{
+ */
+
+/**
+ * Called once when the child has ended, on the thread of the default context's loop, with the locks
+ * of all three watcher lists but the timers' held. The watcher is gone by then.
+ *
+ * @param pid     as given to event_process_add()
+ * @param arg     as given to event_process_add()
+ * @param status  raw wait status: use WIFEXITED() and its likes
+ * @return        ignored
+ */
+typedef int (*process_handler_t)(int pid, void* arg, int status);
+
+/**
+ * Watches a child for its end, then collects its status, writes "Process PID exited normally CODE"
+ * or "Process PID exited by signal NUMBER" to syslog (LOG_ERR) and calls @p handler.
+ *
+ * @param el_ctx   see the trap below
+ * @param pid      a child of this process; handed to waitpid() unchanged
+ * @param handler  NULL collects the status silently and keeps the watcher
+ * @param arg      handed to @p handler
+ *
+ * Add the watcher as soon as the child exists: one that has ended before is noticed only when
+ * another child ends. Of two watchers of one child the older one is called. Stopped children are
+ * not reported. While event_system() runs, the end of a child is noticed at the next one's end.
+ *
+ * Trap: the first call in a process decides the context. The one SIGCHLD watcher of the process
+ * lives on the default context, whose loop must run, and looks after the children of the context
+ * of that first call alone; watchers on other contexts never fire. It is gone for good once the
+ * default context's loop has ended, SIGCHLD has been deleted there with event_signal_del(), or the
+ * context of the first call has been freed. So use event_process_add() and run the default loop once.
+ *
+ * Failure: ENOMEM. Threads: any; on another thread than the loop's it waits for running handlers.
+ */
+void event_process_add_mc(event_loop_ctx_tp el_ctx, int pid, process_handler_t handler, void* arg);
+/** event_process_add_mc() on the default context. */
+void event_process_add(int pid, process_handler_t handler, void* arg);
+
+/**
+ * Deletes the oldest watcher of @p pid. The child goes on, and its status is the caller's to
+ * collect. Deleting what doesn't exist is no error and wakes the loop. Threads: as event_fd_del_mc().
+ */
+void event_process_del_mc(event_loop_ctx_tp el_ctx, int pid);
+/** event_process_del_mc() on the default context. */
+void event_process_del(int pid);
+
+/** @} */
+
+/**
+ * @name The default loop on a thread of its own
+ * @{
+ */
+
+/**
+ * Runs the default context's loop on a new thread and returns once it runs.
+ *
+ * Returns 0 when the loop runs. Returns -1 if it runs already, on whatever thread, if no thread can
+ * be made, or if the loop doesn't start or is cancelled before its first pass; then no thread is
+ * left, and the watchers are as they were unless the loop had begun. A failing mutex or condition
+ * call is a broken process: a line on stderr, then abort().
+ *
+ * Handlers of timers that are already due may run before it returns.
+ * Threads: one at a time, not from a handler of the default loop. Blocks: until the loop's first pass.
+ */
+int event_loop_async_start(void);
+
+/**
+ * Cancels the loop of event_loop_async_start() and waits for the end of its thread, which drops all
+ * watchers of the default context. Always returns 0.
+ *
+ * Without a thread to wait for it only cancels. Trap: on the loop's own thread it can't wait; it
+ * cancels and returns, and the thread is collected by the next stop or start made elsewhere.
+ * Threads: any but the loop's. Blocks: until the loop's running handlers have returned.
+ */
+int event_loop_async_stop(void);
+
+/**
+ * Timer handler of the start's handshake; exported, but no daemon needs to call it. A null @p arg
+ * is reported on stderr and ends the process with abort().
+ */
+void event_loop_wait_for_async_loop_ready(void* arg);
+
+/** @} */
+
+/**
+ * @name Shell commands
+ * @{
+ */
+
+/**
+ * Formats a command line, runs it with /bin/sh -c and waits for its end.
+ *
+ * @param format  printf format of the command line, whose text is cut after 1023 characters.
+ *                The text goes to a shell: never let foreign text into it unquoted.
+ *
+ * Returns the raw wait status of the shell: use WIFEXITED() and its likes; exit code 127 if the
+ * shell couldn't be started. Returns -1 if no process could be made or the wait failed; after a
+ * wait that a signal interrupted, the command may still be running.
+ *
+ * The command inherits the descriptors 0, 1 and 2 and no others: all below the hard limit of
+ * RLIMIT_NOFILE (1024 if there is none) are closed. Signals that the library catches are back at
+ * their default in it; ignored and blocked ones stay so. While it runs, the whole process ignores SIGINT and SIGQUIT, and SIGCHLD has
+ * its default action: watchers of these three miss what happens meanwhile.
+ *
+ * Threads: any, but one call at a time, event_system_env() included. Blocks: until the shell ends;
+ * on a loop's thread that holds up the whole loop.
+ */
+int event_system(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+/**
+ * event_system() with an environment of its own.
+ *
+ * @param env     null-terminated array of "NAME=value" strings, handed over unchanged; NULL stands
+ *                for the caller's environment
+ * @param format  as in event_system()
+ */
+int event_system_env(const char** env, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
+
+/**
+ * A shell command that runs at most once in a while. The caller fills it, owns it and keeps it alive
+ * as long as a request is pending, that is until the default loop has ended or the command has run;
+ * the library copies nothing and writes only last_ran. Zero last_ran before the first request.
+ */
+typedef struct {
+    char* command_line;         /**< Used as a printf format: write a percent sign as %%. */
+    unsigned int minimum_delay; /**< Least time between two starts, in seconds. */
+    unsigned int last_ran;      /**< System uptime of the last start, in seconds; 0 before that. */
+} bg_task_t;
+
+/**
+ * Requests one run of @p tospawn on the default context's loop: in the next timer phase if its last
+ * start lies minimum_delay seconds back, else as soon as it does. Requests made while one is pending
+ * are served by the same run. The command runs by event_system(): it holds up the loop until its shell
+ * ends (end the command line with & if it is long), and the end of a watched child meanwhile is noticed
+ * only when another one ends. Its status is dropped, and a failing command counts as a run.
+ *
+ * Failure: ENOMEM. Threads: any; two requests made at the same moment on two threads can make two
+ * runs, minimum_delay apart. Blocks: never for long.
+ */
+void run_bg_task(bg_task_t* tospawn);
+
+/** @} */
+
+#pragma GCC visibility pop
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

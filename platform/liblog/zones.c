@@ -1,0 +1,58 @@
+// Which messages are wanted. The environment variable TESSRA_LOG tells, read anew for each message:
+// rules separated by commas, of which the last one that fits a zone counts.
+//
+//     6:2        zone 6 up to level 2
+//     all:1      every zone up to level 1; what counts when the variable isn't set
+//     all:1,6:3  zone 6 up to level 3, the others up to level 1
+//     off        nothing
+//
+// Levels begin at 1, the most important. A zone that no rule fits is silent, and a rule that can't
+// be read fits none.
+#include <limits.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "liblog.h"
+
+static const char kAllZones[] = "all:";
+
+enum {
+    kDefaultLevel = 1,
+    kNoRule = -1
+};
+
+// Reads a decimal number of at least one digit; *text moves behind it. Returns -1 for anything else.
+static int read_number(const char** text) {
+    if (**text < '0' || **text > '9') return -1;
+    char* end;
+    const long number = strtol(*text, &end, 10);
+    *text = end;
+    return number > INT_MAX ? INT_MAX : (int)number;
+}
+
+// Returns the highest wanted level of the zone after one rule, or kNoRule if the rule doesn't fit.
+static int level_of_rule(const char* rule, size_t length, int zone) {
+    if (length == 3 && strncmp(rule, "off", length) == 0) return 0;
+    const char* const end = rule + length;
+    if (strncmp(rule, kAllZones, sizeof kAllZones - 1) == 0) {
+        rule += sizeof kAllZones - 1;
+    } else {
+        if (read_number(&rule) != zone || *rule != ':') return kNoRule;
+        ++rule;
+    }
+    const int level = read_number(&rule);
+    return rule == end ? level : kNoRule;
+}
+
+int logzone_enabled(int zone, int level) {
+    const char* rule = getenv("TESSRA_LOG");
+    if (rule == NULL) return level <= kDefaultLevel;
+    int highest = 0;
+    for (;;) {
+        const size_t length = strcspn(rule, ",");
+        const int found = level_of_rule(rule, length, zone);
+        if (found != kNoRule) highest = found;
+        if (rule[length] == '\0') return highest > 0 && level <= highest;
+        rule += length + 1;
+    }
+}

@@ -1,0 +1,105 @@
+// Child watchers, on top of the one SIGCHLD watcher of the process.
+
+#include <sys/wait.h>
+#include <syslog.h>
+
+#include "eventloop/eventloop_private.h"
+#include "eventloop/watch_list.h"
+
+namespace tessra {
+
+namespace {
+
+// A watcher that has fired while an outer walk has it pinned stays on the list for that walk to
+// reap. It is gone for everyone else: a delete must not find it.
+constexpr int kReported = 2;
+
+constinit std::atomic<int> handler_registered{0};
+
+// Registers the SIGCHLD watcher on the first use. Under the lock that the registration takes anyway,
+// so that two first calls at the same moment make one watcher.
+bool register_sigchld_once(event_loop_ctx_tp el_ctx) {
+    if (handler_registered.load(std::memory_order_acquire) != 0) return true;
+    const RecursiveLock lock(default_el_ctx.eventlists_mutex);
+    if (handler_registered.load(std::memory_order_relaxed) != 0) return true;
+    if (!signal_add(&default_el_ctx, event_sigchld_hndlr, el_ctx, SIGCHLD)) return false;
+    handler_registered.store(1, std::memory_order_release);
+    return true;
+}
+
+void log_end(int pid, int status) {
+    const bool exited = WIFEXITED(status);
+    syslog(LOG_ERR, "Process %d exited %s %d", pid, exited ? "normally" : "by signal",
+           exited ? WEXITSTATUS(status) : WTERMSIG(status));
+}
+
+// Off the list, then the handler, then the end of the record; but a pinned record stays linked.
+void report_and_drop(process_t* child, int status) {
+    const bool pinned = child->locked != 0;
+    if (pinned) {
+        child->to_be_deleted = kReported;
+    } else {
+        list_delete(&child->list);
+    }
+    (void)child->handler(child->pid, child->arg, status);
+    if (!pinned) free(child);
+}
+
+void collect_if_ended(process_t* child) {
+    int status = 0;
+    if (waitpid(child->pid, &status, WNOHANG | WUNTRACED) <= 0) return;
+    if (!WIFEXITED(status) && !WIFSIGNALED(status)) return;
+    if (child->handler == nullptr) return;
+    log_end(child->pid, status);
+    report_and_drop(child, status);
+}
+
+}  // namespace
+
+// One SIGCHLD can stand for several children, so each is tried. The argument is null once the
+// context that it named has been freed.
+void event_sigchld_hndlr(int /*signal*/, siginfo_t* /*info*/, void* arg) {
+    auto* el_ctx = static_cast<event_loop_ctx_tp>(arg);
+    if (el_ctx == nullptr) return;
+    const RecursiveLock lock(el_ctx->processlist_mutex);
+    pinned_walk<process_t, CountedPins>(el_ctx->process_queue, [](process_t* child) {
+        collect_if_ended(child);
+        return true;
+    });
+}
+
+void process_free(event_loop_ctx_tp el_ctx) {
+    const RecursiveLock lock(el_ctx->processlist_mutex);
+    free_all<process_t>(el_ctx->process_queue);
+}
+
+}  // namespace tessra
+
+using namespace tessra;
+
+void event_process_add_mc(event_loop_ctx_tp el_ctx, int pid, process_handler_t handler, void* arg) {
+    auto* child = new_entry<process_t>({{}, pid, handler, arg, 0, 0});
+    if (child == nullptr) return;
+    if (!register_sigchld_once(el_ctx)) {
+        free(child);
+        return;
+    }
+    const RecursiveLock lock(el_ctx->processlist_mutex);
+    list_add_tail(&el_ctx->process_queue, &child->list);
+    ping_eventloop(el_ctx, kWakeUp);
+}
+
+void event_process_add(int pid, process_handler_t handler, void* arg) {
+    event_process_add_mc(&default_el_ctx, pid, handler, arg);
+}
+
+void event_process_del_mc(event_loop_ctx_tp el_ctx, int pid) {
+    const RecursiveLock lock(el_ctx->processlist_mutex);
+    auto* child = find_first<process_t>(el_ctx->process_queue, [pid](const process_t* candidate) {
+        return candidate->pid == pid && candidate->to_be_deleted != kReported;
+    });
+    if (child != nullptr) delete_or_mark(child);
+    ping_eventloop(el_ctx, kWakeUp);
+}
+
+void event_process_del(int pid) { event_process_del_mc(&default_el_ctx, pid); }

@@ -1,0 +1,130 @@
+// Descriptor watchers.
+//
+// The sets for select() are kept and rebuilt only after a change of the list. select() reports a
+// watched descriptor that has been closed by itself, with EBADF, but only one that was open when it
+// was put in: the kernel ignores numbers beyond its table. So a rebuild tests every descriptor, and
+// a watcher without conditions, which is in no set, is tested before every wait.
+
+#include <fcntl.h>
+
+#include "eventloop/eventloop_private.h"
+#include "eventloop/watch_list.h"
+
+namespace tessra {
+
+namespace {
+
+constexpr int kAllConditions = EVENT_FD_READ | EVENT_FD_WRITE | EVENT_FD_EXCEPT;
+
+// A watched descriptor that is closed is a fault of the program that can't be waited out: whatever
+// it is reused for would be taken for the old one. The process ends, without a word.
+void exit_if_closed(int fd) {
+    if (fcntl(fd, F_GETFD) == -1) exit(-1);
+}
+
+// A marked watcher is as good as gone, and its descriptor may be closed already.
+void test_descriptors_locked(event_loop_ctx_tp el_ctx, bool unselected_only) {
+    list_t* node;
+    dll_foreach(node, &el_ctx->fd_queue) {
+        const auto* watcher = entry_of<event_fd_t>(node);
+        if (watcher->to_be_deleted) continue;
+        if (unselected_only && (watcher->type & kAllConditions) != 0) continue;
+        exit_if_closed(watcher->fd);
+    }
+}
+
+void rebuild_sets_locked(event_loop_ctx_tp el_ctx) {
+    test_descriptors_locked(el_ctx, false);
+    WatchedSets& watched = el_ctx->watched;
+    FD_ZERO(&watched.sets.read);
+    FD_ZERO(&watched.sets.write);
+    FD_ZERO(&watched.sets.except);
+    watched.max_fd = kNoFd;
+    watched.has_unselected = false;
+    list_t* node;
+    dll_foreach(node, &el_ctx->fd_queue) {
+        const auto* watcher = entry_of<event_fd_t>(node);
+        if (watcher->to_be_deleted) continue;
+        if (watcher->type & EVENT_FD_READ) FD_SET(watcher->fd, &watched.sets.read);
+        if (watcher->type & EVENT_FD_WRITE) FD_SET(watcher->fd, &watched.sets.write);
+        if (watcher->type & EVENT_FD_EXCEPT) FD_SET(watcher->fd, &watched.sets.except);
+        if ((watcher->type & kAllConditions) == 0) watched.has_unselected = true;
+        if (watcher->fd > watched.max_fd) watched.max_fd = watcher->fd;
+    }
+    watched.stale = false;
+}
+
+bool is_ready(const event_fd_t* watcher, const SelectSets& ready) {
+    return ((watcher->type & EVENT_FD_READ) && FD_ISSET(watcher->fd, &ready.read)) ||
+           ((watcher->type & EVENT_FD_WRITE) && FD_ISSET(watcher->fd, &ready.write)) ||
+           ((watcher->type & EVENT_FD_EXCEPT) && FD_ISSET(watcher->fd, &ready.except));
+}
+
+}  // namespace
+
+// Fills the sets for one select(), the channel included, and returns the largest descriptor.
+int fill_select_sets(event_loop_ctx_tp el_ctx, SelectSets& sets) {
+    const RecursiveLock lock(el_ctx->eventlists_mutex);
+    WatchedSets& watched = el_ctx->watched;
+    if (watched.stale) {
+        rebuild_sets_locked(el_ctx);
+    } else if (watched.has_unselected) {
+        test_descriptors_locked(el_ctx, true);
+    }
+    sets = watched.sets;
+    FD_SET(el_ctx->pong_fd, &sets.read);
+    return watched.max_fd > el_ctx->pong_fd ? watched.max_fd : el_ctx->pong_fd;
+}
+
+void exit_if_descriptor_closed(event_loop_ctx_tp el_ctx) {
+    const RecursiveLock lock(el_ctx->eventlists_mutex);
+    test_descriptors_locked(el_ctx, false);
+}
+
+// The descriptor phase. `ready` stays as select() returned it, whatever handlers do.
+void run_ready_descriptors_locked(event_loop_ctx_tp el_ctx, const SelectSets& ready) {
+    pinned_walk<event_fd_t, CountedPins>(el_ctx->fd_queue, [&ready](event_fd_t* watcher) {
+        if (is_ready(watcher, ready)) watcher->handler(watcher->fd, watcher->arg);
+        return true;
+    });
+}
+
+void event_fd_free(event_loop_ctx_tp el_ctx) {
+    const RecursiveLock lock(el_ctx->eventlists_mutex);
+    free_all<event_fd_t>(el_ctx->fd_queue);
+    el_ctx->watched.stale = true;
+}
+
+}  // namespace tessra
+
+using namespace tessra;
+
+void event_fd_add_mc(event_loop_ctx_tp el_ctx, fd_handler_t handler, void* arg, int fd, int type) {
+    if (fd >= FD_SETSIZE) {
+        errno = EMFILE;
+        return;
+    }
+    auto* watcher = new_entry<event_fd_t>({{}, handler, arg, fd, type, 0, 0});
+    if (watcher == nullptr) return;
+    const RecursiveLock lock(el_ctx->eventlists_mutex);
+    list_add_tail(&el_ctx->fd_queue, &watcher->list);
+    el_ctx->watched.stale = true;
+    ping_eventloop(el_ctx, kWakeUp);
+}
+
+void event_fd_add(fd_handler_t handler, void* arg, int fd, int type) {
+    event_fd_add_mc(&default_el_ctx, handler, arg, fd, type);
+}
+
+void event_fd_del_mc(event_loop_ctx_tp el_ctx, int fd) {
+    const RecursiveLock lock(el_ctx->eventlists_mutex);
+    auto* watcher = find_first<event_fd_t>(
+        el_ctx->fd_queue, [fd](const event_fd_t* candidate) { return candidate->fd == fd; });
+    if (watcher != nullptr) {
+        delete_or_mark(watcher);
+        el_ctx->watched.stale = true;
+    }
+    ping_eventloop(el_ctx, kWakeUp);
+}
+
+void event_fd_del(int fd) { event_fd_del_mc(&default_el_ctx, fd); }

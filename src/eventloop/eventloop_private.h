@@ -1,0 +1,151 @@
+// The event loop's records and what its files offer to one another.
+//
+// Lock order: eventlists_mutex, then timerlist_mutex or processlist_mutex, then rec_mutex. The
+// start and end of a loop also take the mutex of channel.cpp, with none of these held.
+#ifndef TESSRA_EVENTLOOP_PRIVATE_H
+#define TESSRA_EVENTLOOP_PRIVATE_H
+
+#include <pthread.h>
+#include <sys/select.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "internal/assumptions.h"
+#include "internal/guards.h"
+#include "tessra/eventloop.h"
+#include "tessra/list.h"
+#include "tessra/misc.h"
+
+namespace tessra {
+
+using Milliseconds = long long unsigned int;
+
+inline const pthread_t kNoThread = (pthread_t)-1;
+constexpr int kNoFd = -1;
+constexpr char kWakeUp = '-';
+constexpr int kMaxSignal = 31;  // What the first byte of a signal message has room for.
+
+// The three sets of select(), as built from the descriptor watchers or as select() returned them.
+struct SelectSets {
+    fd_set read;
+    fd_set write;
+    fd_set except;
+};
+
+// The sets that the watchers ask for, kept until a watcher comes or goes: building them costs a
+// system call per descriptor. The channel is not in them.
+struct WatchedSets {
+    SelectSets sets;
+    int max_fd;
+    bool has_unselected;  // Some watcher is in no set, so select() doesn't notice its closing.
+    bool stale;
+};
+
+}  // namespace tessra
+
+struct event_loop_ctx {
+    list_t list;  // Node on the list of running loops; see channel.cpp.
+    list_t timer_queue;
+    list_t fd_queue;
+    list_t process_queue;
+    list_t signal_queue;
+    std::atomic<int> ping_fd;  // Written at start and end; read by every thread and the catcher.
+    int pong_fd;               // The loop's thread only, apart from start and end.
+    std::atomic<pthread_t> eloopthread;
+    std::atomic<unsigned char> async_loop_started;
+    std::atomic<pthread_t> async_loop;
+    recursive_mutex timerlist_mutex;   // Guards timer_queue.
+    recursive_mutex eventlists_mutex;  // Guards fd_queue, signal_queue and watched.
+    recursive_mutex processlist_mutex; // Guards process_queue.
+    int do_events_reentrance;          // The loop's thread only.
+    bool in_loop;  // From a start to the end of its run, beyond a cancel. Guarded by channel.cpp.
+    tessra::WatchedSets watched;
+};
+
+namespace tessra {
+
+using event_loop_ctx_t = event_loop_ctx;
+
+extern event_loop_ctx_t default_el_ctx;
+
+struct event_timer_t {
+    list_t list;
+    timer_handler_t handler;
+    void* arg;
+    Milliseconds time;
+    int locked;
+    int to_be_deleted;
+};
+
+struct event_fd_t {
+    list_t list;
+    fd_handler_t handler;
+    void* arg;
+    int fd;
+    int type;
+    int locked;
+    int to_be_deleted;
+};
+
+struct event_signal_t {
+    list_t list;
+    signal_handler_t handler;
+    void* arg;
+    int signal;
+    int locked;
+    int to_be_deleted;
+};
+
+struct process_t {
+    list_t list;
+    int pid;
+    process_handler_t handler;
+    void* arg;
+    int locked;
+    int to_be_deleted;
+};
+
+// channel.cpp: the wake-up channel and the list of running loops.
+bool channel_start(event_loop_ctx_t& el_ctx);
+void channel_end(event_loop_ctx_t& el_ctx);
+// Closes what a failed start has left open.
+void channel_discard_leftover(event_loop_ctx_t& el_ctx);
+void ping_eventloop(event_loop_ctx_tp el_ctx, char data);
+bool channel_take_byte(const event_loop_ctx_t& el_ctx, unsigned char& byte);
+bool channel_take_siginfo(const event_loop_ctx_t& el_ctx, siginfo_t& info);
+void channel_send_signal(int sig, const siginfo_t& info);
+// The signal number that a message's first byte announces, or 0 for a byte that announces none.
+int signal_of_message(unsigned char byte);
+
+// timers.cpp
+bool timer_add(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg, Milliseconds timeout);
+void update_timers(event_loop_ctx_tp el_ctx, long long int tdiff);
+timeval* timer_timeout(event_loop_ctx_tp el_ctx, Milliseconds now, timeval& timeout);
+void run_due_timers(event_loop_ctx_tp el_ctx);
+void event_timer_free(event_loop_ctx_tp el_ctx);
+
+// descriptors.cpp
+int fill_select_sets(event_loop_ctx_tp el_ctx, SelectSets& sets);
+void exit_if_descriptor_closed(event_loop_ctx_tp el_ctx);
+void run_ready_descriptors_locked(event_loop_ctx_tp el_ctx, const SelectSets& ready);
+void event_fd_free(event_loop_ctx_tp el_ctx);
+
+// signals.cpp
+bool signal_add(event_loop_ctx_tp el_ctx, signal_handler_t handler, void* arg, int signal);
+void run_signal_watchers_locked(event_loop_ctx_tp el_ctx, int signal, siginfo_t& info);
+void forget_signal_arg(event_loop_ctx_tp el_ctx, signal_handler_t handler, const void* arg);
+void reset_caught_signals();
+void event_signal_free(event_loop_ctx_tp el_ctx);
+
+// children.cpp
+void event_sigchld_hndlr(int signal, siginfo_t* info, void* arg);
+void process_free(event_loop_ctx_tp el_ctx);
+
+// log.cpp: the loop's failures, for liblog.
+void log_start_failure(const char* text, int line);
+void log_select_failure(int error, int line);
+
+}  // namespace tessra
+
+#endif

@@ -1,0 +1,128 @@
+// The main loop, the nested pass, and the order of a pass: descriptors, one message, timers.
+
+#include <cstdlib>
+
+#include "eventloop/eventloop_private.h"
+
+namespace tessra {
+
+namespace {
+
+constexpr long long int kLargestPause = 86400000;  // A day; what takes longer is a clock jump.
+constexpr unsigned int kLongestNestedWait = 2147483;  // Its microseconds still fit 32 signed bits.
+constexpr int kNestedSelectTries = 3;
+
+// Deadlines move along with a clock that has jumped between two readings.
+void follow_clock_jump(event_loop_ctx_tp el_ctx, Milliseconds older, Milliseconds newer) {
+    const auto before = static_cast<long long int>(older);
+    const auto after = static_cast<long long int>(newer);
+    if (before > after || after > before + kLargestPause) update_timers(el_ctx, after - before);
+}
+
+// Takes at most one message from the channel.
+void take_message_locked(event_loop_ctx_tp el_ctx) {
+    unsigned char byte = 0;
+    if (!channel_take_byte(*el_ctx, byte)) return;
+    const int signal = signal_of_message(byte);
+    if (signal == 0) return;
+    siginfo_t info;
+    if (channel_take_siginfo(*el_ctx, info)) run_signal_watchers_locked(el_ctx, signal, info);
+}
+
+// One pass over what select() returned: `ready_count` bits in `ready`.
+void event_handle_events(event_loop_ctx_tp el_ctx, const SelectSets& ready, int ready_count) {
+    if (ready_count > 0) {
+        const RecursiveLock lock(el_ctx->eventlists_mutex);
+        const bool has_message = FD_ISSET(el_ctx->pong_fd, &ready.read);
+        // Marked watchers can't be waiting for this walk: it reaps within the pass what it marks.
+        if (ready_count > (has_message ? 1 : 0)) run_ready_descriptors_locked(el_ctx, ready);
+        if (has_message) take_message_locked(el_ctx);
+    }
+    run_due_timers(el_ctx);
+}
+
+// One wait and pass of the main loop; `ptime` is the reading after the last wait.
+void iterate(event_loop_ctx_tp el_ctx, Milliseconds& ptime) {
+    const Milliseconds ntime = event_get_time();
+    follow_clock_jump(el_ctx, ptime, ntime);
+
+    timeval storage;
+    timeval* timeout = timer_timeout(el_ctx, ntime, storage);
+    SelectSets sets;
+    const int max_fd = fill_select_sets(el_ctx, sets);
+    const int count = select(max_fd + 1, &sets.read, &sets.write, &sets.except, timeout);
+    const int error = errno;
+
+    ptime = event_get_time();
+    follow_clock_jump(el_ctx, ntime, ptime);
+    if (count >= 0) {
+        event_handle_events(el_ctx, sets, count);
+    } else if (error != EINTR) {
+        if (error == EBADF) exit_if_descriptor_closed(el_ctx);
+        log_select_failure(error, __LINE__);
+        exit(1);
+    }
+}
+
+// select() for the nested pass: a failure that lasts must not turn into a loop of its own.
+int select_with_retries(event_loop_ctx_tp el_ctx, int max_fd, SelectSets& sets, timeval& timeout) {
+    int count = -1;
+    for (int tries = 0; count < 0 && tries < kNestedSelectTries; ++tries) {
+        SelectSets wanted = sets;
+        count = select(max_fd + 1, &wanted.read, &wanted.write, &wanted.except, &timeout);
+        if (count >= 0) sets = wanted;
+        if (count < 0 && errno == EINTR) return -1;
+        if (count < 0 && errno == EBADF) exit_if_descriptor_closed(el_ctx);
+    }
+    return count;
+}
+
+}  // namespace
+
+}  // namespace tessra
+
+using namespace tessra;
+
+int et_event_loop_mc(event_loop_ctx_tp el_ctx) {
+    if (!channel_start(*el_ctx)) return -1;
+    Milliseconds ptime = event_get_time();
+    while (el_ctx->async_loop_started.load() != 0) iterate(el_ctx, ptime);
+
+    if (el_ctx == &default_el_ctx) {
+        event_timer_free(el_ctx);
+        event_fd_free(el_ctx);
+        process_free(el_ctx);
+        event_signal_free(el_ctx);
+    }
+    channel_end(*el_ctx);
+    return 0;
+}
+
+int et_event_loop(void) { return et_event_loop_mc(&default_el_ctx); }
+
+void cancel_loop_mc(event_loop_ctx_tp el_ctx) {
+    el_ctx->async_loop_started.store(0);
+    ping_eventloop(el_ctx, kWakeUp);
+}
+
+void cancel_loop(void) { cancel_loop_mc(&default_el_ctx); }
+
+int do_events_mc(event_loop_ctx_tp el_ctx, unsigned int timeout) {
+    if (!is_event_loop_thread_mc(el_ctx) || el_ctx->do_events_reentrance > 0) return -1;
+    if (timeout > kLongestNestedWait) {
+        errno = EINVAL;
+        return -1;
+    }
+    ++el_ctx->do_events_reentrance;
+    // Not normalised into seconds: the kernel takes any count of microseconds.
+    timeval wait = {};
+    wait.tv_usec = static_cast<decltype(wait.tv_usec)>(timeout * 1000);
+    SelectSets sets;
+    const int max_fd = fill_select_sets(el_ctx, sets);
+    const int count = select_with_retries(el_ctx, max_fd, sets, wait);
+    if (count >= 0) event_handle_events(el_ctx, sets, count);
+    el_ctx->do_events_reentrance = 0;
+    return count >= 0 ? 0 : -1;
+}
+
+int do_events(unsigned int timeout) { return do_events_mc(&default_el_ctx, timeout); }

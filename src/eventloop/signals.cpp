@@ -1,0 +1,100 @@
+// Signal watchers: a caught signal travels through the channel and becomes an ordinary event.
+
+#include "eventloop/eventloop_private.h"
+#include "eventloop/watch_list.h"
+
+namespace tessra {
+
+namespace {
+
+// One bit for each signal whose disposition is the catcher. A child that is about to exec puts them
+// back to their default: the catcher has no business there.
+constinit std::atomic<unsigned> caught_signals{0};
+
+unsigned bit_of(int signal) { return 1U << signal; }
+
+// The one function of the library that runs in signal context.
+void event_signal_cb(int sig, siginfo_t* info, void* /*ctx*/) {
+    const ErrnoKeeper keep_errno;
+    channel_send_signal(sig, *info);
+}
+
+void catch_signal(int signal) {
+    struct sigaction action = {};
+    action.sa_sigaction = event_signal_cb;
+    action.sa_flags = SA_SIGINFO | SA_RESTART;
+    (void)sigemptyset(&action.sa_mask);
+    // SIGKILL and SIGSTOP are refused; their watcher stays and never runs.
+    if (sigaction(signal, &action, nullptr) == 0) caught_signals.fetch_or(bit_of(signal));
+}
+
+}  // namespace
+
+bool signal_add(event_loop_ctx_tp el_ctx, signal_handler_t handler, void* arg, int signal) {
+    if (signal < 1 || signal > kMaxSignal) {
+        errno = EINVAL;
+        return false;
+    }
+    auto* watcher = new_entry<event_signal_t>({{}, handler, arg, signal, 0, 0});
+    if (watcher == nullptr) return false;
+    const RecursiveLock lock(el_ctx->eventlists_mutex);
+    list_add_tail(&el_ctx->signal_queue, &watcher->list);
+    catch_signal(signal);
+    ping_eventloop(el_ctx, kWakeUp);
+    return true;
+}
+
+void run_signal_watchers_locked(event_loop_ctx_tp el_ctx, int signal, siginfo_t& info) {
+    pinned_walk<event_signal_t, CountedPins>(el_ctx->signal_queue, [&](event_signal_t* watcher) {
+        if (watcher->signal == signal) watcher->handler(signal, &info, watcher->arg);
+        return true;
+    });
+}
+
+// Takes the argument away from the watchers that carry it, which their handler must expect.
+void forget_signal_arg(event_loop_ctx_tp el_ctx, signal_handler_t handler, const void* arg) {
+    const RecursiveLock lock(el_ctx->eventlists_mutex);
+    list_t* node;
+    dll_foreach(node, &el_ctx->signal_queue) {
+        auto* watcher = entry_of<event_signal_t>(node);
+        if (watcher->handler == handler && watcher->arg == arg) watcher->arg = nullptr;
+    }
+}
+
+void reset_caught_signals() {
+    struct sigaction action = {};
+    action.sa_handler = SIG_DFL;
+    const unsigned caught = caught_signals.load();
+    for (int signal = 1; signal <= kMaxSignal; ++signal) {
+        if (caught & bit_of(signal)) (void)sigaction(signal, &action, nullptr);
+    }
+}
+
+void event_signal_free(event_loop_ctx_tp el_ctx) {
+    const RecursiveLock lock(el_ctx->eventlists_mutex);
+    free_all<event_signal_t>(el_ctx->signal_queue);
+}
+
+}  // namespace tessra
+
+using namespace tessra;
+
+void event_signal_add_mc(event_loop_ctx_tp el_ctx, signal_handler_t handler, void* arg,
+                         int signal) {
+    (void)signal_add(el_ctx, handler, arg, signal);  // errno tells.
+}
+
+void event_signal_add(signal_handler_t handler, void* arg, int signal) {
+    event_signal_add_mc(&default_el_ctx, handler, arg, signal);
+}
+
+void event_signal_del_mc(event_loop_ctx_tp el_ctx, int signal) {
+    const RecursiveLock lock(el_ctx->eventlists_mutex);
+    auto* watcher = find_first<event_signal_t>(
+        el_ctx->signal_queue,
+        [signal](const event_signal_t* candidate) { return candidate->signal == signal; });
+    if (watcher != nullptr) delete_or_mark(watcher);
+    ping_eventloop(el_ctx, kWakeUp);
+}
+
+void event_signal_del(int signal) { event_signal_del_mc(&default_el_ctx, signal); }

@@ -1,0 +1,111 @@
+// The pinned walk: how handlers may change the list that is being walked.
+//
+// Every watcher record carries `locked` and `to_be_deleted`. With the list's mutex held throughout:
+//   - A walk pins an entry before it leaves the one in front of it, and takes its pin back on
+//     arrival. While it stands on an entry, the one pointer that it keeps is the pinned successor.
+//   - Deleting a pinned entry only marks it. The walk that arrives there frees it, unvisited, once
+//     no other walk has it pinned; what isn't pinned is freed at once.
+//   - The walk never touches an entry after visiting it, so a handler may delete its own.
+// A nested pass walks the same lists from inside a visit. So pins are counted: the inner walk gives
+// back its own pin only, and an entry that both have pinned lives until the outer walk gets there.
+#ifndef TESSRA_EVENTLOOP_WATCH_LIST_H
+#define TESSRA_EVENTLOOP_WATCH_LIST_H
+
+#include <cstddef>
+#include <cstdlib>
+#include <new>
+#include <type_traits>
+
+#include "eventloop/eventloop_private.h"
+
+namespace tessra {
+
+template <class Entry>
+Entry* entry_of(list_t* node) {
+    static_assert(std::is_standard_layout_v<Entry> && offsetof(Entry, list) == 0,
+                  "a node's address is its record's address");
+    return reinterpret_cast<Entry*>(node);
+}
+
+// A copy of `value` on the heap, or null with errno ENOMEM.
+template <class Entry>
+Entry* new_entry(const Entry& value) {
+    static_assert(std::is_trivially_destructible_v<Entry>, "free() ends it");
+    void* block = malloc(sizeof(Entry));
+    if (block == nullptr) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return new (block) Entry(value);
+}
+
+template <class Entry>
+void unlink_and_free(Entry* entry) {
+    list_delete(&entry->list);
+    free(entry);
+}
+
+// The one rule of deletion.
+template <class Entry>
+void delete_or_mark(Entry* entry) {
+    if (entry->locked != 0) {
+        entry->to_be_deleted = 1;
+    } else {
+        unlink_and_free(entry);
+    }
+}
+
+// Pins of lists that nested walks share.
+struct CountedPins {
+    static void pin(int& locked) { ++locked; }
+    static void unpin(int& locked) { --locked; }
+};
+
+// Pins of a list whose walk stops half-way and leaves one behind: arriving clears it, however old.
+struct FlagPins {
+    static void pin(int& locked) { locked = 1; }
+    static void unpin(int& locked) { locked = 0; }
+};
+
+// Walks from the first entry until `visit` returns false or the head is reached.
+template <class Entry, class Pins, class Visit>
+void pinned_walk(list_t& head, Visit visit) {
+    auto pin = [&head](list_t* node) {
+        if (node != &head) Pins::pin(entry_of<Entry>(node)->locked);
+    };
+    list_t* node = head.next;
+    pin(node);
+    while (node != &head) {
+        Entry* entry = entry_of<Entry>(node);
+        list_t* successor = node->next;
+        pin(successor);
+        Pins::unpin(entry->locked);
+        if (!entry->to_be_deleted) {
+            if (!visit(entry)) return;
+        } else if (entry->locked == 0) {
+            unlink_and_free(entry);
+        }
+        node = successor;
+    }
+}
+
+// The first entry that matches, or null. Marked entries count.
+template <class Entry, class Matches>
+Entry* find_first(list_t& head, Matches matches) {
+    for (list_t* node = head.next; node != &head; node = node->next) {
+        Entry* entry = entry_of<Entry>(node);
+        if (matches(entry)) return entry;
+    }
+    return nullptr;
+}
+
+// Frees every entry, whatever its pins and marks. Runs no handler.
+template <class Entry>
+void free_all(list_t& head) {
+    list_t* node;
+    dll_foreach(node, &head) unlink_and_free(entry_of<Entry>(node));
+}
+
+}  // namespace tessra
+
+#endif

@@ -1,0 +1,75 @@
+// Scope guards: each takes one thing and gives it back at the end of the block.
+#ifndef TESSRA_INTERNAL_GUARDS_H
+#define TESSRA_INTERNAL_GUARDS_H
+
+#include <errno.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include "tessra/misc.h"
+
+namespace tessra {
+
+// Base of all guards: what a guard holds has one owner.
+class NotCopyable {
+public:
+    NotCopyable(const NotCopyable&) = delete;
+    NotCopyable& operator=(const NotCopyable&) = delete;
+
+protected:
+    NotCopyable() = default;
+    ~NotCopyable() = default;
+};
+
+// Holds a recursive_mutex; unlock() and lock() open a gap in between, around foreign code.
+class RecursiveLock : NotCopyable {
+public:
+    explicit RecursiveLock(recursive_mutex& mutex) : mutex_(mutex) { lock(); }
+    ~RecursiveLock() { unlock(); }
+
+    void lock() { recursive_mutex_lock(&mutex_); }
+    void unlock() { recursive_mutex_unlock(&mutex_); }
+
+private:
+    recursive_mutex& mutex_;
+};
+
+// Holds a plain mutex. Locking a valid default mutex can't fail, so the results say nothing.
+class MutexLock : NotCopyable {
+public:
+    explicit MutexLock(pthread_mutex_t& mutex) : mutex_(mutex) { (void)pthread_mutex_lock(&mutex_); }
+    ~MutexLock() { (void)pthread_mutex_unlock(&mutex_); }
+
+private:
+    pthread_mutex_t& mutex_;
+};
+
+// Keeps errno as it was: for code that runs in signal context or beside a result.
+class ErrnoKeeper : NotCopyable {
+public:
+    ErrnoKeeper() : saved_(errno) {}
+    ~ErrnoKeeper() { errno = saved_; }
+
+private:
+    int saved_;
+};
+
+// Blocks every signal for the calling thread.
+class AllSignalsBlocked : NotCopyable {
+public:
+    AllSignalsBlocked() {
+        sigset_t all;
+        (void)sigfillset(&all);
+        (void)pthread_sigmask(SIG_SETMASK, &all, &before_);
+    }
+    ~AllSignalsBlocked() { restore(); }
+
+    void restore() const { (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+private:
+    sigset_t before_;
+};
+
+}  // namespace tessra
+
+#endif

@@ -1,0 +1,191 @@
+/**
+ * @file children_test.cpp
+ * Ends of children. They die before the loop looks, so that it meets them in a known order.
+ */
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <utility>
+
+#include "support/harness.h"
+
+using namespace tessra_test;
+
+namespace {
+
+/** A child that has ended but not been collected. */
+pid_t dead_child(const Step& body = [] {}) {
+    const pid_t pid = fork_process(body);
+    await_child(pid);
+    return pid;
+}
+
+bool uncollected(pid_t pid) { return waitpid(pid, nullptr, WNOHANG) == pid; }
+
+const Step kSigchld = [] { raise(SIGCHLD); };
+
+// One signal stands for all of them, which have ended before their watchers were added.
+ISOLATED_TEST(Children, EndIsMissedOrDecodedWrong) {
+    struct Row {
+        Step end;
+        bool any_child, null_handler;
+        const char* log;
+        int status;
+    };
+    static const Row rows[] = {
+        {[] {}, false, false, "exited normally 0", 0},
+        {[] { _exit(200); }, false, false, "exited normally 200", 200 << 8},
+        {[] { _exit(3); }, false, true, "", 0},
+        {[] { raise(SIGKILL); }, false, false, "exited by signal 9", 9},
+        {[] { raise(SIGTERM); }, false, false, "exited by signal 15", 15 | 0x80},  // With a core.
+        {[] { _exit(1); }, true, false, "exited normally 1", 1 << 8},
+    };
+    static int seen;
+    const process_handler_t check = [](int, void* arg, int status) {
+        EXPECT_EQ(static_cast<const Row*>(arg)->status, status);
+        return seen++;
+    };
+    std::string log;
+    for (const Row& row : rows) {
+        const pid_t pid = dead_child(row.end);
+        const int watched = row.any_child ? -1 : pid;
+        event_process_add(watched, row.null_handler ? nullptr : check, const_cast<Row*>(&row));
+        if (*row.log) log += "3 Process " + std::to_string(watched) + " " + row.log + "\n";
+    }
+    fakes.core_dumped_by = SIGTERM;
+    drive(nullptr, {[] {}, [] { EXPECT_EQ(0, seen); }, kSigchld, [] { EXPECT_EQ(5, seen); }, kSigchld});
+    EXPECT_EQ(5, seen);
+    EXPECT_EQ(log, fakes.syslog_text);
+    EXPECT_EQ(-1, wait(nullptr));  // The null handler's child is collected, too.
+}
+
+ISOLATED_TEST(Children, StoppedOneIsReportedAsEnded) {
+    const pid_t pid = dead_child([] { raise(SIGSTOP); });
+    event_process_add(pid, note_process, arg("e"));
+    drive(nullptr, {kSigchld, [pid] {
+        EXPECT_EQ("", trace);
+        kill(pid, SIGKILL);
+        siginfo_t info;  // The stop has been collected, so that only the end is left to wait for.
+        EXPECT_EQ(0, waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT));
+        raise(SIGCHLD);
+    }});
+    EXPECT_EQ("e", trace);
+}
+
+/** Three dead children, A to C, called "a" to "c" in a nested pass. */
+struct Watched {
+    pid_t pids[3];
+    const char* outer;  // What A's handler does: '!' is a nested pass, a letter deletes, '+' adds.
+    const char* inner;  // What the first handler of the nested pass does.
+    bool nested;
+} watched;
+
+int act(int, void* arg, int) {
+    const char name = *static_cast<char*>(arg);
+    trace += static_cast<char>(watched.nested ? name - 'A' + 'a' : name);
+    if (!watched.nested && name != 'A') return 0;
+    raise(SIGCHLD);
+    const char* actions = std::exchange(watched.nested ? watched.inner : watched.outer, "");
+    for (; *actions; actions++) {
+        if (*actions == '!') {
+            watched.nested = true;
+            EXPECT_EQ(0, do_events(0));
+            watched.nested = false;
+        } else if (*actions == '+') {
+            event_process_add(dead_child(), note_process, tessra_test::arg("D"));
+        } else {
+            event_process_del(watched.pids[*actions - 'A']);
+        }
+    }
+    return 0;
+}
+
+TEST(Children, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
+    const struct {
+        const char *outer, *inner, *called, *uncollected;
+    } rows[] = {
+        {"A", "", "ABC", ""},   // Itself, which is off the list.
+        {"B", "", "AC", "B"},   // The pinned successor.
+        {"C", "", "AB", "C"},   // One that no walk holds.
+        {"BC", "", "A", "BC"},
+        {"+", "", "ABCD", ""},
+        {"!", "", "Abc", ""},   // The nested pass takes all that the outer walk has before it.
+        {"B!", "", "Ac", "B"},
+        {"C!", "", "Ab", "C"},
+        {"BC!", "", "A", "BC"},
+        {"!BC", "", "Abc", ""},
+        {"!", "C", "Ab", "C"},
+        {"!", "AB", "Abc", ""},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::string(row.outer) + " " + row.inner);
+        run_isolated([&row] {
+            watched = {{}, row.outer, row.inner, false};
+            for (int n = 0; n < 3; n++) {
+                watched.pids[n] = dead_child();
+                event_process_add(watched.pids[n], act, arg(&"ABC"[n]));
+            }
+            drive(nullptr, {kSigchld});
+            EXPECT_EQ(row.called, trace);
+            for (int n = 0; n < 3; n++)
+                EXPECT_EQ(strchr(row.uncollected, 'A' + n) != nullptr, uncollected(watched.pids[n]));
+        });
+    }
+}
+
+TEST(Children, WatchersFireOnTheWrongContext) {
+    static event_loop_ctx_tp other;
+    static pid_t pid;
+    const auto add = [] { event_process_add(pid, note_process, arg("d")); };
+    const auto add_mc = [] { event_process_add_mc(other, pid, note_process, arg("o")); };
+    const struct {
+        const char* what;
+        Step prepare;
+        bool run_other;
+        const char* called;
+    } rows[] = {
+        {"default first", [=] { add(), add_mc(); }, false, "d"},
+        {"other first", [=] { add_mc(), add(); }, false, "o"},
+        {"default first, other runs", [=] { add(), add_mc(); }, true, ""},
+        {"other first, other runs", [=] { add_mc(), add(); }, true, ""},
+        {"the older of two", [=] { add(), event_process_add(pid, note_process, arg("x")); }, false, "d"},
+        {"SIGCHLD deleted", [=] { add(), event_signal_del(SIGCHLD), add(); }, false, ""},
+        {"after the end", [=] { add(), event_process_del(pid), drive(nullptr), add(); }, false, ""},
+        {"context of the first call freed, its memory used again",
+         [=] {
+             add_mc();
+             event_mc_free(other);
+             other = event_mc_init();
+             add_mc(), add();
+         }, false, ""},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        run_isolated([&row] {
+            other = event_mc_init();
+            pid = dead_child();
+            row.prepare();
+            drive(row.run_other ? other : nullptr, {kSigchld, kSigchld});
+            EXPECT_EQ(row.called, trace);
+        });
+    }
+}
+
+// Nothing driven here: the signal interrupts or ends the wait.
+ISOLATED_TEST(Children, EndDuringTheWaitIsMissed) {
+    Pipe pipe;
+    const pid_t pid = fork_process([&] {
+        char byte;
+        close(pipe.out);
+        EXPECT_EQ(0, read(pipe.in, &byte, 1));
+    });
+    Step end = [] { cancel_loop(); };
+    Step let_go = [&] { close(pipe.out); };
+    event_process_add(pid, run_process, &end);
+    event_timer_add(run_timer, &let_go, 1);
+    EXPECT_EQ(0, et_event_loop());
+    EXPECT_FALSE(uncollected(pid));
+}
+
+}  // namespace

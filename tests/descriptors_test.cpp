@@ -1,0 +1,265 @@
+/**
+ * @file descriptors_test.cpp
+ * Descriptor watchers: who is called, and what survives the handlers' deletions and nested passes.
+ */
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <random>
+#include <thread>
+#include <utility>
+
+#include "support/harness.h"
+
+using namespace tessra_test;
+
+namespace {
+
+// Every type against every answer of select().
+ISOLATED_TEST(Descriptors, SetsOrCallsDisagreeWithTheType) {
+    static int fd, type, answer, calls;
+    const fd_handler_t count = [](int, void*) { calls++; };
+    fd = ready_descriptor();
+    fakes.on_select = [](int nfds, fd_set* rset, fd_set* wset, fd_set* eset, timeval*) {
+        fd_set* const sets[] = {rset, wset, eset};
+        EXPECT_EQ(fd + 1, nfds);  // Whatever the type. The channel's ends are below.
+        for (int n = 0; n < 3; n++) {
+            EXPECT_EQ(type >> n & 1, FD_ISSET(fd, sets[n]) != 0) << "set " << n;
+            FD_ZERO(sets[n]);
+            if (answer >> n & 1) FD_SET(fd, sets[n]);
+        }
+        cancel_loop();
+        return answer ? 1 : 0;
+    };
+    ASSERT_EQ(100, dup2(fd, 100));
+    fd = 100;
+    for (type = 0; type < 8; type++) {
+        for (answer = 0; answer < 8; answer++) {
+            calls = 0;
+            event_fd_add(count, nullptr, fd, type);
+            EXPECT_EQ(0, et_event_loop());
+            EXPECT_EQ((type & answer) != 0, calls) << "type " << type << ", answer " << answer;
+        }
+    }
+}
+
+ISOLATED_TEST(Descriptors, DeleteTakesTheYoungerOfTwoOrBoth) {
+    const int fd = ready_descriptor();
+    set_clock(1000);
+    Step end_of_pass = [&] {
+        trace += "|";
+        event_fd_del(fd);
+        advance_clock(1);
+        if (trace.size() < 7) event_timer_add(run_timer, &end_of_pass, 0);
+    };
+    event_fd_add(note_fd, arg("a"), fd, EVENT_FD_READ | EVENT_FD_WRITE);  // One call per pass.
+    event_fd_add(note_fd, arg("b"), fd, EVENT_FD_WRITE);
+    event_fd_add(note_fd, arg("c"), fd, EVENT_FD_EXCEPT);
+    event_timer_add(run_timer, &end_of_pass, 0);
+    drive(nullptr);
+    EXPECT_EQ("ab|b||", trace.substr(0, 6));
+}
+
+/** Four watchers of ready descriptors, A to D, called "a" to "d" in a nested pass. */
+struct Watched {
+    int fds[4];
+    char actor;         // Whose handler acts.
+    const char* outer;  // What it does: '!' is a nested pass, a letter deletes and closes.
+    const char* inner;  // What the first handler of the nested pass does.
+    bool nested;
+} watched;
+
+void act(int fd, void* arg) {
+    const char name = *static_cast<char*>(arg);
+    const bool acts = watched.nested || name == watched.actor;
+    trace += static_cast<char>(watched.nested ? name - 'A' + 'a' : name);
+    const char* actions = acts ? std::exchange(watched.nested ? watched.inner : watched.outer, "") : "";
+    for (; *actions; actions++) {
+        if (*actions == '!') {
+            watched.nested = true;
+            EXPECT_EQ(0, do_events(0));
+            watched.nested = false;
+        } else if (*actions == '+') {
+            event_fd_add(note_fd, tessra_test::arg("E"), fd, EVENT_FD_READ);
+        } else if (*actions == '*') {
+            event_fd_add(note_fd, tessra_test::arg("F"), ready_descriptor(), EVENT_FD_READ);
+        } else {
+            event_fd_del(watched.fds[*actions - 'A']);
+            close(watched.fds[*actions - 'A']);
+        }
+    }
+    if (acts) cancel_loop();
+}
+
+TEST(Descriptors, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
+    const struct {
+        char actor;
+        const char *outer, *inner, *called;
+    } rows[] = {
+        {'A', "A", "", "ABCD"},        // Itself.
+        {'A', "B", "", "ACD"},         // The pinned successor.
+        {'A', "C", "", "ABD"},         // One that no walk holds.
+        {'A', "ABC", "", "AD"},        // All three.
+        {'D', "ABC", "", "ABCD"},      // Those before it.
+        {'A', "+", "", "ABCDE"},       // A new watcher of a ready descriptor runs in this pass,
+        {'D', "+", "", "ABCD"},        // but not behind the last one,
+        {'A', "*", "", "ABCD"},        // nor of a descriptor that wasn't asked for.
+        {'A', "!!", "", "AabcdabcdBCD"},
+        {'D', "!A", "", "ABCDabcd"},
+        {'A', "A!", "", "AbcdBCD"},    // Before the nested pass:
+        {'A', "B!", "", "AacdCD"},     // it reaps the outer walk's successor,
+        {'A', "BC!", "", "AadD"},
+        {'A', "ABCD!", "", "A"},
+        {'A', "B!C", "", "AacdD"},     // and the next one goes afterwards.
+        {'A', "!B", "", "AabcdCD"},    // After the nested pass, which took the pin away.
+        {'A', "!BCD", "", "Aabcd"},
+        {'A', "!", "B", "AacdCD"},     // In the nested pass.
+        {'A', "!", "BC", "AadD"},
+        {'A', "!", "ABCD", "Aa"},
+        {'A', "A!", "B", "AbcdCD"},    // The successor deletes itself there.
+        {'A', "B!", "CD", "Aa"},
+        {'A', "!B!", "C", "AabdadD"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::string() + row.actor + " " + row.outer + " " + row.inner);
+        run_isolated([&row] {
+            watched = {{}, row.actor, row.outer, row.inner, false};
+            for (int n = 0; n < 4; n++) {
+                watched.fds[n] = ready_descriptor();
+                event_fd_add(act, arg(&"ABCD"[n]), watched.fds[n], EVENT_FD_READ);
+            }
+            EXPECT_EQ(0, et_event_loop());
+            EXPECT_EQ(row.called, trace);
+        });
+    }
+}
+
+/** Watchers whose handlers delete each other at random and run nested passes. */
+struct Crowd {
+    struct Watcher {
+        int fd = ready_descriptor();
+        bool live = false;
+        bool throughout = false;  // Since this pass's select().
+        int calls = 0;
+    };
+    std::mt19937 random;
+    std::vector<Watcher> watchers = std::vector<Watcher>(12);
+    bool in_nested = false;
+    int nested_passes = 0, passes = 0;
+
+    unsigned below(unsigned bound) { return static_cast<unsigned>(random() % bound); }
+    void remove(Watcher* watcher) {
+        if (watcher->live) event_fd_del(watcher->fd);
+        watcher->live = watcher->throughout = false;
+    }
+    void nest() {
+        const bool outermost = !std::exchange(in_nested, true);
+        EXPECT_EQ(outermost ? 0 : -1, do_events(0));
+        if (!outermost) return;
+        in_nested = false;
+        nested_passes++;
+    }
+    void begin_pass(const fd_set* rset);
+}* crowd;
+
+void crowd_handler(int, void* arg) {
+    auto* self = static_cast<Crowd::Watcher*>(arg);
+    EXPECT_TRUE(self->live) << "a deleted watcher is called";
+    self->calls++;
+    const size_t index = static_cast<size_t>(self - crowd->watchers.data());
+    for (unsigned n = crowd->below(3); n > 0; n--) {
+        const unsigned action = crowd->below(8);
+        if (action == 0) crowd->nest();
+        else if (action < 4) crowd->remove(&crowd->watchers[(index + action - 1) % 12]);
+    }
+}
+
+/** Each watcher that was there all the time was called once in each pass. */
+void Crowd::begin_pass(const fd_set* rset) {
+    for (Watcher& watcher : watchers) {
+        EXPECT_TRUE(!watcher.throughout || watcher.calls == 1 + nested_passes) << watcher.calls;
+        watcher.calls = 0;
+        watcher.throughout = watcher.live && FD_ISSET(watcher.fd, rset);
+        if (watcher.live || below(2)) continue;
+        event_fd_add(crowd_handler, &watcher, watcher.fd, EVENT_FD_READ);
+        watcher.live = true;
+    }
+    nested_passes = 0;
+    if (++passes == 5000 || testing::Test::HasFailure()) cancel_loop();
+}
+
+ISOLATED_TEST(Descriptors, RandomDeletionsInNestedPassesBreakTheWalk) {
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE(seed);
+    Crowd here;
+    crowd = &here;
+    here.random.seed(seed);
+    fakes.on_select = [](int nfds, fd_set* rset, fd_set* wset, fd_set* eset, timeval*) {
+        if (!crowd->in_nested) crowd->begin_pass(rset);
+        timeval poll = {0, 0};
+        return real_select(nfds, rset, wset, eset, &poll);
+    };
+    EXPECT_EQ(0, et_event_loop());
+}
+
+TEST(Descriptors, ClosedOneGoesUnnoticed) {
+    static int fd;
+    static const auto watch = [](int type) {
+        fd = dup2(ready_descriptor(), 900);  // Not where the channel will be.
+        event_fd_add(note_fd, nullptr, fd, type);
+    };
+    const Step rows[] = {
+        [] { watch(EVENT_FD_EXCEPT), close(fd); },
+        [] { watch(0), close(fd); },
+        [] { event_fd_add(note_fd, nullptr, 901, EVENT_FD_READ); },
+        [] { event_fd_add(note_fd, nullptr, -1, EVENT_FD_READ); },
+        [] { event_fd_add(note_fd, nullptr, INT_MIN, 0); },
+        [] {
+            static Step nest = [] { close(fd), do_events(0), puts("survived"), cancel_loop(); };
+            watch(0);
+            event_timer_add(run_timer, &nest, 0);
+        },
+    };
+    for (const Step& row : rows) {
+        const ChildEnd end = run_child([&row] { row(), et_event_loop(); });
+        EXPECT_EQ(255, end.exit_code) << "row " << &row - rows;
+        EXPECT_EQ("", end.output);
+    }
+}
+
+ISOLATED_TEST(Descriptors, NumberBeyondTheSetsOverrunsThem) {
+    for (const int fd : {FD_SETSIZE, INT_MAX}) {
+        errno = 0;
+        event_fd_add(note_fd, nullptr, fd, EVENT_FD_READ);
+        EXPECT_EQ(EMFILE, errno);
+    }
+    Step last = [] { cancel_loop(); };
+    event_fd_add(run_fd, &last, dup2(ready_descriptor(), FD_SETSIZE - 1), EVENT_FD_READ);
+    EXPECT_EQ(0, et_event_loop());
+}
+
+ISOLATED_TEST(Descriptors, DeleteReturnsWhileTheHandlerRuns) {
+    const int fd = ready_descriptor();
+    std::atomic<bool> running(false), deleting(false);
+    Step handler = [&] {
+        running = true;
+        while (!deleting) std::this_thread::yield();
+        for (int n = 0; n < 1000; n++) std::this_thread::yield();
+        running = false;
+    };
+    event_fd_add(run_fd, &handler, fd, EVENT_FD_READ);
+    std::thread deleter([&] {
+        while (!running) std::this_thread::yield();
+        deleting = true;
+        event_fd_del(fd);
+        EXPECT_FALSE(running);
+        cancel_loop();
+    });
+    EXPECT_EQ(0, et_event_loop());
+    deleter.join();
+}
+
+}  // namespace

@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Compiles each public header alone: as strict C11 with C compilers, as C++17 with C++ compilers.
+#
+#   tests/install/headers.sh COMPILER...     e.g. gcc g++
+set -euo pipefail
+cd "$(dirname "$0")/../../include"
+(($# > 0)) || { echo "usage: headers.sh COMPILER..." >&2 && exit 2; }
+
+warnings=(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wundef -Werror)
+count=0
+for compiler in "$@"; do
+    case $compiler in
+        *++*) language=(-x c++ -std=c++17 -Wnon-virtual-dtor) ;;
+        *) language=(-x c -std=c11 -Wstrict-prototypes) ;;
+    esac
+    for header in tessra/*.h; do
+        # Included twice: a header must guard itself.
+        printf '#include <%s>\n#include <%s>\n' "$header" "$header" |
+            "$compiler" "${language[@]}" "${warnings[@]}" -I. -fsyntax-only - ||
+            { echo "headers: $header doesn't stand alone with $compiler" >&2 && exit 1; }
+        count=$((count + 1))
+    done
+done
+echo "headers: $count compilations of $(ls tessra/*.h | wc -l) headers with $*"

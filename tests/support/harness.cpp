@@ -1,0 +1,185 @@
+#include "harness.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+
+namespace tessra_test {
+
+namespace {
+
+constexpr unsigned kTimeLimitSeconds = 120;
+
+/** Reads back what a child wrote, without the line that qemu-user adds to an abort. */
+std::string read_output(FILE* file) {
+    std::string text;
+    char line[4096];
+    rewind(file);
+    while (fgets(line, sizeof line, file))
+        if (std::string(line).rfind("qemu:", 0) != 0) text += line;
+    return text;
+}
+
+[[noreturn]] void child_main(const Step& body, int output, volatile bool* completed) {
+    const rlimit no_core = {0, 0};
+    setrlimit(RLIMIT_CORE, &no_core);
+    dup2(output, STDOUT_FILENO);
+    dup2(output, STDERR_FILENO);
+    alarm(kTimeLimitSeconds);
+    body();
+    *completed = !testing::Test::HasFailure();
+    exit(0);
+}
+
+struct Driver {
+    Drive drive;
+    event_loop_ctx_tp context = nullptr;
+    std::vector<Step> steps;
+    size_t next_step = 0;
+    bool interrupted = false;
+};
+Driver* driver;
+
+/** Does what stands for sleeping: the next step, the passing of time, or the end of the loop. */
+void instead_of_sleep(const timeval* tv) {
+    if (driver->next_step < driver->steps.size()) {
+        driver->steps[driver->next_step++]();
+    } else if (tv && fakes.clock_ns != 0) {
+        advance_clock(tv->tv_sec * 1000LL + tv->tv_usec / 1000);
+    } else if (driver->context) {
+        cancel_loop_mc(driver->context);
+    } else {
+        cancel_loop();
+    }
+}
+
+int driven_select(int nfds, fd_set* rset, fd_set* wset, fd_set* eset, timeval* tv) {
+    driver->drive.waits_us.push_back(tv ? tv->tv_sec * 1000000LL + tv->tv_usec : kEndless);
+    const fd_set asked[] = {*rset, *wset, *eset};
+    timeval poll = {0, 0};
+    int ready = real_select(nfds, rset, wset, eset, &poll);
+    if (ready == 0 && (!tv || tv->tv_sec > 0 || tv->tv_usec > 0)) {
+        instead_of_sleep(tv);
+        *rset = asked[0], *wset = asked[1], *eset = asked[2];
+        poll = {0, 0};
+        ready = real_select(nfds, rset, wset, eset, &poll);
+    }
+    if (driver->interrupted) {
+        driver->interrupted = false;
+        *rset = asked[0], *wset = asked[1], *eset = asked[2];
+        errno = EINTR;
+        return -1;
+    }
+    driver->drive.ready += ready > 0;
+    return ready;
+}
+
+}  // namespace
+
+std::string trace;
+
+ChildEnd run_child(const Step& body) {
+    FILE* output = tmpfile();
+    auto* completed = static_cast<volatile bool*>(
+        mmap(nullptr, sizeof(bool), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) child_main(body, fileno(output), completed);
+    int status = -1;
+    while (waitpid(pid, &status, 0) == -1 && errno == EINTR) {
+    }
+    ChildEnd end = {WIFEXITED(status) ? WEXITSTATUS(status) : -1,
+                    WIFSIGNALED(status) ? WTERMSIG(status) : 0, *completed, read_output(output)};
+    munmap(const_cast<bool*>(completed), sizeof(bool));
+    fclose(output);
+    return end;
+}
+
+void run_isolated(const Step& body) {
+    const ChildEnd end = run_child(body);
+    EXPECT_TRUE(end.completed && end.exit_code == 0)
+        << "exit code " << end.exit_code << ", signal " << end.signal
+        << (end.signal == SIGALRM ? " (it hung)" : "") << "\n"
+        << end.output;
+}
+
+pid_t fork_process(const Step& body) {
+    const pid_t pid = fork();
+    if (pid != 0) return pid;
+    alarm(kTimeLimitSeconds);
+    body();
+    _exit(0);
+}
+
+void await_child(pid_t pid) {
+    siginfo_t info;
+    while (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WSTOPPED | WNOWAIT) == -1)
+        ASSERT_EQ(EINTR, errno);
+}
+
+bool emulated() {
+#ifdef __arm__
+    // qemu-user shows the processor of the host, which alone has this field.
+    std::ifstream cpuinfo("/proc/cpuinfo");
+    for (std::string line; std::getline(cpuinfo, line);)
+        if (line.rfind("vendor_id", 0) == 0) return true;
+#endif
+    return getenv("TESSRA_EMULATED") != nullptr;
+}
+
+int open_descriptors() {
+    int count = 0;
+    for (int fd = 0; fd < 2048; fd++) count += fcntl(fd, F_GETFD) != -1;
+    return count;
+}
+
+int ready_descriptor() { return open("/dev/null", O_RDWR); }
+
+Pipe::Pipe() {
+    int ends[2];
+    if (pipe(ends) != 0) abort();
+    in = ends[0];
+    out = ends[1];
+}
+
+Pipe::~Pipe() {
+    close(in);
+    close(out);
+}
+
+void note_timer(void* text) { trace += static_cast<const char*>(text); }
+void note_fd(int, void* text) { note_timer(text); }
+void note_signal(int, siginfo_t*, void* text) { note_timer(text); }
+int note_process(int, void* text, int) { return note_timer(text), 0; }
+void run_timer(void* step) { (*static_cast<Step*>(step))(); }
+void run_fd(int, void* step) { run_timer(step); }
+void run_signal(int, siginfo_t*, void* step) { run_timer(step); }
+int run_process(int, void* step, int) { return run_timer(step), 0; }
+
+Drive drive(event_loop_ctx_tp context, std::vector<Step> steps) {
+    Driver here;
+    here.context = context;
+    here.steps = std::move(steps);
+    driver = &here;
+    fakes.on_select = driven_select;
+    here.drive.result = context ? et_event_loop_mc(context) : et_event_loop();
+    fakes.on_select = nullptr;
+    return here.drive;
+}
+
+void interrupt_wait() { driver->interrupted = true; }
+size_t selects() { return driver->drive.waits_us.size(); }
+
+void set_clock(unsigned long long ms) { fakes.clock_ns = ms * 1000000; }
+void advance_clock(long long ms) {
+    fakes.clock_ns += static_cast<unsigned long long>(ms) * 1000000;
+}
+
+}  // namespace tessra_test

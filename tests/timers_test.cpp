@@ -1,0 +1,219 @@
+/**
+ * @file timers_test.cpp
+ * Deadlines, their order, clock jumps and the wait for them, all on a fake clock.
+ */
+#include <algorithm>
+#include <cerrno>
+#include <random>
+
+#include "support/harness.h"
+
+using namespace tessra_test;
+
+namespace {
+
+constexpr unsigned long long kNow = 1000000000;
+constexpr long long kDay = 86400000;
+
+ISOLATED_TEST(Timers, WaitIsConvertedWrong) {
+    const struct {
+        unsigned long long timeout_ms;
+        long long wait_us;
+    } rows[] = {
+        {0, 0},
+        {1500, 1500000},
+        {2147483647999, 2147483647999000},
+        {2147483648000, 2147483647000},  // Beyond 32-bit seconds it is 2147483647 ms.
+        {1ULL << 62, 2147483647000},
+    };
+    for (const auto& row : rows) {
+        set_clock(kNow);
+        event_timer_add(note_timer, arg(""), row.timeout_ms);
+        EXPECT_EQ(row.wait_us, drive(nullptr, {[] { cancel_loop(); }}).waits_us[0]);
+    }
+    EXPECT_EQ(kEndless, drive(nullptr).waits_us[0]);
+    event_timer_add(note_timer, arg(""), 5);
+    advance_clock(7);
+    EXPECT_EQ(0, drive(nullptr).waits_us[0]);  // Overdue, not negative.
+}
+
+ISOLATED_TEST(Timers, JumpOfTheClockFiresOrStrandsThem) {
+    const struct {
+        long long jump_ms;
+        long long wait_us;  // For a timer 1000 ms ahead, after the jump.
+    } rows[] = {
+        {999, 1000},
+        {kDay, 0},  // A day is no jump.
+        {kDay + 1, 1000000},
+        {40 * kDay, 1000000},
+        {-1, 1000000},
+        {-900000, 1000000},
+    };
+    for (const auto& row : rows) {
+        Step jump = [&] { advance_clock(row.jump_ms); };
+        Step end = [] { cancel_loop(); };
+        set_clock(kNow);
+        event_timer_add(note_timer, arg("t"), 1000);
+        event_timer_add(run_timer, &jump, 0);  // In a handler, seen before the wait.
+        Drive run = drive(nullptr, {end});
+        EXPECT_EQ(row.wait_us, run.waits_us[1]) << row.jump_ms;
+
+        trace = "";
+        set_clock(kNow);
+        event_timer_add(note_timer, arg("t"), 1000);
+        run = drive(nullptr, {jump, end});  // In the wait, seen after it.
+        EXPECT_EQ(row.wait_us ? row.wait_us : kEndless, run.waits_us[1]) << row.jump_ms;
+        EXPECT_EQ(row.wait_us ? "" : "t", trace);
+    }
+}
+
+ISOLATED_TEST(Timers, PhaseReadsTheClockAgain) {
+    set_clock(kNow);
+    size_t phase_of_first = 0, phase_of_second = 0;
+    int rearmed = 0;
+    Step second = [&] { phase_of_second = selects(); };
+    Step first = [&] {
+        phase_of_first = selects();
+        event_timer_add(run_timer, &second, 1);
+        advance_clock(10);  // The second is due by now, but not in this phase.
+    };
+    event_timer_add(run_timer, &first, 0);
+    fakes.clock_reads = 0;
+    drive(nullptr);
+    EXPECT_EQ(phase_of_first + 1, phase_of_second);
+    EXPECT_EQ(1 + 3 * 3 + 1u, fakes.clock_reads);  // Start, three passes of three, the add.
+
+    std::vector<size_t> phases;
+    Step again = [&] {
+        phases.push_back(selects());
+        if (++rearmed == 4) advance_clock(1);
+        if (rearmed < 6) event_timer_add(run_timer, &again, 0);
+    };
+    event_timer_add(run_timer, &again, 0);
+    drive(nullptr);
+    EXPECT_EQ((std::vector<size_t>{1, 1, 1, 1, 2, 2}), phases);
+}
+
+// A pass that stops at T1 leaves T2 pinned, so that a delete only marks it.
+ISOLATED_TEST(Timers, PinLeftBehindBringsADeletedTimerBack) {
+    for (const bool first_fires : {false, true}) {
+        event_loop_ctx_tp context = event_mc_init();
+        const auto del = [&](const char* text) { event_timer_del_mc(context, note_timer, arg(text)); };
+        const char texts[][2] = {"1", "2", "3", "4"};
+        set_clock(kNow);
+        trace = "";
+        for (unsigned n = 0; n < 4; n++)
+            event_timer_add_mc(context, note_timer, arg(texts[n]), 100 * (n + 1));
+        drive(context, {[] {}, [&] { cancel_loop_mc(context); }});
+        del(texts[1]);
+        del(texts[2]);
+        if (!first_fires) del(texts[0]);
+        EXPECT_EQ(0, event_timer_exists_mc(context, note_timer, arg(texts[1])));
+        EXPECT_EQ(1, event_timer_exists_mc(context, note_timer, arg(texts[3])));
+        const Drive run = drive(context, {[] {}});
+        // The marked timer's deadline counts once it is first; the pass then reaps it.
+        EXPECT_EQ(first_fires ? 100000 : 200000, run.waits_us[0]);
+        EXPECT_EQ(first_fires ? 100000 : 400000, run.waits_us[1]);
+        EXPECT_EQ(first_fires ? "14" : "4", trace);
+        event_mc_free(context);
+    }
+}
+
+/** The timers as a sorted vector, and a loop whose waits end as the random numbers have it. */
+struct Model {
+    struct Timer {
+        unsigned long long deadline;
+        int handler;
+        void* arg;
+    };
+    std::mt19937 random;
+    std::vector<Timer> timers;
+    unsigned long long phase_time = 0;
+    int waits = 0, fired = 0;
+
+    unsigned below(unsigned bound) { return static_cast<unsigned>(random() % bound); }
+    unsigned long long now() const { return fakes.clock_ns / 1000000; }
+    void fire(int handler, void* arg);
+    void change();
+    int wait(const timeval* tv);
+} model;
+
+template <int kHandler>
+void fire_modelled(void* arg) {
+    model.fire(kHandler, arg);
+}
+constexpr timer_handler_t kHandlers[] = {fire_modelled<0>, fire_modelled<1>};
+
+void Model::change() {
+    static char args[3];
+    const int handler = static_cast<int>(below(2));
+    void* const arg = below(4) ? &args[below(3)] : nullptr;
+    const auto matches = [&](const Timer& timer) {
+        return timer.handler == handler && (!arg || timer.arg == arg);
+    };
+    const unsigned action = below(timers.size() < 12 ? 8 : 3);
+    if (action >= 3) {
+        const unsigned timeout = below(3) * below(20);
+        const Timer timer = {now() + timeout, handler, arg};
+        timers.insert(std::upper_bound(timers.begin(), timers.end(), timer,
+                                       [](const Timer& a, const Timer& b) {
+                                           return a.deadline < b.deadline;
+                                       }),
+                      timer);
+        event_timer_add(kHandlers[handler], arg, timeout);
+    } else if (action > 0) {
+        EXPECT_EQ(std::any_of(timers.begin(), timers.end(), matches),
+                  event_timer_exists(kHandlers[handler], arg) != 0);
+    } else {
+        timers.erase(std::remove_if(timers.begin(), timers.end(), matches), timers.end());
+        event_timer_del(kHandlers[handler], arg);
+    }
+}
+
+void Model::fire(int handler, void* arg) {
+    ASSERT_FALSE(timers.empty()) << "a deleted timer fires";
+    EXPECT_TRUE(timers[0].handler == handler && timers[0].arg == arg) << "wrong order";
+    EXPECT_LE(timers[0].deadline, phase_time) << "early";
+    timers.erase(timers.begin());
+    fired++;
+    advance_clock(below(2) * below(3));
+    for (unsigned n = below(3); n > 0; n--) change();
+}
+
+int Model::wait(const timeval* tv) {
+    const long long sleep_ms = tv ? tv->tv_sec * 1000LL + tv->tv_usec / 1000 : below(50);
+    if (!timers.empty()) {
+        EXPECT_GT(timers[0].deadline, phase_time) << "a due timer was left out";
+        const auto ahead = static_cast<long long>(timers[0].deadline - now());
+        EXPECT_TRUE(tv && sleep_ms <= std::max(ahead, 0LL)) << "overslept";
+    }
+    for (unsigned n = below(3); n > 0; n--) change();  // As another thread would.
+    if (++waits == 20000 || testing::Test::HasFailure()) cancel_loop();
+    const unsigned outcome = below(20);
+    if (outcome < 2) {
+        const long long jump = outcome ? kDay + 1 + below(5) : -1 - static_cast<long long>(below(500));
+        advance_clock(jump);
+        for (Timer& timer : timers) timer.deadline += static_cast<unsigned long long>(jump);
+    } else {
+        advance_clock(outcome < 8 ? below(static_cast<unsigned>(sleep_ms) + 1) : sleep_ms);
+    }
+    phase_time = outcome == 19 ? 0 : now();
+    if (outcome == 19) return errno = EINTR, -1;  // No pass.
+    return 0;
+}
+
+// Jumps, early wake-ups, EINTR and changes at every moment against a sorted vector.
+ISOLATED_TEST(Timers, RandomChangesFireTheWrongOnes) {
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE(seed);
+    model.random.seed(seed);
+    set_clock(kNow);
+    fakes.on_select = [](int, fd_set* rset, fd_set*, fd_set*, timeval* tv) {
+        FD_ZERO(rset);
+        return model.wait(tv);
+    };
+    EXPECT_EQ(0, et_event_loop());
+    EXPECT_GT(model.fired, 5000);
+}
+
+}  // namespace
