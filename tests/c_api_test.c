@@ -23,9 +23,11 @@ static void check(int holds, const char* condition) {
 static event_loop_ctx_tp context; /* Null for the default one. */
 static int calls[128];            /* By the letter that is a handler's argument. */
 static char t[] = "t", f[] = "f", s[] = "s", c[] = "c", x[] = "x";
-static int hold; /* What the child waits for: the closing of this pipe. */
+static int bytes[2],
+    held[2]; /* Pipes: what on_fd() reads, and whose closing the child waits for. */
 
-/* The loop ends once the four handlers have been called. A child is only seen by the default loop. */
+/* The loop ends once the four handlers have been called. A child is only seen by the default loop.
+ */
 static void called(const void* letter) {
     calls[(int)*(const char*)letter]++;
     if (!calls['t'] || !calls['f'] || !calls['s']) return;
@@ -34,20 +36,24 @@ static void called(const void* letter) {
 }
 
 static void on_timer(void* letter) {
-    if (context) CHECK(is_event_loop_thread_mc(context) == 1 && do_events_mc(context, 0) == 0);
-    else CHECK(is_event_loop_thread() == 1 && do_events(0) == 0);
-    close(hold);
-    hold = -1;
+    if (context)
+        CHECK(is_event_loop_thread_mc(context) == 1 && do_events_mc(context, 0) == 0);
+    else
+        CHECK(is_event_loop_thread() == 1 && do_events(0) == 0);
+    close(held[1]);
+    held[1] = -1;
     raise(SIGUSR1);
     called(letter);
 }
 
-static void on_unwanted_timer(void* letter) {
-    called(letter);
-}
+static void on_unwanted_timer(void* letter) { called(letter); }
 
 static void on_fd(int fd, void* letter) {
     char byte;
+    if (context)
+        event_fd_del_mc(context, fd);
+    else
+        event_fd_del(fd);
     if (read(fd, &byte, 1) == 1) called(letter);
 }
 
@@ -66,10 +72,12 @@ static void check_calls(int children) {
     memset(calls, 0, sizeof calls);
 }
 
-static void test_default_loop(int fd, pid_t child) {
+static void test_default_loop(pid_t child) {
+    const int fd = bytes[0];
     char command[] = "true";
     bg_task_t task = {command, 0, 0};
     run_bg_task(&task);
+    CHECK(write(bytes[1], "1", 1) == 1);
     event_timer_add(on_timer, t, 1);
     event_timer_add(on_unwanted_timer, x, 0);
     event_timer_del(on_unwanted_timer, NULL);
@@ -88,8 +96,10 @@ static void test_default_loop(int fd, pid_t child) {
     check_calls(1);
 }
 
-static void test_own_loop(int fd, pid_t child) {
+static void test_own_loop(pid_t child) {
+    const int fd = bytes[0];
     context = event_mc_init();
+    CHECK(write(bytes[1], "1", 1) == 1);
     event_timer_add_mc(context, on_timer, t, 1);
     event_timer_add_mc(context, on_unwanted_timer, x, 0);
     event_timer_del_mc(context, on_unwanted_timer, NULL);
@@ -148,20 +158,18 @@ static void test_list_and_mutex(void) {
 }
 
 int main(void) {
-    int bytes[2], held[2];
     pid_t child;
     alarm(100); /* Ends it if a loop hangs. */
-    CHECK(pipe(bytes) == 0 && write(bytes[1], "12", 2) == 2 && pipe(held) == 0);
+    CHECK(pipe(bytes) == 0 && pipe(held) == 0);
     if ((child = fork()) == 0) {
         close(held[1]);
         _exit(read(held[0], bytes, 1) == 0 ? 3 : 4);
     }
-    hold = held[1];
     test_list_and_mutex();
     test_clock();
     test_shell();
-    test_default_loop(bytes[0], child);
-    test_own_loop(bytes[0], child);
+    test_default_loop(child);
+    test_own_loop(child);
     test_thread();
     printf("%d passed, %d failed\n", passed, failed);
     return failed != 0;

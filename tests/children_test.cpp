@@ -54,7 +54,8 @@ ISOLATED_TEST(Children, EndIsMissedOrDecodedWrong) {
         if (*row.log) log += "3 Process " + std::to_string(watched) + " " + row.log + "\n";
     }
     fakes.core_dumped_by = SIGTERM;
-    drive(nullptr, {[] {}, [] { EXPECT_EQ(0, seen); }, kSigchld, [] { EXPECT_EQ(5, seen); }, kSigchld});
+    drive(nullptr,
+          {[] {}, [] { EXPECT_EQ(0, seen); }, kSigchld, [] { EXPECT_EQ(5, seen); }, kSigchld});
     EXPECT_EQ(5, seen);
     EXPECT_EQ(log, fakes.syslog_text);
     EXPECT_EQ(-1, wait(nullptr));  // The null handler's child is collected, too.
@@ -63,13 +64,15 @@ ISOLATED_TEST(Children, EndIsMissedOrDecodedWrong) {
 ISOLATED_TEST(Children, StoppedOneIsReportedAsEnded) {
     const pid_t pid = dead_child([] { raise(SIGSTOP); });
     event_process_add(pid, note_process, arg("e"));
-    drive(nullptr, {kSigchld, [pid] {
-        EXPECT_EQ("", trace);
-        kill(pid, SIGKILL);
-        siginfo_t info;  // The stop has been collected, so that only the end is left to wait for.
-        EXPECT_EQ(0, waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT));
-        raise(SIGCHLD);
-    }});
+    drive(nullptr,
+          {kSigchld, [pid] {
+               EXPECT_EQ("", trace);
+               kill(pid, SIGKILL);
+               siginfo_t
+                   info;  // The stop has been collected, so that only the end is left to wait for.
+               EXPECT_EQ(0, waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT));
+               raise(SIGCHLD);
+           }});
     EXPECT_EQ("e", trace);
 }
 
@@ -105,18 +108,14 @@ TEST(Children, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
     const struct {
         const char *outer, *inner, *called, *uncollected;
     } rows[] = {
-        {"A", "", "ABC", ""},   // Itself, which is off the list.
-        {"B", "", "AC", "B"},   // The pinned successor.
-        {"C", "", "AB", "C"},   // One that no walk holds.
-        {"BC", "", "A", "BC"},
-        {"+", "", "ABCD", ""},
-        {"!", "", "Abc", ""},   // The nested pass takes all that the outer walk has before it.
-        {"B!", "", "Ac", "B"},
-        {"C!", "", "Ab", "C"},
-        {"BC!", "", "A", "BC"},
-        {"!BC", "", "Abc", ""},
-        {"!", "C", "Ab", "C"},
-        {"!", "AB", "Abc", ""},
+        {"A", "", "ABC", ""},  // Itself, which is off the list.
+        {"B", "", "AC", "B"},  // The pinned successor.
+        {"C", "", "AB", "C"},  // One that no walk holds.
+        {"BC", "", "A", "BC"},  {"+", "", "ABCD", ""},
+        {"!", "", "Abc", ""},  // The nested pass takes all that the outer walk has before it.
+        {"B!", "", "Ac", "B"},  {"C!", "", "Ab", "C"},
+        {"BC!", "", "A", "BC"}, {"!BC", "", "Abc", ""},
+        {"!", "C", "Ab", "C"},  {"!", "AB", "Abc", ""},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string(row.outer) + " " + row.inner);
@@ -129,7 +128,8 @@ TEST(Children, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
             drive(nullptr, {kSigchld});
             EXPECT_EQ(row.called, trace);
             for (int n = 0; n < 3; n++)
-                EXPECT_EQ(strchr(row.uncollected, 'A' + n) != nullptr, uncollected(watched.pids[n]));
+                EXPECT_EQ(strchr(row.uncollected, 'A' + n) != nullptr,
+                          uncollected(watched.pids[n]));
         });
     }
 }
@@ -149,7 +149,8 @@ TEST(Children, WatchersFireOnTheWrongContext) {
         {"other first", [=] { add_mc(), add(); }, false, "o"},
         {"default first, other runs", [=] { add(), add_mc(); }, true, ""},
         {"other first, other runs", [=] { add_mc(), add(); }, true, ""},
-        {"the older of two", [=] { add(), event_process_add(pid, note_process, arg("x")); }, false, "d"},
+        {"the older of two", [=] { add(), event_process_add(pid, note_process, arg("x")); }, false,
+         "d"},
         {"SIGCHLD deleted", [=] { add(), event_signal_del(SIGCHLD), add(); }, false, ""},
         {"after the end", [=] { add(), event_process_del(pid), drive(nullptr), add(); }, false, ""},
         {"context of the first call freed, its memory used again",
@@ -158,7 +159,8 @@ TEST(Children, WatchersFireOnTheWrongContext) {
              event_mc_free(other);
              other = event_mc_init();
              add_mc(), add();
-         }, false, ""},
+         },
+         false, ""},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);

@@ -76,7 +76,8 @@ void act(int fd, void* arg) {
     const char name = *static_cast<char*>(arg);
     const bool acts = watched.nested || name == watched.actor;
     trace += static_cast<char>(watched.nested ? name - 'A' + 'a' : name);
-    const char* actions = acts ? std::exchange(watched.nested ? watched.inner : watched.outer, "") : "";
+    const char* actions =
+        acts ? std::exchange(watched.nested ? watched.inner : watched.outer, "") : "";
     for (; *actions; actions++) {
         if (*actions == '!') {
             watched.nested = true;
@@ -99,29 +100,24 @@ TEST(Descriptors, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
         char actor;
         const char *outer, *inner, *called;
     } rows[] = {
-        {'A', "A", "", "ABCD"},        // Itself.
-        {'A', "B", "", "ACD"},         // The pinned successor.
-        {'A', "C", "", "ABD"},         // One that no walk holds.
-        {'A', "ABC", "", "AD"},        // All three.
-        {'D', "ABC", "", "ABCD"},      // Those before it.
-        {'A', "+", "", "ABCDE"},       // A new watcher of a ready descriptor runs in this pass,
-        {'D', "+", "", "ABCD"},        // but not behind the last one,
-        {'A', "*", "", "ABCD"},        // nor of a descriptor that wasn't asked for.
-        {'A', "!!", "", "AabcdabcdBCD"},
-        {'D', "!A", "", "ABCDabcd"},
-        {'A', "A!", "", "AbcdBCD"},    // Before the nested pass:
-        {'A', "B!", "", "AacdCD"},     // it reaps the outer walk's successor,
-        {'A', "BC!", "", "AadD"},
-        {'A', "ABCD!", "", "A"},
-        {'A', "B!C", "", "AacdD"},     // and the next one goes afterwards.
-        {'A', "!B", "", "AabcdCD"},    // After the nested pass, which took the pin away.
-        {'A', "!BCD", "", "Aabcd"},
-        {'A', "!", "B", "AacdCD"},     // In the nested pass.
-        {'A', "!", "BC", "AadD"},
-        {'A', "!", "ABCD", "Aa"},
-        {'A', "A!", "B", "AbcdCD"},    // The successor deletes itself there.
-        {'A', "B!", "CD", "Aa"},
-        {'A', "!B!", "C", "AabdadD"},
+        {'A', "A", "", "ABCD"},    // Itself.
+        {'A', "B", "", "ACD"},     // The pinned successor.
+        {'A', "C", "", "ABD"},     // One that no walk holds.
+        {'A', "ABC", "", "AD"},    // All three.
+        {'D', "ABC", "", "ABCD"},  // Those before it.
+        {'A', "+", "", "ABCDE"},   // A new watcher of a ready descriptor runs in this pass,
+        {'D', "+", "", "ABCD"},    // but not behind the last one,
+        {'A', "*", "", "ABCD"},    // nor of a descriptor that wasn't asked for.
+        {'A', "!!", "", "AabcdabcdBCD"}, {'D', "!A", "", "ABCDabcd"},
+        {'A', "A!", "", "AbcdBCD"},  // Before the nested pass:
+        {'A', "B!", "", "AacdCD"},   // it reaps the outer walk's successor,
+        {'A', "BC!", "", "AadD"},        {'A', "ABCD!", "", "A"},
+        {'A', "B!C", "", "AacdD"},   // and the next one goes afterwards.
+        {'A', "!B", "", "AabcdCD"},  // After the nested pass, which took the pin away.
+        {'A', "!BCD", "", "Aabcd"},      {'A', "!", "B", "AacdCD"},  // In the nested pass.
+        {'A', "!", "BC", "AadD"},        {'A', "!", "ABCD", "Aa"},
+        {'A', "A!", "B", "AbcdCD"},  // The successor deletes itself there.
+        {'A', "B!", "CD", "Aa"},         {'A', "!B!", "C", "AabdadD"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string() + row.actor + " " + row.outer + " " + row.inner);
@@ -163,7 +159,7 @@ struct Crowd {
         nested_passes++;
     }
     void begin_pass(const fd_set* rset);
-}* crowd;
+} * crowd;
 
 void crowd_handler(int, void* arg) {
     auto* self = static_cast<Crowd::Watcher*>(arg);
@@ -172,8 +168,10 @@ void crowd_handler(int, void* arg) {
     const size_t index = static_cast<size_t>(self - crowd->watchers.data());
     for (unsigned n = crowd->below(3); n > 0; n--) {
         const unsigned action = crowd->below(8);
-        if (action == 0) crowd->nest();
-        else if (action < 4) crowd->remove(&crowd->watchers[(index + action - 1) % 12]);
+        if (action == 0)
+            crowd->nest();
+        else if (action < 4)
+            crowd->remove(&crowd->watchers[(index + action - 1) % 12]);
     }
 }
 

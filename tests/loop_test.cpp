@@ -83,10 +83,15 @@ ISOLATED_TEST(Loop, ChangeDoesNotWakeItOrWakesItTwice) {
         {"no such descriptor to delete", [] { event_fd_del(777); }, 1},
         {"signal", [] { event_signal_add(note_signal, nullptr, SIGUSR1); }, 1},
         {"no such signal to delete", [] { event_signal_del(SIGUSR2); }, 1},
-        {"first child, which adds SIGCHLD", [] { event_process_add(getpid(), nullptr, nullptr); }, 2},
+        {"first child, which adds SIGCHLD", [] { event_process_add(getpid(), nullptr, nullptr); },
+         2},
         {"child", [] { event_process_add(getpid(), nullptr, nullptr); }, 1},
         {"no such child to delete", [] { event_process_del(1); }, 1},
-        {"wake-ups merged", [] { for (int n = 0; n < 5; n++) event_fd_del(777); }, 5},
+        {"wake-ups merged",
+         [] {
+             for (int n = 0; n < 5; n++) event_fd_del(777);
+         },
+         5},
     };
     for (const auto& row : rows) {
         const Drive run = drive(nullptr, {row.change});
@@ -277,8 +282,9 @@ TEST(Loop, SelectFailureGoesUnreportedOrSpins) {
         });
         EXPECT_EQ(1, end.exit_code);
         const std::string format = "6/1 <%x> %s:%s(%d) - Error in select(), errno=%s(%d) - exit\n";
-        const std::string text = "|<1> src/eventloop:et_event_loop_mc(LINE) - Error in select(), errno=" +
-                                 std::string(strerror(EBADF)) + "(" + std::to_string(EBADF) + ") - exit\n";
+        const std::string text =
+            "|<1> src/eventloop:et_event_loop_mc(LINE) - Error in select(), errno=" +
+            std::string(strerror(EBADF)) + "(" + std::to_string(EBADF) + ") - exit\n";
         const std::regex line("et_event_loop_mc\\([1-9][0-9]*\\)");
         EXPECT_EQ(log_off ? "" : format + text,
                   std::regex_replace(end.output, line, "et_event_loop_mc(LINE)"));
@@ -351,9 +357,9 @@ ISOLATED_TEST(NestedPass, WaitsWrongOrSpinsOnFailure) {
         {2147483, {0}, 0, 1, 1, 2147483000},
         {2147484, {0}, -1, 0, 0, 0},  // The product doesn't fit 32 bits.
         {UINT_MAX, {0}, -1, 0, 0, 0},
-        {20, {EINTR}, -1, 1, 1, 20000},         // Not repeated.
-        {20, {ENOMEM, 0}, 0, 2, 2, 20000},      // Repeated with the same sets and timeout.
-        {20, {EBADF}, -1, 2, 1000, 20000},      // Not for ever.
+        {20, {EINTR}, -1, 1, 1, 20000},     // Not repeated.
+        {20, {ENOMEM, 0}, 0, 2, 2, 20000},  // Repeated with the same sets and timeout.
+        {20, {EBADF}, -1, 2, 1000, 20000},  // Not for ever.
         {20, {EBADF, EINTR}, -1, 2, 2, 20000},
     };
     Step handler = [&] {

@@ -64,22 +64,17 @@ TEST(Signals, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
         char actor;
         const char *outer, *inner, *called;
     } rows[] = {
-        {'A', "", "", "ABC ABC"},
-        {'A', "x", "", "ABC BC"},     // Itself.
+        {'A', "", "", "ABC ABC"},    {'A', "x", "", "ABC BC"},  // Itself.
         {'A', "xx", "", "AC C"},      // And the pinned successor, which is marked,
         {'A', "xxx", "", "AC C"},     // and stands before the third one.
         {'C', "xx", "", "ABC C"},     // Those before it.
         {'A', "+", "", "ABCD ABCD"},  // A new one runs,
         {'C', "+", "", "ABC ABCD"},   // but not behind the last one.
-        {'A', "!", "", "AabcBC"},
-        {'A', "x!", "", "AbcBC"},     // Before the nested pass,
-        {'A', "xx!", "", "AcC"},
-        {'A', "!x", "", "AabcBC"},    // after it,
-        {'A', "!xx", "", "AabcC"},
-        {'A', "x!x", "", "AbcC"},
-        {'A', "!", "x", "AabcBC"},    // in it.
-        {'A', "!", "xx", "AacC"},
-        {'A', "x!", "x", "AbcC"},
+        {'A', "!", "", "AabcBC"},    {'A', "x!", "", "AbcBC"},   // Before the nested pass,
+        {'A', "xx!", "", "AcC"},     {'A', "!x", "", "AabcBC"},  // after it,
+        {'A', "!xx", "", "AabcC"},   {'A', "x!x", "", "AbcC"},
+        {'A', "!", "x", "AabcBC"},  // in it.
+        {'A', "!", "xx", "AacC"},    {'A', "x!", "x", "AbcC"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string() + row.actor + " " + row.outer + " " + row.inner);
@@ -91,7 +86,9 @@ TEST(Signals, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
             }
             const Step two = [] { queue_signal(SIGUSR1, 7), queue_signal(SIGUSR1, 8); };
             const Step one = [] { queue_signal(SIGUSR1, 7); };
-            const Step again = [] { trace += " ", watched.info = nullptr, queue_signal(SIGUSR1, 7); };
+            const Step again = [] {
+                trace += " ", watched.info = nullptr, queue_signal(SIGUSR1, 7);
+            };
             drive(nullptr, nests ? std::vector<Step>{two} : std::vector<Step>{one, again});
             EXPECT_EQ(row.called, trace.substr(0, strlen(row.called)));
         });
@@ -115,7 +112,9 @@ ISOLATED_TEST(Signals, NumberOutOfRangeIsRegistered) {
         expected.push_back(signal);
         event_signal_add(note, nullptr, signal);
     }
-    drive(nullptr, {[&] { for (int signal : expected) raise(signal); }});
+    drive(nullptr, {[&] {
+              for (int signal : expected) raise(signal);
+          }});
     EXPECT_EQ(expected, seen);
 }
 
@@ -142,10 +141,12 @@ ISOLATED_TEST(Signals, DefaultActionOrBacklogComesBack) {
 // The channel holds some 500 messages; a part of one would turn what follows into nonsense.
 ISOLATED_TEST(Signals, FullChannelTearsMessagesOrChangesErrno) {
     static int delivered, torn;
-    event_signal_add([](int signal, siginfo_t* info, void*) {
-        delivered++;
-        torn += !intact(info, signal, signal);
-    }, nullptr, SIGUSR1);
+    event_signal_add(
+        [](int signal, siginfo_t* info, void*) {
+            delivered++;
+            torn += !intact(info, signal, signal);
+        },
+        nullptr, SIGUSR1);
     event_signal_add([](int, siginfo_t*, void*) { torn++; }, nullptr, SIGUSR2);
     const Step flood = [] {
         errno = 77;
@@ -162,7 +163,9 @@ class Senders {
 public:
     Senders(int count, const std::function<void(int)>& send) {
         for (int n = 0; n < count; n++)
-            threads_.emplace_back([this, n, send] { while (!stop_) send(n); });
+            threads_.emplace_back([this, n, send] {
+                while (!stop_) send(n);
+            });
     }
     ~Senders() {
         stop_ = true;
@@ -178,12 +181,15 @@ ISOLATED_TEST(Signals, StormWithWakeUpsMixesTheRecords) {
     static const int kSignals[] = {SIGUSR1, SIGUSR2, SIGHUP, SIGWINCH};
     static int delivered[32], torn;
     for (const int signal : kSignals) {
-        event_signal_add([](int number, siginfo_t* info, void*) {
-            torn += !intact(info, number, number);
-            delivered[number]++;
-            for (const int each : kSignals) if (delivered[each] < 200) return;
-            cancel_loop();
-        }, nullptr, signal);
+        event_signal_add(
+            [](int number, siginfo_t* info, void*) {
+                torn += !intact(info, number, number);
+                delivered[number]++;
+                for (const int each : kSignals)
+                    if (delivered[each] < 200) return;
+                cancel_loop();
+            },
+            nullptr, signal);
     }
     Senders senders(3, [](int n) {
         queue_signal(kSignals[n], kSignals[n]);
@@ -218,13 +224,14 @@ ISOLATED_TEST(Signals, ForkedChildSendsIntoTheParentsChannel) {
 // The descriptors that this thread opens take the numbers of the channel that has just been closed.
 ISOLATED_TEST(Signals, CatcherWritesToAReusedDescriptor) {
     event_loop_ctx_tp context = event_mc_init();
-    event_signal_add_mc(context, [](int, siginfo_t*, void*) {}, nullptr, SIGUSR1);
+    event_signal_add_mc(
+        context, [](int, siginfo_t*, void*) {}, nullptr, SIGUSR1);
     std::atomic<bool> done(false);
     std::thread runner([&] {
         for (int round = 0; round < 300; round++) {
-            event_timer_add_mc(context, [](void* arg) {
-                cancel_loop_mc(static_cast<event_loop_ctx_tp>(arg));
-            }, context, 0);
+            event_timer_add_mc(
+                context, [](void* arg) { cancel_loop_mc(static_cast<event_loop_ctx_tp>(arg)); },
+                context, 0);
             EXPECT_EQ(0, et_event_loop_mc(context));
         }
         done = true;

@@ -2,7 +2,6 @@
  * @file thread_shell_test.cpp
  * The default loop on a thread of its own, loops beside each other, shell commands.
  */
-#include <dirent.h>
 #include <fcntl.h>
 #include <semaphore.h>
 #include <sys/wait.h>
@@ -34,14 +33,6 @@ struct Semaphore {
     }
     sem_t sem;
 };
-
-int threads() {
-    DIR* tasks = opendir("/proc/self/task");
-    int count = 0;
-    while (readdir(tasks)) count++;
-    closedir(tasks);
-    return count;
-}
 
 ISOLATED_TEST(Thread, StartIgnoresWhatIsRegisteredOrStopKeepsIt) {
     for (int round = 0; round < 2; round++) {
@@ -80,23 +71,25 @@ ISOLATED_TEST(Thread, FailedStartHangsOrLeavesSomething) {
     } rows[] = {
         {"no thread", [] { fakes.fail[FAKE_PTHREAD_CREATE] = EAGAIN; }, true},
         {"no channel", [] { fakes.log_off = 1, fakes.fail[FAKE_MKFIFO] = EACCES; }, true},
-        {"cancelled before its first pass", [] {
-            fakes.on_select = [](int, fd_set*, fd_set*, fd_set*, timeval*) {
-                cancel_loop();
-                errno = EINTR;
-                return -1;
-            };
-        }, false},
+        {"cancelled before its first pass",
+         [] {
+             fakes.on_select = [](int, fd_set*, fd_set*, fd_set*, timeval*) {
+                 cancel_loop();
+                 errno = EINTR;
+                 return -1;
+             };
+         },
+         false},
     };
-    const int threads_before = threads(), open_before = open_descriptors();
+    const int open_before = open_descriptors();
     for (const auto& row : rows) {
         event_timer_add(note_timer, arg("t"), 3600000);
         row.fail();
         EXPECT_EQ(-1, event_loop_async_start()) << row.what;
+        EXPECT_EQ(0, fakes.threads) << row.what;
         fakes = {};
         EXPECT_EQ(0, event_timer_exists(event_loop_wait_for_async_loop_ready, nullptr)) << row.what;
         EXPECT_EQ(row.timer_left, event_timer_exists(note_timer, nullptr)) << row.what;
-        while (threads() > threads_before) std::this_thread::yield();
         EXPECT_EQ(open_before, open_descriptors());
         EXPECT_EQ(0, event_loop_async_start());
         EXPECT_EQ(0, event_loop_async_stop());
@@ -124,9 +117,10 @@ TEST(Thread, BrokenHandshakeReportsWrongOrGoesOn) {
         });
         EXPECT_EQ(SIGABRT, end.signal) << row.text;
         const std::regex line(":[1-9][0-9]*:");
-        EXPECT_EQ(std::string(row.text) + " at \"src/eventloop\":LINE: " +
-                      strerror(row.call == -1 ? 0 : ENOMEM) + "\n",
-                  std::regex_replace(end.output, line, ":LINE:", std::regex_constants::format_first_only));
+        EXPECT_EQ(std::string(row.text) +
+                      " at \"src/eventloop\":LINE: " + strerror(row.call == -1 ? 0 : ENOMEM) + "\n",
+                  std::regex_replace(end.output, line,
+                                     ":LINE:", std::regex_constants::format_first_only));
     }
 }
 
@@ -140,8 +134,8 @@ ISOLATED_TEST(Thread, StopReturnsBeforeTheHandlerOrHangs) {
         for (int n = 0; n < 1000; n++) std::this_thread::yield();
         done = true;
     };
-    event_timer_add(run_timer, &slow, 1);
     ASSERT_EQ(0, event_loop_async_start());
+    event_timer_add(run_timer, &slow, 0);
     entered.wait();
     stopping = true;
     EXPECT_EQ(0, event_loop_async_stop());
@@ -163,8 +157,8 @@ ISOLATED_TEST(Thread, StopReturnsBeforeTheHandlerOrHangs) {
 ISOLATED_TEST(Thread, TimerHandlerHoldsALock) {
     Semaphore entered, changed;
     Step handler = [&] { entered.post(), changed.wait(); };
-    event_timer_add(run_timer, &handler, 1);
     ASSERT_EQ(0, event_loop_async_start());
+    event_timer_add(run_timer, &handler, 0);
     entered.wait();
     event_timer_add(note_timer, nullptr, 3600000);
     event_timer_del(note_timer, nullptr);
@@ -214,13 +208,6 @@ ISOLATED_TEST(Thread, LoopsSideBySideGetInEachOthersWay) {
     }
 }
 
-/** Runs sh in a new root that doesn't have it. */
-int status_without_shell() {
-    char root[] = "/tmp/tessra-root-XXXXXX";
-    EXPECT_TRUE(mkdtemp(root) && chroot(root) == 0);
-    return event_system("true");
-}
-
 TEST(Shell, StatusIsWrong) {
     const std::string to_1017 = std::string(1017, ' ');
     static const char* const env[] = {"TESSRA_A=1 2", nullptr};
@@ -232,29 +219,52 @@ TEST(Shell, StatusIsWrong) {
         {768, [] { return event_system("exit %d", 3); }},
         {9, [] { return event_system("kill -9 $$"); }},
         {127 << 8, [] { return event_system("/nonexistent"); }},
-        {127 << 8, status_without_shell},
-        {12 << 8, [&] { return event_system("%sexit 12", to_1017.c_str() + 1); }},  // 1023 characters.
-        {1 << 8, [&] { return event_system("%sexit 12", to_1017.c_str()); }},       // The 2 is cut.
-        {0, [] { return event_system_env(const_cast<const char**>(env), "test \"$TESSRA_A$TESSRA_B\" = '1 2'"); }},
-        {0, [] { return event_system_env(const_cast<const char**>(no_env), "test -z \"$TESSRA_B\""); }},
+        {12 << 8,
+         [&] { return event_system("%sexit 12", to_1017.c_str() + 1); }},      // 1023 characters.
+        {1 << 8, [&] { return event_system("%sexit 12", to_1017.c_str()); }},  // The 2 is cut.
+        {0,
+         [] {
+             return event_system_env(const_cast<const char**>(env),
+                                     "test \"$TESSRA_A$TESSRA_B\" = '1 2'");
+         }},
+        {0,
+         [] {
+             return event_system_env(const_cast<const char**>(no_env), "test -z \"$TESSRA_B\"");
+         }},
         {0, [] { return event_system_env(nullptr, "test \"$TESSRA_B\" = %s", "mine"); }},
         {0, [] { return event_system("kill -INT $PPID; kill -QUIT $PPID"); }},  // Ignored.
         {SIGINT, [] { return event_system("kill -INT $$; exit 1"); }},  // Not ignored there.
-        {-1, [] { fakes.fail[FAKE_WAIT4] = EINTR; return event_system("true"); }},
+        {-1,
+         [] {
+             fakes.fail[FAKE_WAIT4] = EINTR;
+             return event_system("true");
+         }},
     };
     for (const auto& row : rows) {
         run_isolated([&row] {
             setenv("TESSRA_B", "mine", 1);
-            EXPECT_EQ(row.status, row.run()) << "row";
+            EXPECT_EQ(row.status, row.run());
         });
     }
+}
+
+TEST(Shell, MissingShellIsNoExit127) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root can hide /bin/sh";
+    run_isolated([] {
+        char root[] = "/tmp/tessra-root-XXXXXX";
+        const int back = open("/", O_RDONLY);
+        EXPECT_TRUE(mkdtemp(root) && chroot(root) == 0);
+        EXPECT_EQ(127 << 8, event_system("true"));
+        EXPECT_TRUE(fchdir(back) == 0 && chroot(".") == 0 && rmdir(root) == 0);
+    });
 }
 
 ISOLATED_TEST(Shell, DescriptorReachesTheChild) {
     Step list = [] {
         for (const int fd : {3, 77, 900}) dup2(0, fd);
-        EXPECT_EQ(0, event_system("i=3; while [ $i -lt 1024 ]; do [ ! -e /proc/self/fd/$i ] || exit 1;"
-                                  " i=$((i+1)); done; [ -e /proc/self/fd/0 ]"));
+        EXPECT_EQ(0,
+                  event_system("i=3; while [ $i -lt 1024 ]; do [ ! -e /proc/self/fd/$i ] || exit 1;"
+                               " i=$((i+1)); done; [ -e /proc/self/fd/0 ]"));
     };
     event_timer_add(run_timer, &list, 0);
     drive(nullptr);  // With the channel open.
@@ -301,10 +311,10 @@ ISOLATED_TEST(Shell, WatchedSignalIsBrokenAfterwards) {
     event_signal_add(check, arg("q"), SIGQUIT);
     event_signal_add(check, arg("wrong"), SIGCHLD);  // The shell's own end is no message.
     drive(nullptr, {[] {
-        EXPECT_EQ(0, event_system("kill -INT $PPID"));  // Missed meanwhile.
-        kill(getpid(), SIGINT);
-        kill(getpid(), SIGQUIT);
-    }});
+              EXPECT_EQ(0, event_system("kill -INT $PPID"));  // Missed meanwhile.
+              kill(getpid(), SIGINT);
+              kill(getpid(), SIGQUIT);
+          }});
     EXPECT_EQ("iq", trace);
 }
 
@@ -313,16 +323,15 @@ TEST(BackgroundTask, RunsTooEarlyTwiceOrNever) {
     const struct {
         unsigned uptime, last_ran, minimum_delay, runs_at;
     } rows[] = {
-        {100, 0, 0, 100},
-        {100, 0, 100, 100},
+        {100, 0, 0, 100},    {100, 0, 100, 100},
         {100, 0, 101, 101},  // Since boot, as it has never run.
-        {100, 95, 10, 105},
-        {100, 90, 10, 100},
+        {100, 95, 10, 105},  {100, 90, 10, 100},
         {100, 200, 10, 100},  // Unsigned wrap-around.
     };
     for (const auto& row : rows) {
         run_isolated([&row] {
-            char path[] = "/tmp/tessra-task-XXXXXX", command[] = "echo 100%% >> $TESSRA_TASK; exit 1";
+            char path[] = "/tmp/tessra-task-XXXXXX",
+                 command[] = "echo 100%% >> $TESSRA_TASK; exit 1";
             close(mkstemp(path));
             setenv("TESSRA_TASK", path, 1);
             bg_task_t task = {command, row.minimum_delay, row.last_ran};

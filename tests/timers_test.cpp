@@ -42,12 +42,9 @@ ISOLATED_TEST(Timers, JumpOfTheClockFiresOrStrandsThem) {
         long long jump_ms;
         long long wait_us;  // For a timer 1000 ms ahead, after the jump.
     } rows[] = {
-        {999, 1000},
-        {kDay, 0},  // A day is no jump.
-        {kDay + 1, 1000000},
-        {40 * kDay, 1000000},
-        {-1, 1000000},
-        {-900000, 1000000},
+        {999, 1000},         {kDay, 0},  // A day is no jump.
+        {kDay + 1, 1000000}, {40 * kDay, 1000000},
+        {-1, 1000000},       {-900000, 1000000},
     };
     for (const auto& row : rows) {
         Step jump = [&] { advance_clock(row.jump_ms); };
@@ -98,7 +95,9 @@ ISOLATED_TEST(Timers, PhaseReadsTheClockAgain) {
 ISOLATED_TEST(Timers, PinLeftBehindBringsADeletedTimerBack) {
     for (const bool first_fires : {false, true}) {
         event_loop_ctx_tp context = event_mc_init();
-        const auto del = [&](const char* text) { event_timer_del_mc(context, note_timer, arg(text)); };
+        const auto del = [&](const char* text) {
+            event_timer_del_mc(context, note_timer, arg(text));
+        };
         const char texts[][2] = {"1", "2", "3", "4"};
         set_clock(kNow);
         trace = "";
@@ -155,10 +154,9 @@ void Model::change() {
     if (action >= 3) {
         const unsigned timeout = below(3) * below(20);
         const Timer timer = {now() + timeout, handler, arg};
-        timers.insert(std::upper_bound(timers.begin(), timers.end(), timer,
-                                       [](const Timer& a, const Timer& b) {
-                                           return a.deadline < b.deadline;
-                                       }),
+        timers.insert(std::upper_bound(
+                          timers.begin(), timers.end(), timer,
+                          [](const Timer& a, const Timer& b) { return a.deadline < b.deadline; }),
                       timer);
         event_timer_add(kHandlers[handler], arg, timeout);
     } else if (action > 0) {
@@ -191,7 +189,8 @@ int Model::wait(const timeval* tv) {
     if (++waits == 20000 || testing::Test::HasFailure()) cancel_loop();
     const unsigned outcome = below(20);
     if (outcome < 2) {
-        const long long jump = outcome ? kDay + 1 + below(5) : -1 - static_cast<long long>(below(500));
+        const long long jump =
+            outcome ? kDay + 1 + below(5) : -1 - static_cast<long long>(below(500));
         advance_clock(jump);
         for (Timer& timer : timers) timer.deadline += static_cast<unsigned long long>(jump);
     } else {

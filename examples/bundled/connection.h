@@ -31,12 +31,7 @@ struct PendingWork {
     void* work = nullptr;
 };
 
-enum class Phase {
-    kReading,
-    kWaiting,
-    kWriting,
-    kDraining
-};
+enum class Phase { kReading, kWaiting, kWriting, kDraining };
 
 struct Connection {
     list_t link;  ///< First, so that the address of the node is the address of the connection.

@@ -16,7 +16,8 @@
  * descriptors in order of adding, then those of at most one caught signal, then those of due
  * timers. A handler may add and delete watchers of any kind, itself and its neighbours included,
  * may cancel the loop, and may run one nested pass with do_events(). It must not let a C++
- * exception out, must not end the context, and must not block for long: everything else waits for it.
+ * exception out, must not end the context, and must not block for long: everything else waits for
+ * it.
  *
  * Threads. Every function may be called from any thread except where it says otherwise; none may be
  * called from a signal handler. A change made on another thread wakes the loop. Descriptor, signal
@@ -25,8 +26,8 @@
  * which is in such a call never ends. Timer handlers run without a lock.
  *
  * Signals that arrive while no loop runs are dropped. A daemon that must not miss an early SIGTERM
- * blocks it before event_signal_add() and unblocks it in a timer armed with 0, which the loop's first
- * pass runs.
+ * blocks it before event_signal_add() and unblocks it in a timer armed with 0, which the loop's
+ * first pass runs.
  *
  * Failure of an add. The add functions have no result. One that can't register (ENOMEM, EMFILE,
  * EINVAL as told there) registers nothing, changes nothing and sets errno; one that registers
@@ -96,11 +97,11 @@ void event_mc_free(event_loop_ctx_tp ctx);
  *
  * Returns 0 after a cancel, once the pass under way has finished. Returns -1 if the loop didn't
  * start: it runs already, or has not yet returned from a cancelled run (nothing is logged, nothing
- * changes, errno is EBUSY), or the channel can't be made (errno is that of the failing call, EMFILE for
- * a descriptor that doesn't fit an fd_set, EPERM for a name that isn't a FIFO of this user; a line goes
- * to liblog, zone 6, level 1). A FIFO that
- * couldn't be opened stays in /tmp and is used again by the next start; anything under that name
- * that isn't a FIFO of this user fails the start. Watchers are kept when a start fails.
+ * changes, errno is EBUSY), or the channel can't be made (errno is that of the failing call, EMFILE
+ * for a descriptor that doesn't fit an fd_set, EPERM for a name that isn't a FIFO of this user; a
+ * line goes to liblog, zone 6, level 1). A FIFO that couldn't be opened stays in /tmp and is used
+ * again by the next start; anything under that name that isn't a FIFO of this user fails the start.
+ * Watchers are kept when a start fails.
  *
  * At the end of its loop the default context drops all its watchers without running them; another
  * context keeps them for its next run. Dispositions of signals stay as event_signal_add() set them.
@@ -139,7 +140,8 @@ void cancel_loop(void);
  * watched descriptor that has been closed ends the process with exit(-1).
  *
  * The nested pass can run the calling handler again if its descriptor is still ready. From a
- * descriptor, signal or child handler, other threads' changes of such watchers wait until it is over.
+ * descriptor, signal or child handler, other threads' changes of such watchers wait until it is
+ * over.
  */
 int do_events_mc(event_loop_ctx_tp el_ctx, unsigned int timeout);
 /** do_events_mc() on the default context. */
@@ -190,7 +192,8 @@ void event_timer_add_mc(event_loop_ctx_tp el_ctx, timer_handler_t handler, void*
 void event_timer_add(timer_handler_t handler, void* arg, long long unsigned int timeout);
 
 /**
- * Cancels every timer of @p handler with the argument @p arg, or with any argument if @p arg is NULL.
+ * Cancels every timer of @p handler with the argument @p arg, or with any argument if @p arg is
+ * NULL.
  *
  * Called on the loop's thread: no such timer fires any more. Called on another thread: the handler
  * of a timer that had just become due may still be running when the call returns, and may still
@@ -340,7 +343,8 @@ typedef int (*process_handler_t)(int pid, void* arg, int status);
  * lives on the default context, whose loop must run, and looks after the children of the context
  * of that first call alone; watchers on other contexts never fire. It is gone for good once the
  * default context's loop has ended, SIGCHLD has been deleted there with event_signal_del(), or the
- * context of the first call has been freed. So use event_process_add() and run the default loop once.
+ * context of the first call has been freed. So use event_process_add() and run the default loop
+ * once.
  *
  * Failure: ENOMEM. Threads: any; on another thread than the loop's it waits for running handlers.
  */
@@ -350,7 +354,8 @@ void event_process_add(int pid, process_handler_t handler, void* arg);
 
 /**
  * Deletes the oldest watcher of @p pid. The child goes on, and its status is the caller's to
- * collect. Deleting what doesn't exist is no error and wakes the loop. Threads: as event_fd_del_mc().
+ * collect. Deleting what doesn't exist is no error and wakes the loop. Threads: as
+ * event_fd_del_mc().
  */
 void event_process_del_mc(event_loop_ctx_tp el_ctx, int pid);
 /** event_process_del_mc() on the default context. */
@@ -372,7 +377,8 @@ void event_process_del(int pid);
  * call is a broken process: a line on stderr, then abort().
  *
  * Handlers of timers that are already due may run before it returns.
- * Threads: one at a time, not from a handler of the default loop. Blocks: until the loop's first pass.
+ * Threads: one at a time, not from a handler of the default loop. Blocks: until the loop's first
+ * pass.
  */
 int event_loop_async_start(void);
 
@@ -411,8 +417,9 @@ void event_loop_wait_for_async_loop_ready(void* arg);
  *
  * The command inherits the descriptors 0, 1 and 2 and no others: all below the hard limit of
  * RLIMIT_NOFILE (1024 if there is none) are closed. Signals that the library catches are back at
- * their default in it; ignored and blocked ones stay so. While it runs, the whole process ignores SIGINT and SIGQUIT, and SIGCHLD has
- * its default action: watchers of these three miss what happens meanwhile.
+ * their default in it; ignored and blocked ones stay so. While it runs, the whole process ignores
+ * SIGINT and SIGQUIT, and SIGCHLD has its default action: watchers of these three miss what happens
+ * meanwhile.
  *
  * Threads: any, but one call at a time, event_system_env() included. Blocks: until the shell ends;
  * on a loop's thread that holds up the whole loop.
@@ -430,9 +437,10 @@ int event_system_env(const char** env, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 
 /**
- * A shell command that runs at most once in a while. The caller fills it, owns it and keeps it alive
- * as long as a request is pending, that is until the default loop has ended or the command has run;
- * the library copies nothing and writes only last_ran. Zero last_ran before the first request.
+ * A shell command that runs at most once in a while. The caller fills it, owns it and keeps it
+ * alive as long as a request is pending, that is until the default loop has ended or the command
+ * has run; the library copies nothing and writes only last_ran. Zero last_ran before the first
+ * request.
  */
 typedef struct {
     char* command_line;         /**< Used as a printf format: write a percent sign as %%. */
@@ -442,10 +450,11 @@ typedef struct {
 
 /**
  * Requests one run of @p tospawn on the default context's loop: in the next timer phase if its last
- * start lies minimum_delay seconds back, else as soon as it does. Requests made while one is pending
- * are served by the same run. The command runs by event_system(): it holds up the loop until its shell
- * ends (end the command line with & if it is long), and the end of a watched child meanwhile is noticed
- * only when another one ends. Its status is dropped, and a failing command counts as a run.
+ * start lies minimum_delay seconds back, else as soon as it does. Requests made while one is
+ * pending are served by the same run. The command runs by event_system(): it holds up the loop
+ * until its shell ends (end the command line with & if it is long), and the end of a watched child
+ * meanwhile is noticed only when another one ends. Its status is dropped, and a failing command
+ * counts as a run.
  *
  * Failure: ENOMEM. Threads: any; two requests made at the same moment on two threads can make two
  * runs, minimum_delay apart. Blocks: never for long.

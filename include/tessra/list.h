@@ -21,8 +21,8 @@ extern "C" {
 
 /** Head of a list, or the first member of a listed record. Not copyable: neighbours point to it. */
 typedef struct list {
-    struct list* next; /**< Following node; the head's first entry; the head after the last entry. */
-    struct list* prev; /**< Preceding node; the head's last entry; the head before the first. */
+    struct list* next; /**< Following node; the head's first entry; the head after the last one. */
+    struct list* prev; /**< Preceding node; the head's last entry; the head before the first one. */
 } list_t;
 
 /** Makes @p list an empty head. An entry that was on it is forgotten, not unlinked. */
@@ -69,9 +69,8 @@ static inline void list_delete(list_t* entry) {
 /** @cond */
 #define TESSRA_LIST_PASTE3(a, b, c) a##b##c
 #define TESSRA_LIST_SAVED(line) TESSRA_LIST_PASTE3(_dll_x, line, _unique)
-#define TESSRA_LIST_FOREACH(saved, cursor, head)                                    \
-    for (list_t* saved = ((cursor) = (head)->next, (cursor)->next);                 \
-         (cursor) != (head);                                                        \
+#define TESSRA_LIST_FOREACH(saved, cursor, head)                                        \
+    for (list_t* saved = ((cursor) = (head)->next, (cursor)->next); (cursor) != (head); \
          (cursor) = saved, saved = (cursor)->next)
 /** @endcond */
 

@@ -24,15 +24,17 @@ extern "C" {
 typedef struct {
     pthread_mutex_t mutex; /**< The real lock; held from the outermost lock to its unlock. */
     unsigned int refcount; /**< Unmatched locks of the owner; 0 when free. Guarded by rec_mutex. */
-    pthread_t owner; /**< Holding thread; all bits set after a full release. Guarded by rec_mutex. */
+    pthread_t owner;       /**< Holding thread; all ones after a release. Guarded by rec_mutex. */
 } recursive_mutex;
 
 /** Initialiser of a free recursive_mutex with static storage. */
-#define RECURSIVE_MUTEX_INITIALIZER { PTHREAD_MUTEX_INITIALIZER, 0, (pthread_t)-1 }
+#define RECURSIVE_MUTEX_INITIALIZER \
+    { PTHREAD_MUTEX_INITIALIZER, 0, (pthread_t)-1 }
 
 /**
  * Guards refcount and owner of every recursive_mutex of the process and nothing else. Never held
- * while foreign code runs. Exported for debuggers and for daemons with a lock checker: leave it alone.
+ * while foreign code runs. Exported for debuggers and for daemons with a lock checker: leave it
+ * alone.
  */
 extern pthread_mutex_t rec_mutex;
 

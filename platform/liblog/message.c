@@ -1,5 +1,5 @@
-// Where messages go: to standard error, one write for each, so that lines of several processes don't
-// mix.
+// Where messages go: to standard error, one write for each, so that lines of several processes
+// don't mix.
 #define _POSIX_C_SOURCE 200809L
 #include <errno.h>
 #include <stdarg.h>
@@ -10,9 +10,7 @@
 #include "liblog.h"
 
 // A longer message is cut.
-enum {
-    kMessageRoom = 1024
-};
+enum { kMessageRoom = 1024 };
 
 // Returns the length of the text in `message`, which now ends in exactly the newline that it needs.
 static size_t end_line(char* message, size_t length) {

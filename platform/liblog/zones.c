@@ -16,12 +16,9 @@
 
 static const char kAllZones[] = "all:";
 
-enum {
-    kDefaultLevel = 1,
-    kNoRule = -1
-};
+enum { kDefaultLevel = 1, kNoRule = -1 };
 
-// Reads a decimal number of at least one digit; *text moves behind it. Returns -1 for anything else.
+// Reads a decimal number of at least one digit; *text moves behind it. Returns -1 if none is there.
 static int read_number(const char** text) {
     if (**text < '0' || **text > '9') return -1;
     char* end;

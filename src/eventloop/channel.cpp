@@ -1,16 +1,18 @@
 // The wake-up channel of a loop, and the list of the running loops that the signal catcher walks.
 //
-// The channel is a FIFO that exists only as a pair of descriptors. Messages are '-' (look again) and
-// 'S' plus a signal number, followed by that signal's siginfo_t. A message is written with a single
-// write() below PIPE_BUF, so it is in the channel whole or not at all and never interleaved.
+// The channel is a FIFO that exists only as a pair of descriptors. Messages are '-' (look again)
+// and 'S' plus a signal number, followed by that signal's siginfo_t. A message is written with a
+// single write() below PIPE_BUF, so it is in the channel whole or not at all and never interleaved.
 //
 // The catcher runs in signal context, on any thread, at any instant, and takes no lock. What keeps
 // it from a freed context or a closed descriptor:
 //   - Starts and ends of loops change event_loop_list under channel_mutex, one store of a link at a
 //     time, so that every node which the catcher can reach is linked forwards to the head.
-//   - Whoever uses a ping_fd stands inside channel_gate. An end takes the context off the list, takes
+//   - Whoever uses a ping_fd stands inside channel_gate. An end takes the context off the list,
+//   takes
 //     ping_fd away, waits until all who could have seen either have left the gate, and then closes.
-//   - After fork() the child has the parent's list and descriptors, but not its loops. loops_pid tells.
+//   - After fork() the child has the parent's list and descriptors, but not its loops. loops_pid
+//   tells.
 
 #include <fcntl.h>
 #include <limits.h>
@@ -58,8 +60,8 @@ public:
     }
 
 private:
-    // Sequentially consistent throughout: a reader's entry and the waiter's look at the counter must
-    // have one order, or each could miss the other.
+    // Sequentially consistent throughout: a reader's entry and the waiter's look at the counter
+    // must have one order, or each could miss the other.
     std::atomic<unsigned> side_{0};
     std::atomic<int> inside_[2]{0, 0};
 };

@@ -16,8 +16,8 @@ constexpr int kReported = 2;
 
 constinit std::atomic<int> handler_registered{0};
 
-// Registers the SIGCHLD watcher on the first use. Under the lock that the registration takes anyway,
-// so that two first calls at the same moment make one watcher.
+// Registers the SIGCHLD watcher on the first use. Under the lock that the registration takes
+// anyway, so that two first calls at the same moment make one watcher.
 bool register_sigchld_once(event_loop_ctx_tp el_ctx) {
     if (handler_registered.load(std::memory_order_acquire) != 0) return true;
     const RecursiveLock lock(default_el_ctx.eventlists_mutex);

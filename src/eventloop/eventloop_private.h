@@ -55,10 +55,10 @@ struct event_loop_ctx {
     std::atomic<pthread_t> eloopthread;
     std::atomic<unsigned char> async_loop_started;
     std::atomic<pthread_t> async_loop;
-    recursive_mutex timerlist_mutex;   // Guards timer_queue.
-    recursive_mutex eventlists_mutex;  // Guards fd_queue, signal_queue and watched.
-    recursive_mutex processlist_mutex; // Guards process_queue.
-    int do_events_reentrance;          // The loop's thread only.
+    recursive_mutex timerlist_mutex;    // Guards timer_queue.
+    recursive_mutex eventlists_mutex;   // Guards fd_queue, signal_queue and watched.
+    recursive_mutex processlist_mutex;  // Guards process_queue.
+    int do_events_reentrance;           // The loop's thread only.
     bool in_loop;  // From a start to the end of its run, beyond a cancel. Guarded by channel.cpp.
     tessra::WatchedSets watched;
 };

@@ -8,7 +8,7 @@ namespace tessra {
 
 namespace {
 
-constexpr long long int kLargestPause = 86400000;  // A day; what takes longer is a clock jump.
+constexpr long long int kLargestPause = 86400000;     // A day; what takes longer is a clock jump.
 constexpr unsigned int kLongestNestedWait = 2147483;  // Its microseconds still fit 32 signed bits.
 constexpr int kNestedSelectTries = 3;
 
@@ -116,7 +116,8 @@ int do_events_mc(event_loop_ctx_tp el_ctx, unsigned int timeout) {
     ++el_ctx->do_events_reentrance;
     // Not normalised into seconds: the kernel takes any count of microseconds.
     timeval wait = {};
-    wait.tv_usec = static_cast<decltype(wait.tv_usec)>(timeout * 1000);
+    const unsigned int microseconds = timeout * 1000;
+    wait.tv_usec = static_cast<decltype(wait.tv_usec)>(microseconds);
     SelectSets sets;
     const int max_fd = fill_select_sets(el_ctx, sets);
     const int count = select_with_retries(el_ctx, max_fd, sets, wait);

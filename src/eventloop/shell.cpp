@@ -21,8 +21,8 @@ constexpr unsigned int kFirstClosedFd = 3;
 // The same number on every architecture; older headers lack it.
 constexpr long kCloseRange = 436;
 
-// The dispositions that a command needs, for as long as it runs. Whole records are put back, since a
-// watched signal needs its SA_SIGINFO.
+// The dispositions that a command needs, for as long as it runs. Whole records are put back, since
+// a watched signal needs its SA_SIGINFO.
 class CommandDispositions : NotCopyable {
 public:
     CommandDispositions() {
@@ -66,8 +66,8 @@ void close_descriptors(unsigned int max_fds) {
 }
 
 // The child between vfork() and exec. It shares the parent's memory, so it touches nothing but its
-// own dispositions, mask and descriptors. Signals stay blocked until the catcher is out of place: in
-// here it would write to the parent's channel.
+// own dispositions, mask and descriptors. Signals stay blocked until the catcher is out of place:
+// in here it would write to the parent's channel.
 [[noreturn]] void exec_shell(const char* buffer, const char** env, unsigned int max_fds,
                              const AllSignalsBlocked& blocked) {
     set_default(SIGQUIT);

@@ -1,9 +1,9 @@
 // The default context's loop on a thread of its own.
 //
 // The starter holds the handshake's mutex before its timer and the thread exist, and lets go of it
-// only in pthread_cond_wait(); the timer of the new loop's first pass takes it before it signals. So
-// the signal can't come too early. waiting_starter is the condition's predicate: whoever ends the
-// wait, the timer or the thread of a loop that didn't get that far, sets it to null.
+// only in pthread_cond_wait(); the timer of the new loop's first pass takes it before it signals.
+// So the signal can't come too early. waiting_starter is the condition's predicate: whoever ends
+// the wait, the timer or the thread of a loop that didn't get that far, sets it to null.
 
 #include <cstdio>
 #include <cstdlib>

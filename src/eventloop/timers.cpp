@@ -36,8 +36,7 @@ bool matches(const event_timer_t* timer, timer_handler_t handler, const void* ar
 }  // namespace
 
 bool timer_add(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg, Milliseconds timeout) {
-    auto* timer = new_entry<event_timer_t>(
-        {{}, handler, arg, event_get_time() + timeout, 0, 0});
+    auto* timer = new_entry<event_timer_t>({{}, handler, arg, event_get_time() + timeout, 0, 0});
     if (timer == nullptr) return false;
     const RecursiveLock lock(el_ctx->timerlist_mutex);
     list_t* before = place_for(el_ctx->timer_queue, timer->time);
@@ -59,8 +58,8 @@ timeval* timer_timeout(event_loop_ctx_tp el_ctx, Milliseconds now, timeval& time
     const RecursiveLock lock(el_ctx->timerlist_mutex);
     list_t* first = el_ctx->timer_queue.next;
     if (first == &el_ctx->timer_queue) return nullptr;
-    const long long int wait = clamp_distance(
-        static_cast<long long int>(entry_of<event_timer_t>(first)->time - now));
+    const long long int wait =
+        clamp_distance(static_cast<long long int>(entry_of<event_timer_t>(first)->time - now));
     timeout.tv_sec = static_cast<decltype(timeout.tv_sec)>(wait / 1000);
     timeout.tv_usec = static_cast<decltype(timeout.tv_usec)>(wait % 1000 * 1000);
     return &timeout;

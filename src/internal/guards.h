@@ -37,7 +37,9 @@ private:
 // Holds a plain mutex. Locking a valid default mutex can't fail, so the results say nothing.
 class MutexLock : NotCopyable {
 public:
-    explicit MutexLock(pthread_mutex_t& mutex) : mutex_(mutex) { (void)pthread_mutex_lock(&mutex_); }
+    explicit MutexLock(pthread_mutex_t& mutex) : mutex_(mutex) {
+        (void)pthread_mutex_lock(&mutex_);
+    }
     ~MutexLock() { (void)pthread_mutex_unlock(&mutex_); }
 
 private:

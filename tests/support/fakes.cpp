@@ -22,11 +22,11 @@
 #include <unistd.h>
 
 #define PLAIN __attribute__((no_sanitize("thread"), no_sanitize("address")))
-#define REAL_AS(call, name)                                             \
-    __extension__({                                                     \
-        static __typeof__(&::call) real_;                                 \
-        if (!real_) real_ = reinterpret_cast<__typeof__(real_)>(dlsym(RTLD_NEXT, name));           \
-        real_;                                                          \
+#define REAL_AS(call, name)                                                              \
+    __extension__({                                                                      \
+        static __typeof__(&::call) real_;                                                \
+        if (!real_) real_ = reinterpret_cast<__typeof__(real_)>(dlsym(RTLD_NEXT, name)); \
+        real_;                                                                           \
     })
 #define REAL(call) REAL_AS(call, #call)
 
@@ -107,7 +107,15 @@ pid_t wait4(pid_t pid, int* status, int options, struct rusage* usage) __THROW {
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*),
                    void* arg) __THROWNL {
     if (fakes.fail[FAKE_PTHREAD_CREATE]) return fakes.fail[FAKE_PTHREAD_CREATE];
-    return REAL(pthread_create)(thread, attributes, start, arg);
+    const int error = REAL(pthread_create)(thread, attributes, start, arg);
+    if (!error) __atomic_add_fetch(&fakes.threads, 1, __ATOMIC_RELAXED);
+    return error;
+}
+
+int pthread_join(pthread_t thread, void** result) {
+    const int error = REAL(pthread_join)(thread, result);
+    if (!error) __atomic_sub_fetch(&fakes.threads, 1, __ATOMIC_RELAXED);
+    return error;
 }
 
 int pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) __THROW {
@@ -153,9 +161,7 @@ void __syslog_chk(int priority, int, const char* format, ...) {
 
 /* liblog: a message goes to stderr as "ZONE/LEVEL FORMAT|TEXT". */
 int logzone_enabled(int zone, int level);
-int logzone_enabled(int zone, int level) {
-    return zone == 6 && level == 1 && !fakes.log_off;
-}
+int logzone_enabled(int zone, int level) { return zone == 6 && level == 1 && !fakes.log_off; }
 
 int __vask_log(int zone, int level, const char* format, ...);
 int __vask_log(int zone, int level, const char* format, ...) {

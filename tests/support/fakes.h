@@ -34,6 +34,7 @@ extern struct fakes {
     unsigned long long clock_ns; /**< CLOCK_MONOTONIC_RAW, and the uptime; 0 for the real ones. */
     unsigned clock_reads;        /**< Readings of that clock. */
     int core_dumped_by;          /**< waitpid() tells of a core that this signal left. */
+    int threads;                 /**< Created and not yet joined. */
     int log_off;                 /**< What the library logs isn't wanted. */
     char syslog_text[1000];      /**< "PRIORITY TEXT\n" for each syslog() call. */
 } fakes;

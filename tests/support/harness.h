@@ -22,22 +22,23 @@ using Step = std::function<void()>;
 
 /** How a child process came to its end. */
 struct ChildEnd {
-    int exit_code;      ///< -1 if a signal ended it.
-    int signal;         ///< 0 if it exited.
-    bool completed;     ///< The body returned without a failed expectation.
-    std::string output; ///< What it wrote to stdout and stderr, without the emulator's own lines.
+    int exit_code;       ///< -1 if a signal ended it.
+    int signal;          ///< 0 if it exited.
+    bool completed;      ///< The body returned without a failed expectation.
+    std::string output;  ///< What it wrote to stdout and stderr, without the emulator's own lines.
 };
 
-/** Runs body in a child process, which SIGALRM ends when it hangs; failures end up in its output. */
+/** Runs body in a child process, which SIGALRM ends when it hangs; failures end up in its output.
+ */
 ChildEnd run_child(const Step& body);
 
 /** run_child() for a body that has to return; passes its failures on. */
 void run_isolated(const Step& body);
 
 /** A test whose body is a process: the default context and the dispositions are as at the start. */
-#define ISOLATED_TEST(suite, name)                                            \
-    static void suite##_##name();                                             \
-    TEST(suite, name) { tessra_test::run_isolated(suite##_##name); }          \
+#define ISOLATED_TEST(suite, name)                                   \
+    static void suite##_##name();                                    \
+    TEST(suite, name) { tessra_test::run_isolated(suite##_##name); } \
     static void suite##_##name()
 
 /** Forks a child that runs body and leaves with status 0, without sanitizer reports at its exit. */

@@ -1,5 +1,5 @@
-/* A daemon in small: a timer writes into a pipe, the pipe's watcher raises a signal, and the signal's
-   watcher ends the loop. Exits with 0 if all three came in that order. */
+/* A daemon in small: a timer writes into a pipe, the pipe's watcher raises a signal, and the
+   signal's watcher ends the loop. Exits with 0 if all three came in that order. */
 #define _POSIX_C_SOURCE 200809L
 #include <signal.h>
 #include <stdio.h>
