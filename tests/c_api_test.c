@@ -23,11 +23,10 @@ static void check(int holds, const char* condition) {
 static event_loop_ctx_tp context; /* Null for the default one. */
 static int calls[128];            /* By the letter that is a handler's argument. */
 static char t[] = "t", f[] = "f", s[] = "s", c[] = "c", x[] = "x";
-static int bytes[2],
-    held[2]; /* Pipes: what on_fd() reads, and whose closing the child waits for. */
+static int bytes[2]; /* The pipe that on_fd() reads. */
+static int held[2];  /* The pipe whose closing the child waits for. */
 
-/* The loop ends once the four handlers have been called. A child is only seen by the default loop.
- */
+/* The loop ends once all handlers have been called. Only the default one sees the child. */
 static void called(const void* letter) {
     calls[(int)*(const char*)letter]++;
     if (!calls['t'] || !calls['f'] || !calls['s']) return;

@@ -76,34 +76,6 @@ ISOLATED_TEST(Children, StoppedOneIsReportedAsEnded) {
     EXPECT_EQ("e", trace);
 }
 
-/** Three dead children, A to C, called "a" to "c" in a nested pass. */
-struct Watched {
-    pid_t pids[3];
-    const char* outer;  // What A's handler does: '!' is a nested pass, a letter deletes, '+' adds.
-    const char* inner;  // What the first handler of the nested pass does.
-    bool nested;
-} watched;
-
-int act(int, void* arg, int) {
-    const char name = *static_cast<char*>(arg);
-    trace += static_cast<char>(watched.nested ? name - 'A' + 'a' : name);
-    if (!watched.nested && name != 'A') return 0;
-    raise(SIGCHLD);
-    const char* actions = std::exchange(watched.nested ? watched.inner : watched.outer, "");
-    for (; *actions; actions++) {
-        if (*actions == '!') {
-            watched.nested = true;
-            EXPECT_EQ(0, do_events(0));
-            watched.nested = false;
-        } else if (*actions == '+') {
-            event_process_add(dead_child(), note_process, tessra_test::arg("D"));
-        } else {
-            event_process_del(watched.pids[*actions - 'A']);
-        }
-    }
-    return 0;
-}
-
 TEST(Children, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
     const struct {
         const char *outer, *inner, *called, *uncollected;
@@ -120,16 +92,29 @@ TEST(Children, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string(row.outer) + " " + row.inner);
         run_isolated([&row] {
-            watched = {{}, row.outer, row.inner, false};
-            for (int n = 0; n < 3; n++) {
-                watched.pids[n] = dead_child();
-                event_process_add(watched.pids[n], act, arg(&"ABC"[n]));
+            static Script script;
+            static pid_t pids[3];
+            script = {'A', row.outer, row.inner, [](char action) {
+                          if (action == '+')
+                              event_process_add(dead_child(), note_process, arg("D"));
+                          else
+                              event_process_del(pids[action - 'A']);
+                      }};
+            for (pid_t& pid : pids) {
+                pid = dead_child();
+                event_process_add(
+                    pid,
+                    [](int, void* at, int) {
+                        if (!script.nested) raise(SIGCHLD);  // A message for the nested pass.
+                        script.called(static_cast<char>('A' + (static_cast<pid_t*>(at) - pids)));
+                        return 0;
+                    },
+                    &pid);
             }
             drive(nullptr, {kSigchld});
             EXPECT_EQ(row.called, trace);
             for (int n = 0; n < 3; n++)
-                EXPECT_EQ(strchr(row.uncollected, 'A' + n) != nullptr,
-                          uncollected(watched.pids[n]));
+                EXPECT_EQ(strchr(row.uncollected, 'A' + n) != nullptr, uncollected(pids[n]));
         });
     }
 }
@@ -172,22 +157,6 @@ TEST(Children, WatchersFireOnTheWrongContext) {
             EXPECT_EQ(row.called, trace);
         });
     }
-}
-
-// Nothing driven here: the signal interrupts or ends the wait.
-ISOLATED_TEST(Children, EndDuringTheWaitIsMissed) {
-    Pipe pipe;
-    const pid_t pid = fork_process([&] {
-        char byte;
-        close(pipe.out);
-        EXPECT_EQ(0, read(pipe.in, &byte, 1));
-    });
-    Step end = [] { cancel_loop(); };
-    Step let_go = [&] { close(pipe.out); };
-    event_process_add(pid, run_process, &end);
-    event_timer_add(run_timer, &let_go, 1);
-    EXPECT_EQ(0, et_event_loop());
-    EXPECT_FALSE(uncollected(pid));
 }
 
 }  // namespace

@@ -63,38 +63,6 @@ ISOLATED_TEST(Descriptors, DeleteTakesTheYoungerOfTwoOrBoth) {
     EXPECT_EQ("ab|b||", trace.substr(0, 6));
 }
 
-/** Four watchers of ready descriptors, A to D, called "a" to "d" in a nested pass. */
-struct Watched {
-    int fds[4];
-    char actor;         // Whose handler acts.
-    const char* outer;  // What it does: '!' is a nested pass, a letter deletes and closes.
-    const char* inner;  // What the first handler of the nested pass does.
-    bool nested;
-} watched;
-
-void act(int fd, void* arg) {
-    const char name = *static_cast<char*>(arg);
-    const bool acts = watched.nested || name == watched.actor;
-    trace += static_cast<char>(watched.nested ? name - 'A' + 'a' : name);
-    const char* actions =
-        acts ? std::exchange(watched.nested ? watched.inner : watched.outer, "") : "";
-    for (; *actions; actions++) {
-        if (*actions == '!') {
-            watched.nested = true;
-            EXPECT_EQ(0, do_events(0));
-            watched.nested = false;
-        } else if (*actions == '+') {
-            event_fd_add(note_fd, tessra_test::arg("E"), fd, EVENT_FD_READ);
-        } else if (*actions == '*') {
-            event_fd_add(note_fd, tessra_test::arg("F"), ready_descriptor(), EVENT_FD_READ);
-        } else {
-            event_fd_del(watched.fds[*actions - 'A']);
-            close(watched.fds[*actions - 'A']);
-        }
-    }
-    if (acts) cancel_loop();
-}
-
 TEST(Descriptors, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
     const struct {
         char actor;
@@ -122,11 +90,27 @@ TEST(Descriptors, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string() + row.actor + " " + row.outer + " " + row.inner);
         run_isolated([&row] {
-            watched = {{}, row.actor, row.outer, row.inner, false};
-            for (int n = 0; n < 4; n++) {
-                watched.fds[n] = ready_descriptor();
-                event_fd_add(act, arg(&"ABCD"[n]), watched.fds[n], EVENT_FD_READ);
+            static Script script;
+            static int fds[4];
+            script = {row.actor, row.outer, row.inner, [](char action) {
+                          if (action == '+') {
+                              event_fd_add(note_fd, arg("E"), fds[0], EVENT_FD_READ);
+                          } else if (action == '*') {
+                              event_fd_add(note_fd, arg("F"), ready_descriptor(), EVENT_FD_READ);
+                          } else {
+                              event_fd_del(fds[action - 'A']);
+                              close(fds[action - 'A']);
+                          }
+                      }};
+            for (int& fd : fds) {
+                fd = ready_descriptor();
+                event_fd_add(
+                    [](int, void* at) {
+                        script.called(static_cast<char>('A' + (static_cast<int*>(at) - fds)));
+                    },
+                    &fd, fd, EVENT_FD_READ);
             }
+            event_timer_add([](void*) { cancel_loop(); }, nullptr, 0);
             EXPECT_EQ(0, et_event_loop());
             EXPECT_EQ(row.called, trace);
         });
@@ -207,7 +191,18 @@ TEST(Descriptors, ClosedOneGoesUnnoticed) {
     static int fd;
     static const auto watch = [](int type) {
         fd = dup2(ready_descriptor(), 900);  // Not where the channel will be.
-        event_fd_add(note_fd, nullptr, fd, type);
+        event_fd_add(note_fd, arg(""), fd, type);
+    };
+    // Closed while the list doesn't change: by a timer, some passes after the last add.
+    static const auto close_later = [](int type, bool nested) {
+        watch(type);
+        static Step last, first;
+        last = [nested] {
+            close(fd);
+            if (nested) do_events(0), puts("survived"), cancel_loop();
+        };
+        first = [] { event_timer_add(run_timer, &last, 2); };
+        event_timer_add(run_timer, &first, 1);
     };
     const Step rows[] = {
         [] { watch(EVENT_FD_EXCEPT), close(fd); },
@@ -215,11 +210,10 @@ TEST(Descriptors, ClosedOneGoesUnnoticed) {
         [] { event_fd_add(note_fd, nullptr, 901, EVENT_FD_READ); },
         [] { event_fd_add(note_fd, nullptr, -1, EVENT_FD_READ); },
         [] { event_fd_add(note_fd, nullptr, INT_MIN, 0); },
-        [] {
-            static Step nest = [] { close(fd), do_events(0), puts("survived"), cancel_loop(); };
-            watch(0);
-            event_timer_add(run_timer, &nest, 0);
-        },
+        [] { close_later(EVENT_FD_EXCEPT, false); },
+        [] { close_later(EVENT_FD_READ, true); },
+        [] { close_later(0, false); },
+        [] { close_later(0, true); },
     };
     for (const Step& row : rows) {
         const ChildEnd end = run_child([&row] { row(), et_event_loop(); });

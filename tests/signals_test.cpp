@@ -2,7 +2,7 @@
  * @file signals_test.cpp
  * Caught signals on their way from the catcher through the channel to the watchers.
  */
-#include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <cstring>
 #include <thread>
-#include <utility>
 
 #include "support/harness.h"
 
@@ -31,34 +30,17 @@ bool intact(const siginfo_t* info, int signal, int value) {
            info->si_value.sival_int == value;
 }
 
-/** Three watchers of SIGUSR1, A to C, called "a" to "c" in a nested pass. */
-struct Watched {
-    char actor;
-    const char* outer;  // 'x' deletes the oldest watcher, '!' is a nested pass, '+' adds "D".
-    const char* inner;  // What the first handler of the nested pass does.
-    bool nested;
-    const siginfo_t* info;
-} watched;
+Script script;
+const siginfo_t* shared_info;
 
-void act(int signal, siginfo_t* info, void* arg) {
-    const char name = *static_cast<char*>(arg);
-    const bool nested = watched.nested;
-    trace += static_cast<char>(nested ? name - 'A' + 'a' : name);
-    EXPECT_TRUE(intact(info, SIGUSR1, nested ? 8 : 7) && signal == SIGUSR1);
-    EXPECT_TRUE(nested || !watched.info || watched.info == info) << "not the same record";
-    if (!nested) watched.info = info;
-    if (!nested && name != watched.actor) return;
-    const char* actions = std::exchange(nested ? watched.inner : watched.outer, "");
-    for (; *actions; actions++) {
-        if (*actions == 'x') event_signal_del(SIGUSR1);
-        if (*actions == '+') event_signal_add(note_signal, tessra_test::arg("D"), SIGUSR1);
-        if (*actions != '!') continue;
-        watched.nested = true;
-        EXPECT_EQ(0, do_events(0));
-        watched.nested = false;
-    }
+void act(int signal, siginfo_t* info, void* name) {
+    EXPECT_TRUE(intact(info, signal, script.nested ? 8 : 7));
+    EXPECT_TRUE(script.nested || !shared_info || shared_info == info) << "not the same record";
+    if (!script.nested) shared_info = info;
+    script.called(*static_cast<char*>(name));
 }
 
+// Three watchers of one signal; 'x' deletes the oldest, '+' adds one.
 TEST(Signals, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
     const struct {
         char actor;
@@ -79,18 +61,24 @@ TEST(Signals, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string() + row.actor + " " + row.outer + " " + row.inner);
         run_isolated([&row] {
+            script = {row.actor, row.outer, row.inner, [](char action) {
+                          if (action == 'x')
+                              event_signal_del(SIGUSR1);
+                          else
+                              event_signal_add(note_signal, arg("D"), SIGUSR1);
+                      }};
+            for (int n = 0; n < 3; n++) event_signal_add(act, arg(&"ABC"[n]), SIGUSR1);
             const bool nests = strchr(row.outer, '!');
-            watched = {row.actor, row.outer, row.inner, false, nullptr};
-            for (const char& name : "ABC") {
-                if (name) event_signal_add(act, arg(&name), SIGUSR1);
-            }
-            const Step two = [] { queue_signal(SIGUSR1, 7), queue_signal(SIGUSR1, 8); };
-            const Step one = [] { queue_signal(SIGUSR1, 7); };
-            const Step again = [] {
-                trace += " ", watched.info = nullptr, queue_signal(SIGUSR1, 7);
-            };
-            drive(nullptr, nests ? std::vector<Step>{two} : std::vector<Step>{one, again});
-            EXPECT_EQ(row.called, trace.substr(0, strlen(row.called)));
+            drive(nullptr, {[&] {
+                                queue_signal(SIGUSR1, 7);
+                                if (nests) queue_signal(SIGUSR1, 8);
+                            },
+                            [&] {
+                                trace += " ";
+                                shared_info = nullptr;
+                                if (!nests) queue_signal(SIGUSR1, 7);
+                            }});
+            EXPECT_EQ(row.called, nests ? trace.substr(0, trace.find(' ')) : trace);
         });
     }
 }
@@ -221,29 +209,32 @@ ISOLATED_TEST(Signals, ForkedChildSendsIntoTheParentsChannel) {
     EXPECT_EQ("", trace);
 }
 
-// The descriptors that this thread opens take the numbers of the channel that has just been closed.
-ISOLATED_TEST(Signals, CatcherWritesToAReusedDescriptor) {
-    event_loop_ctx_tp context = event_mc_init();
-    event_signal_add_mc(
-        context, [](int, siginfo_t*, void*) {}, nullptr, SIGUSR1);
-    std::atomic<bool> done(false);
-    std::thread runner([&] {
-        for (int round = 0; round < 300; round++) {
-            event_timer_add_mc(
-                context, [](void* arg) { cancel_loop_mc(static_cast<event_loop_ctx_tp>(arg)); },
-                context, 0);
-            EXPECT_EQ(0, et_event_loop_mc(context));
-        }
-        done = true;
+// Holds the catcher before its write while the loop ends, which must not close the channel yet.
+ISOLATED_TEST(Signals, CatcherWritesToAChannelClosedMeanwhile) {
+    static event_loop_ctx_tp context = event_mc_init();
+    static std::atomic<bool> running, writing, ended, same_channel;
+    event_signal_add_mc(context, note_signal, arg(""), SIGUSR1);
+    event_timer_add_mc(
+        context, [](void*) { running = true; }, nullptr, 0);
+    fakes.before_message = [](int fd) {
+        struct stat before = {}, after = {};
+        fstat(fd, &before);
+        writing = true;
+        for (int n = 0; n < 20000 && !ended; n++) sched_yield();
+        same_channel = fstat(fd, &after) == 0 && after.st_ino == before.st_ino;
+    };
+    std::thread runner([] {
+        EXPECT_EQ(0, et_event_loop_mc(context));
+        ended = true;
     });
-    Senders senders(1, [](int) { queue_signal(SIGUSR1, 0); });
-    while (!done) {
-        Pipe pipe;
-        std::this_thread::yield();
-        int unread = 0;
-        EXPECT_EQ(0, ioctl(pipe.in, FIONREAD, &unread));
-        ASSERT_EQ(0, unread);
-    }
+    while (!running) std::this_thread::yield();
+    std::thread ender([] {
+        while (!writing) std::this_thread::yield();
+        cancel_loop_mc(context);
+    });
+    raise(SIGUSR1);
+    EXPECT_TRUE(same_channel);
+    ender.join();
     runner.join();
     event_mc_free(context);
 }

@@ -4,6 +4,7 @@
  */
 #include <fcntl.h>
 #include <semaphore.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -137,6 +138,9 @@ ISOLATED_TEST(Thread, StopReturnsBeforeTheHandlerOrHangs) {
     ASSERT_EQ(0, event_loop_async_start());
     event_timer_add(run_timer, &slow, 0);
     entered.wait();
+    event_timer_del(note_timer, nullptr);  // These would hang if timer handlers held a lock.
+    event_signal_del(SIGUSR1);
+    event_process_del(1);
     stopping = true;
     EXPECT_EQ(0, event_loop_async_stop());
     EXPECT_TRUE(done);
@@ -150,22 +154,6 @@ ISOLATED_TEST(Thread, StopReturnsBeforeTheHandlerOrHangs) {
     entered.wait();
     EXPECT_EQ(0, event_loop_async_stop());
     EXPECT_EQ(0, event_loop_async_start());
-    EXPECT_EQ(0, event_loop_async_stop());
-}
-
-// A timer handler that held the list's lock would stop the other thread, and the test would hang.
-ISOLATED_TEST(Thread, TimerHandlerHoldsALock) {
-    Semaphore entered, changed;
-    Step handler = [&] { entered.post(), changed.wait(); };
-    ASSERT_EQ(0, event_loop_async_start());
-    event_timer_add(run_timer, &handler, 0);
-    entered.wait();
-    event_timer_add(note_timer, nullptr, 3600000);
-    event_timer_del(note_timer, nullptr);
-    event_signal_add(note_signal, nullptr, SIGUSR1);
-    event_fd_del(777);
-    event_process_del(1);
-    changed.post();
     EXPECT_EQ(0, event_loop_async_stop());
 }
 
@@ -248,23 +236,37 @@ TEST(Shell, StatusIsWrong) {
     }
 }
 
-TEST(Shell, MissingShellIsNoExit127) {
-    if (geteuid() != 0) GTEST_SKIP() << "only root can hide /bin/sh";
-    run_isolated([] {
-        char root[] = "/tmp/tessra-root-XXXXXX";
-        const int back = open("/", O_RDONLY);
-        EXPECT_TRUE(mkdtemp(root) && chroot(root) == 0);
-        EXPECT_EQ(127 << 8, event_system("true"));
-        EXPECT_TRUE(fchdir(back) == 0 && chroot(".") == 0 && rmdir(root) == 0);
-    });
+TEST(Shell, MissingShellOrProcessLooksLikeSuccess) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root can hide /bin/sh and become another user";
+    static char root[] = "/tmp/tessra-root-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(root));
+    const Step checks[] = {
+        [] { _exit(chroot(root) == 0 && event_system("true") == 127 << 8 ? 0 : 1); },
+        [] {
+            const rlimit none = {0, 0};
+            signal(SIGINT, SIG_IGN);
+            const bool ready = setrlimit(RLIMIT_NPROC, &none) == 0 && setuid(65534) == 0;
+            const bool failed = ready && event_system("true") == -1;
+            _exit(failed && signal(SIGINT, SIG_DFL) == SIG_IGN ? 0 : 1);
+        },
+    };
+    for (const Step& check : checks) {
+        int status = -1;
+        EXPECT_GT(waitpid(fork_process(check), &status, 0), 0);
+        EXPECT_EQ(0, status) << "check " << &check - checks;
+    }
+    EXPECT_EQ(0, rmdir(root));
 }
 
 ISOLATED_TEST(Shell, DescriptorReachesTheChild) {
     Step list = [] {
         for (const int fd : {3, 77, 900}) dup2(0, fd);
-        EXPECT_EQ(0,
-                  event_system("i=3; while [ $i -lt 1024 ]; do [ ! -e /proc/self/fd/$i ] || exit 1;"
-                               " i=$((i+1)); done; [ -e /proc/self/fd/0 ]"));
+        for (const int failing : {0, ENOSYS}) {  // The kernel may be too old to close a range.
+            fakes.fail[FAKE_SYSCALL] = failing;
+            EXPECT_EQ(0, event_system("for i in $(seq 3 1023); do"
+                                      " [ ! -e /proc/self/fd/$i ] || exit 1; done;"
+                                      " [ -e /proc/self/fd/0 ]"));
+        }
     };
     event_timer_add(run_timer, &list, 0);
     drive(nullptr);  // With the channel open.

@@ -52,15 +52,18 @@ check_linkage() {
     esac
 }
 
-# use_cmake ROOT OPTION...: the consumer through find_package() or add_subdirectory().
+# use_cmake ROOT OPTION...: the consumer through find_package() in ROOT or, with none, as the options
+# say. A cross build looks in its own root alone, so it is told the package's folder.
 use_cmake() {
-    local root=$1 language build program
+    local root=$1 language build program where=()
     shift
+    [[ -z $root ]] || where=(-Dtessra_ROOT="$root")
+    [[ -z $root || -z ${TOOLCHAIN:-} ]] || where=(-Dtessra_DIR="$root/lib/cmake/tessra")
     for language in C CXX; do
         build=$WORK/cmake-$language
         rm -rf "$build"
         "$CMAKE" -G Ninja -S "$here/consumer" -B "$build" -DLANGUAGE=$language \
-            -DCMAKE_C_COMPILER="$CC" -DCMAKE_CXX_COMPILER="$CXX" "${toolchain[@]}" "$@" \
+            -DCMAKE_C_COMPILER="$CC" -DCMAKE_CXX_COMPILER="$CXX" "${toolchain[@]}" "${where[@]}" "$@" \
             --no-warn-unused-cli >"$build.log" 2>&1 || { cat "$build.log" && fail "configure"; }
         "$CMAKE" --build "$build" >>"$build.log" 2>&1 || { cat "$build.log" && fail "build"; }
         for program in consumer consumer-static; do
@@ -116,7 +119,7 @@ case $1 in
         install_to "$WORK/first"
         mv "$WORK/first" "$WORK/moved"
         check_files "$WORK/moved"
-        use_cmake "$WORK/moved" -Dtessra_ROOT="$WORK/moved" -DCMAKE_FIND_ROOT_PATH_MODE_PACKAGE=BOTH
+        use_cmake "$WORK/moved"
         use_pkg_config "$WORK/moved/lib"
         ;;
     destdir)
@@ -125,7 +128,7 @@ case $1 in
         [[ ! -e $prefix ]] || fail "the installation left its DESTDIR"
         root=$WORK/stage$prefix
         check_files "$root"
-        use_cmake "$root" -Dtessra_ROOT="$root" -DCMAKE_FIND_ROOT_PATH_MODE_PACKAGE=BOTH
+        use_cmake "$root"
         use_pkg_config "$root/lib"
         # As a cross build does it: the stage is the root of another file system.
         PKG_CONFIG_SYSROOT_DIR=$WORK/stage use_pkg_config "$root/lib"
@@ -140,8 +143,7 @@ case $1 in
         platform=$WORK/platform
         mkdir "$platform"
         mv "$WORK/cmake-C/tessra/platform/liblog"/liblog.* "$platform"
-        use_cmake "$WORK/device" -Dtessra_ROOT="$WORK/device" \
-            -DTESSRA_LIBLOG="$platform/liblog.so" -DCMAKE_FIND_ROOT_PATH_MODE_PACKAGE=BOTH
+        use_cmake "$WORK/device" -DTESSRA_LIBLOG="$platform/liblog.so"
         ;;
     *) fail "no such part: $1" ;;
 esac

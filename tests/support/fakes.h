@@ -23,14 +23,16 @@ enum fake_call {
     FAKE_COND_DESTROY,
     FAKE_COND_SIGNAL,
     FAKE_WAIT4,
+    FAKE_SYSCALL, /**< The way to calls that the C library may not have. */
     FAKE_CALLS
 };
 
 typedef int select_call(int nfds, fd_set* rset, fd_set* wset, fd_set* eset, struct timeval* tv);
 
 extern struct fakes {
-    int fail[FAKE_CALLS];        /**< Error number that the call fails with; 0 lets it through. */
-    select_call* on_select;      /**< Stands for select(), if not null. */
+    int fail[FAKE_CALLS];   /**< Error number that the call fails with; 0 lets it through. */
+    select_call* on_select; /**< Stands for select(), if not null. */
+    void (*before_message)(int fd); /**< Called before a signal message is written, if not null. */
     unsigned long long clock_ns; /**< CLOCK_MONOTONIC_RAW, and the uptime; 0 for the real ones. */
     unsigned clock_reads;        /**< Readings of that clock. */
     int core_dumped_by;          /**< waitpid() tells of a core that this signal left. */

@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
+#include <utility>
 
 namespace tessra_test {
 
@@ -127,16 +127,6 @@ void await_child(pid_t pid) {
         ASSERT_EQ(EINTR, errno);
 }
 
-bool emulated() {
-#ifdef __arm__
-    // qemu-user shows the processor of the host, which alone has this field.
-    std::ifstream cpuinfo("/proc/cpuinfo");
-    for (std::string line; std::getline(cpuinfo, line);)
-        if (line.rfind("vendor_id", 0) == 0) return true;
-#endif
-    return getenv("TESSRA_EMULATED") != nullptr;
-}
-
 int open_descriptors() {
     int count = 0;
     for (int fd = 0; fd < 2048; fd++) count += fcntl(fd, F_GETFD) != -1;
@@ -165,6 +155,21 @@ void run_timer(void* step) { (*static_cast<Step*>(step))(); }
 void run_fd(int, void* step) { run_timer(step); }
 void run_signal(int, siginfo_t*, void* step) { run_timer(step); }
 int run_process(int, void* step, int) { return run_timer(step), 0; }
+
+void Script::called(char name) {
+    trace += static_cast<char>(nested ? name - 'A' + 'a' : name);
+    if (!nested && name != actor) return;
+    const char* actions = std::exchange(nested ? inner : outer, "");
+    for (; *actions; actions++) {
+        if (*actions != '!') {
+            change(*actions);
+            continue;
+        }
+        nested = true;
+        EXPECT_EQ(0, do_events(0));
+        nested = false;
+    }
+}
 
 Drive drive(event_loop_ctx_tp context, std::vector<Step> steps) {
     Driver here;

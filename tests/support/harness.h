@@ -46,9 +46,6 @@ pid_t fork_process(const Step& body);
 /** Waits until a child has ended or stopped, and leaves its status to be collected. */
 void await_child(pid_t pid);
 
-/** Whether the program runs under qemu-user, which lacks some of what Linux does. */
-bool emulated();
-
 /** Number of open descriptors below 2048. */
 int open_descriptors();
 /** A descriptor that is always readable and writable, and never has an exceptional condition. */
@@ -72,6 +69,17 @@ void run_fd(int fd, void* step);
 void run_signal(int signal, siginfo_t* info, void* step);
 int run_process(int pid, void* step, int status);
 inline void* arg(const char* text) { return const_cast<char*>(text); }
+
+/** Handlers "A" to "D" of one list, which are noted as "a" to "d" in a nested pass. */
+struct Script {
+    char actor;         ///< Whose handler acts in the outer pass.
+    const char* outer;  ///< What it does: '!' is a nested pass, anything else goes to change.
+    const char* inner;  ///< What the first handler of the nested pass does.
+    std::function<void(char)> change;
+    bool nested = false;
+
+    void called(char name);
+};
 
 constexpr long long kEndless = -1;
 
