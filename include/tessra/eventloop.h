@@ -16,8 +16,7 @@
  * descriptors in order of adding, then those of at most one caught signal, then those of due
  * timers. A handler may add and delete watchers of any kind, itself and its neighbours included,
  * may cancel the loop, and may run one nested pass with do_events(). It must not let a C++
- * exception out, must not end the context, and must not block for long: everything else waits for
- * it.
+ * exception out, must not end the context, and must not block for long: all others wait for it.
  *
  * Threads. Every function may be called from any thread except where it says otherwise; none may be
  * called from a signal handler. A change made on another thread wakes the loop. Descriptor, signal
@@ -139,9 +138,8 @@ void cancel_loop(void);
  * goes on failing, and with errno EINVAL for a @p timeout above 2147483. As in the main loop, a
  * watched descriptor that has been closed ends the process with exit(-1).
  *
- * The nested pass can run the calling handler again if its descriptor is still ready. From a
- * descriptor, signal or child handler, other threads' changes of such watchers wait until it is
- * over.
+ * The nested pass can run the calling handler again if its descriptor is still ready. During one
+ * from a descriptor, signal or child handler, other threads' changes of such watchers wait.
  */
 int do_events_mc(event_loop_ctx_tp el_ctx, unsigned int timeout);
 /** do_events_mc() on the default context. */
@@ -192,8 +190,7 @@ void event_timer_add_mc(event_loop_ctx_tp el_ctx, timer_handler_t handler, void*
 void event_timer_add(timer_handler_t handler, void* arg, long long unsigned int timeout);
 
 /**
- * Cancels every timer of @p handler with the argument @p arg, or with any argument if @p arg is
- * NULL.
+ * Cancels every timer of @p handler with the argument @p arg, with any argument if that is NULL.
  *
  * Called on the loop's thread: no such timer fires any more. Called on another thread: the handler
  * of a timer that had just become due may still be running when the call returns, and may still
@@ -343,8 +340,7 @@ typedef int (*process_handler_t)(int pid, void* arg, int status);
  * lives on the default context, whose loop must run, and looks after the children of the context
  * of that first call alone; watchers on other contexts never fire. It is gone for good once the
  * default context's loop has ended, SIGCHLD has been deleted there with event_signal_del(), or the
- * context of the first call has been freed. So use event_process_add() and run the default loop
- * once.
+ * context of the first call has been freed. So use event_process_add() and run one default loop.
  *
  * Failure: ENOMEM. Threads: any; on another thread than the loop's it waits for running handlers.
  */
@@ -354,8 +350,8 @@ void event_process_add(int pid, process_handler_t handler, void* arg);
 
 /**
  * Deletes the oldest watcher of @p pid. The child goes on, and its status is the caller's to
- * collect. Deleting what doesn't exist is no error and wakes the loop. Threads: as
- * event_fd_del_mc().
+ * collect. Deleting what doesn't exist is no error and wakes the loop.
+ * Threads: as event_fd_del_mc().
  */
 void event_process_del_mc(event_loop_ctx_tp el_ctx, int pid);
 /** event_process_del_mc() on the default context. */
@@ -377,8 +373,8 @@ void event_process_del(int pid);
  * call is a broken process: a line on stderr, then abort().
  *
  * Handlers of timers that are already due may run before it returns.
- * Threads: one at a time, not from a handler of the default loop. Blocks: until the loop's first
- * pass.
+ * Threads: one at a time, not from a handler of the default loop.
+ * Blocks: until the loop's first pass.
  */
 int event_loop_async_start(void);
 

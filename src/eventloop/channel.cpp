@@ -8,11 +8,10 @@
 // it from a freed context or a closed descriptor:
 //   - Starts and ends of loops change event_loop_list under channel_mutex, one store of a link at a
 //     time, so that every node which the catcher can reach is linked forwards to the head.
-//   - Whoever uses a ping_fd stands inside channel_gate. An end takes the context off the list,
-//   takes
-//     ping_fd away, waits until all who could have seen either have left the gate, and then closes.
-//   - After fork() the child has the parent's list and descriptors, but not its loops. loops_pid
-//   tells.
+//   - Whoever uses a ping_fd stands inside channel_gate. An end takes the context off the list and
+//     ping_fd out of it, waits until all who could have seen either have left the gate, and closes.
+//   - After fork() the child has the parent's list and descriptors, but not its loops, which
+//     loops_pid tells.
 
 #include <fcntl.h>
 #include <limits.h>

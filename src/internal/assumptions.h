@@ -17,8 +17,8 @@ static_assert(CLOCK_MONOTONIC_RAW == 4, "the loop's clock");
 static_assert(SIGCHLD == 17 && SA_SIGINFO == 0x4 && SA_RESTART == 0x10000000,
               "the signal numbers and flags of ARM and x86");
 
-// The signal catcher and the wake-up use atomics where a lock would deadlock; libatomic isn't
-// linked.
+// The signal catcher and the wake-up use atomics where a lock would deadlock. No libatomic is there
+// to help.
 static_assert(std::atomic<int>::is_always_lock_free);
 static_assert(std::atomic<unsigned char>::is_always_lock_free);
 static_assert(std::atomic<pthread_t>::is_always_lock_free);

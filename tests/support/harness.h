@@ -28,8 +28,7 @@ struct ChildEnd {
     std::string output;  ///< What it wrote to stdout and stderr, without the emulator's own lines.
 };
 
-/** Runs body in a child process, which SIGALRM ends when it hangs; failures end up in its output.
- */
+/** Runs body in a child process, which SIGALRM ends when it hangs; its failures are in output. */
 ChildEnd run_child(const Step& body);
 
 /** run_child() for a body that has to return; passes its failures on. */
