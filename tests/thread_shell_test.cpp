@@ -70,6 +70,7 @@ ISOLATED_TEST(Thread, FailedStartHangsOrLeavesSomething) {
         Step fail;
         bool timer_left;
     } rows[] = {
+        {"no memory", [] { fail_allocation = 1; }, true},
         {"no thread", [] { fakes.fail[FAKE_PTHREAD_CREATE] = EAGAIN; }, true},
         {"no channel", [] { fakes.log_off = 1, fakes.fail[FAKE_MKFIFO] = EACCES; }, true},
         {"cancelled before its first pass",
@@ -89,6 +90,7 @@ ISOLATED_TEST(Thread, FailedStartHangsOrLeavesSomething) {
         EXPECT_EQ(-1, event_loop_async_start()) << row.what;
         EXPECT_EQ(0, fakes.threads) << row.what;
         fakes = {};
+        fail_allocation = 0;
         EXPECT_EQ(0, event_timer_exists(event_loop_wait_for_async_loop_ready, nullptr)) << row.what;
         EXPECT_EQ(row.timer_left, event_timer_exists(note_timer, nullptr)) << row.what;
         EXPECT_EQ(open_before, open_descriptors());
