@@ -1,1 +1,0 @@
-int main(void){ retrun 0; }
