@@ -11,6 +11,7 @@
 #include "tessra/eventloop.h"
 #include "tessra/list.h"
 #include "tessra/misc.h"
+#include "tessra/szip.h"
 
 static int passed, failed;
 
@@ -156,6 +157,22 @@ static void test_list_and_mutex(void) {
     CHECK(lock.refcount == 0 && pthread_mutex_destroy(&lock.mutex) == 0);
 }
 
+static ssize_t count_bytes(void* arg, const void* buf, size_t count) {
+    *(u_int64_t*)arg += buf ? count : 0;
+    return (ssize_t)count;
+}
+
+static void test_zip(void) {
+    const char* files[] = {"/dev/null", "proc/"};
+    szip_info_t* plan = szip_create_info(files, 2, "/", "/");
+    u_int64_t taken = 0;
+    CHECK(plan && szip_calc_size(plan, 1) == 46 + 8 + 46 + 5);
+    CHECK(szip_stream_zip(plan, count_bytes, &taken, 4096) == 1);
+    CHECK(taken == szip_calc_size(plan, 0) && szip_stream_zip_fd(-1, plan, 4096) == 0);
+    szip_free_info(plan);
+    CHECK(szip_create_info(files, 2, "/", "/proc") == NULL);
+}
+
 int main(void) {
     pid_t child;
     alarm(100); /* Ends it if a loop hangs. */
@@ -167,6 +184,7 @@ int main(void) {
     test_list_and_mutex();
     test_clock();
     test_shell();
+    test_zip();
     test_default_loop(child);
     test_own_loop(child);
     test_thread();

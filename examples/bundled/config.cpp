@@ -46,6 +46,39 @@ bool add_command(std::vector<NamedCommand>& commands, std::string_view name,
     return true;
 }
 
+bool is_below_base(std::string_view path) {
+    for (;;) {
+        const std::size_t slash = path.find('/');
+        const std::string_view part = path.substr(0, slash);
+        if (part.empty() || part == "." || part == "..") {
+            return false;
+        }
+        if (slash == std::string_view::npos) {
+            return true;
+        }
+        path.remove_prefix(slash + 1);
+    }
+}
+
+bool add_bundle_path(std::vector<std::string>& paths, std::string_view path) {
+    if (path.size() > 1 && path.back() == '/') {
+        path.remove_suffix(1);
+    }
+    if (path != "." && !is_below_base(path)) {
+        return false;
+    }
+    paths.emplace_back(path);
+    return true;
+}
+
+bool set_bundle_base(std::string& base, std::string_view path) {
+    if (path.empty() || path.front() != '/') {
+        return false;
+    }
+    base = path.substr(0, path.find_last_not_of('/') + 1);
+    return true;
+}
+
 bool apply_setting(std::string_view key, std::string_view value, Config& config,
                    std::vector<NamedCommand>& commands) {
     if (key == "greeting") {
@@ -60,6 +93,15 @@ bool apply_setting(std::string_view key, std::string_view value, Config& config,
     }
     if (key == "run-bytes") {
         return parse_number(value, kMaxRunBytes, config.command_limits.output_bytes);
+    }
+    if (key == "bundle-base") {
+        return set_bundle_base(config.bundle.base, value);
+    }
+    if (key == "bundle") {
+        return add_bundle_path(config.bundle.paths, value);
+    }
+    if (key == "bundle-streams") {
+        return parse_number(value, kMaxBundleStreams, config.bundle.streams);
     }
     if (key.substr(0, kCommandPrefix.size()) == kCommandPrefix) {
         return add_command(commands, key.substr(kCommandPrefix.size()), value);

@@ -7,9 +7,14 @@
  *     run-ms = 10000          how long a command may run
  *     run-bytes = 65536       how much it may write
  *     command.today = date -u
+ *     bundle-base = /srv      where the bundle's paths begin; / if not said
+ *     bundle = notes.txt      a file or a directory with all below it, from the base on
+ *     bundle = photos         one line for each
+ *     bundle-streams = 4      how many bundles may be under way
  *
  * Blank lines and lines that begin with # count for nothing. A command's line goes to /bin/sh -c;
- * the commands of a file replace the built-in ones.
+ * the commands of a file replace the built-in ones. A bundle's path is relative to the base and has
+ * no part that is empty, "." or "..": the base itself is named by a lone dot.
  */
 #ifndef BUNDLED_CONFIG_H
 #define BUNDLED_CONFIG_H
@@ -18,7 +23,8 @@
 #include <string_view>
 #include <vector>
 
-#include "commands.h"
+#include "bundle.h"
+#include "children.h"
 
 namespace bundled {
 
@@ -30,12 +36,14 @@ struct NamedCommand {
 struct Config {
     std::string greeting = "This is bundled.";
     unsigned int idle_ms = 5000;  ///< How long a client may hold a connection without progress.
-    CommandLimits command_limits;
+    ChildLimits command_limits;
+    BundleSettings bundle;
     std::vector<NamedCommand> commands = {{"hello", "echo hello"}, {"uname", "uname -sr"}};
 };
 
 constexpr unsigned int kMaxSettingMs = 3600U * 1000U;
 constexpr unsigned int kMaxRunBytes = 1024U * 1024U;
+constexpr unsigned int kMaxBundleStreams = 64;
 
 /** Reads a whole decimal number of 1 to @p max. False: @p value is untouched. */
 bool parse_number(std::string_view text, unsigned int max, unsigned int& value);

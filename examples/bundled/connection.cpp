@@ -4,9 +4,9 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <type_traits>
 
 #include "server.h"
@@ -27,40 +27,30 @@ void discard_unsent_bytes(int fd) {
     (void)setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);  // Only saves memory.
 }
 
-// How many bytes of the answer the client has acknowledged. Readiness doesn't tell: a socket turns
-// writable again only when a good part of its buffer is free, long after a slow client's last byte.
-std::size_t delivered_bytes(const Connection& connection) {
-    int in_queue = 0;
-    if (ioctl(connection.socket.get(), SIOCOUTQ, &in_queue) != 0 || in_queue <= 0) {
-        return connection.answered;
-    }
-    const auto queued = static_cast<std::size_t>(in_queue);  // After shutdown() one more, the FIN.
-    return connection.answered - std::min(queued, connection.answered);
-}
-
 void on_deadline(void* arg) noexcept;
 
-// A connection whose deadline can't be armed could stay for ever, so it is closed.
-void restart_deadline(Connection* connection) {
+// A connection whose deadline can't be armed could stay for ever, so it is closed. False: it is
+// gone.
+bool restart_deadline(Connection* connection) {
     event_timer_del(on_deadline, connection);
     if (!arm_timer(on_deadline, connection, connection->server->idle_ms())) {
         connection_close(connection);
+        return false;
     }
+    return true;
 }
 
 void answer_deadline(Connection* connection) {
-    const std::size_t delivered = delivered_bytes(*connection);
-    const bool all = delivered == connection->answer.size();
-    if (!all && delivered > connection->delivered) {
-        connection->delivered = delivered;
-        restart_deadline(connection);
-        return;
+    const std::size_t missing = connection->answer.size() - connection->answered +
+                                unacknowledged_bytes(connection->socket.get());
+    if (missing == 0) {
+        connection_close(connection);
+    } else if (missing < connection->missing) {
+        connection->missing = missing;
+        (void)restart_deadline(connection);
+    } else {
+        connection_drop(connection);
     }
-    if (!all) {
-        discard_unsent_bytes(connection->socket.get());
-        connection->server->count_timeout();
-    }
-    connection_close(connection);
 }
 
 void on_deadline(void* arg) noexcept {
@@ -150,7 +140,7 @@ void connection_open(Server& server, int fd) {
         connection_close(connection);
         return;
     }
-    restart_deadline(connection);
+    (void)restart_deadline(connection);
 }
 
 void connection_close(Connection* connection) {
@@ -168,17 +158,40 @@ void connection_answer(Connection* connection, const Response& response) {
     connection->phase = Phase::kWriting;
     connection->pending = {};
     connection->answer = format_response(response, connection->head_only);
+    connection->missing = connection->answer.size();
     if (!connection->socket.watch(on_writable, connection, EVENT_FD_WRITE)) {
         connection_close(connection);
         return;
     }
-    restart_deadline(connection);
+    (void)restart_deadline(connection);
 }
 
 void connection_wait(Connection* connection, PendingWork work) {
     connection->phase = Phase::kWaiting;
     connection->pending = work;
     event_timer_del(on_deadline, connection);
+}
+
+void connection_answered(Connection* connection) {
+    connection->pending = {};
+    connection->missing = SIZE_MAX;  // No one has looked yet, so the first deadline sees progress.
+    if (restart_deadline(connection)) {
+        start_draining(connection);
+    }
+}
+
+void connection_drop(Connection* connection) {
+    discard_unsent_bytes(connection->socket.get());
+    connection->server->count_timeout();
+    connection_close(connection);
+}
+
+// Readiness doesn't tell: a socket turns writable again only when a good part of its buffer is
+// free, long after a slow client's last byte. After shutdown() the FIN counts as one byte more.
+std::size_t unacknowledged_bytes(int fd) {
+    int in_queue = 0;
+    const bool known = ioctl(fd, SIOCOUTQ, &in_queue) == 0 && in_queue > 0;
+    return known ? static_cast<std::size_t>(in_queue) : 0;
 }
 
 }  // namespace bundled

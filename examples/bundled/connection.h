@@ -40,8 +40,8 @@ struct Connection {
     Phase phase = Phase::kReading;
     std::string received;
     std::string answer;
-    std::size_t answered = 0;   ///< How much of the answer the kernel has taken,
-    std::size_t delivered = 0;  ///< and how much the client had taken at the last deadline.
+    std::size_t answered = 0;  ///< How much of the answer the kernel has taken,
+    std::size_t missing = 0;   ///< and how much the client had not yet taken at the last deadline.
     bool head_only = false;
     PendingWork pending;
 };
@@ -60,6 +60,18 @@ void connection_answer(Connection* connection, const Response& response);
 
 /** Puts the answer off until @p work is done, which has a time limit of its own. */
 void connection_wait(Connection* connection, PendingWork work);
+
+/**
+ * Ends the wait when the work has itself sent the answer, or what there was of it: the client sees
+ * the end. The connection may be gone when it returns.
+ */
+void connection_answered(Connection* connection);
+
+/** Counts a client that takes nothing any more, and closes its connection at once. */
+void connection_drop(Connection* connection);
+
+/** How many bytes the socket @p fd still holds that its client has not acknowledged. */
+std::size_t unacknowledged_bytes(int fd);
 
 }  // namespace bundled
 

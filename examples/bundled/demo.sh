@@ -3,13 +3,13 @@
 #
 # Usage: demo.sh BUILD_DIR
 # Ends with status 0 if all answers were right, 1 if some were not, 2 if it couldn't start.
-# Needs bash and curl.
+# Needs bash, curl, unzip and python3.
 set -u
 
 readonly idle_ms=800
 readonly limit_s=20  # No event that is waited for takes this long unless something is broken.
 work=$(mktemp -d) || exit 2
-readonly work log=$work/log
+readonly work log=$work/log tree=$work/tree
 pid=
 port=
 failures=0
@@ -93,6 +93,35 @@ read_link() {
     answer=$(timeout "$limit_s" cat <&"$link")
     exec {link}>&-
 }
+
+# fetch FILE ARGUMENT...: curl's copy of the bundle in FILE, its head in FILE.head, result in $code.
+fetch() {
+    show "curl ${*:2}${2:+ }-o $1 http://127.0.0.1:$port/bundle.zip"
+    answer=$(curl -sS --max-time "$limit_s" -D "$work/$1.head" -o "$work/$1" "${@:2}" \
+        "http://127.0.0.1:$port/bundle.zip" 2>&1)
+    code=$?
+    indent "$(cat "$work/$1.head")${answer:+$'\n'$answer}"
+}
+
+# begin_bundle REMARK: asks for the bundle on $link and reads no more than the first line of its head.
+begin_bundle() {
+    show "printf 'GET /bundle.zip ...' >/dev/tcp/127.0.0.1/$port # $1"
+    connect
+    printf 'GET /bundle.zip HTTP/1.0\r\n\r\n' >&"$link"
+    read -r -t "$limit_s" answer <&"$link"
+    pass_if "begun" matches "$answer" '^HTTP/1.0 200'
+}
+
+# read_bundle FILE: what is left on $link, head and body, as fetch does it.
+read_bundle() {
+    timeout "$limit_s" cat <&"$link" >"$work/raw"
+    exec {link}>&-
+    LC_ALL=C sed '/^\r$/q' "$work/raw" >"$work/$1.head"
+    LC_ALL=C sed '1,/^\r$/d' "$work/raw" >"$work/$1"
+}
+
+announced() { tr -d '\r' <"$work/$1.head" | sed -n 's/^Content-Length: //p'; }
+size_of() { stat -c %s "$work/$1"; }
 
 now_ms() { echo $((${EPOCHREALTIME/[.,]/} / 1000)); }
 
@@ -303,6 +332,115 @@ reloads() {
     pass_if "the old greeting stands" matches "$answer" '^Good evening'
 }
 
+# What archives can get wrong, in the order in which it is sent.
+make_tree() {
+    mkdir -p "$tree/headers" "$tree/empty folder"
+    truncate -s 40M "$tree/big and sparse"
+    : >"$tree/empty file"
+    cp -rL /usr/include/{asm-generic,net,netinet} "$tree/headers"
+    echo text | tee "$tree/zz last" "$tree/Grüße, 世界.txt" >"$tree/"$'not UTF-8 \xff'
+    head -c 70000 /dev/urandom >"$tree/noise"
+    ln -s .. "$tree/circle"
+}
+
+# holds_tree FILE: whether the archive has what is on the disk, to the byte, and nothing else.
+holds_tree() {
+    unzip -tq "$work/$1" >>"$log" 2>&1 && python3 - "$work/$1" "$work" <<'END'
+import os, sys, zipfile
+os.chdir(sys.argv[2])
+disk = {}
+for folder, _, files in os.walk(b"tree"):
+    disk[folder + b"/"] = b""
+    for path in (os.path.join(folder, name) for name in files):
+        with open(path, "rb") as file:
+            disk[path] = file.read()
+with zipfile.ZipFile(sys.argv[1]) as archive:
+    entries = [(item.filename.encode("cp437"), archive.read(item)) for item in archive.infolist()]
+sys.exit(len(entries) != len(disk) or dict(entries) != disk)
+END
+}
+
+# reload_bundle LINES: reloads with these lines for the bundle.
+reload_bundle() {
+    write_config "Good morning" "bundle-base = $work"$'\n'"$1"
+    show "kill -HUP \$! # with ${1//$'\n'/, }"
+    reloads=$((reloads + 1))
+    kill -HUP "$pid"
+    pass_if "seen" wait_until status_has "^reloads: $reloads$"
+}
+
+sends_bundles() {
+    title "Bundles"
+    local reloads=0 patient=$'bundle = tree\nbundle-streams = 1\nidle-ms = 20000' round
+    make_tree
+    start --port 0 --config "$work/config"
+    ask /bundle.zip
+    pass_if "404 as long as none is configured" matches "$answer" '^HTTP/1.0 404'
+    reload_bundle "$patient"
+    for round in 1 2; do
+        fetch "$round.zip"
+        pass_if "length as announced" test "$(size_of $round.zip)" = "$(announced $round.zip)"
+        pass_if "every file whole, links left out" holds_tree "$round.zip"
+    done
+    pass_if "both times the same" cmp -s "$work/1.zip" "$work/2.zip"
+    ask --head /bundle.zip
+    pass_if "HEAD tells the length" matches "$answer" "^Content-Length: $(announced 1.zip)"
+
+    begin_bundle "a reader that stops"
+    ask '/run?hello'
+    pass_if "others are served meanwhile" matches "$answer" '^hello'
+    ask /bundle.zip
+    pass_if "503 for one bundle more than allowed" matches "$answer" '^HTTP/1.0 503'
+    pass_if "and still under way" status_has '^bundles running: 1$'
+    read_bundle slow.zip
+    pass_if "whole all the same" cmp -s "$work/1.zip" "$work/slow.zip"
+    fetch limited.zip --limit-rate 30M
+    pass_if "whole for a slow client" cmp -s "$work/1.zip" "$work/limited.zip"
+    pass_if "all counted" wait_until status_has '^bundles sent: 4$'
+
+    while IFS=$'\t' read -r change reason; do
+        begin_bundle "meanwhile: $change"
+        (cd "$tree" && eval "$change")
+        read_bundle short.zip
+        pass_if "ended short" test "$(size_of short.zip)" -lt "$(announced short.zip)"
+        pass_if "reason logged" matches "$(cat "$log")" "bundle: cut short: $reason"
+        fetch next.zip
+        pass_if "the next one is whole" holds_tree next.zip
+    done <<'TABLE'
+truncate -s 1 'zz last'	a file has shrunk
+rm 'zz last'	No such file
+TABLE
+    pass_if "counted" status_has '^bundles cut short: 2$'
+
+    begin_bundle "a client that goes away"
+    exec {link}>&-
+    pass_if "its child is gone, too" wait_until status_has '^bundles running: 0$'
+    reload_bundle "bundle = tree"
+    begin_bundle "a reader that has stopped for good"
+    pass_if "dropped" wait_until status_has '^connections timed out: 1$'
+    exec {link}>&-
+    pass_if "both counted" status_has '^bundles abandoned: 2$'
+
+    reload_bundle $'bundle = tree/noise\nbundle = tree/headers/net'
+    fetch small.zip
+    answer=$(unzip -Z1 "$work/small.zip")
+    indent "$answer"
+    pass_if "the new list counts" matches "$(head -n 1 <<<"$answer")" '^tree/headers/net/$'
+    pass_if "with nothing else" lacks "$answer" '^tree/(big|empty|zz|headers/asm)'
+    reload_bundle $'bundle = tree/noise\nbundle = tree/gone'
+    ask /bundle.zip
+    pass_if "503 for a name that is missing" matches "$answer" '^HTTP/1.0 503'
+    pass_if "reason logged" matches "$(cat "$log")" 'refused, .*/tree/gone: No such file'
+
+    reload_bundle "$patient"
+    begin_bundle "a reader that stops"
+    answer=$(grep -ls "^PPid:[[:space:]]*$pid\$" /proc/[0-9]*/status)
+    pass_if "its child runs" test -e "$answer"
+    stop TERM
+    pass_if "and goes with the daemon" test ! -e "$answer"
+    exec {link}>&-
+}
+
 ends_cleanly() {
     title "End"
     rm -f "$work/long.pid"
@@ -363,7 +501,9 @@ for daemon in "$1/bundled" "$1/examples/bundled/bundled"; do
     [ ! -f "$daemon" ] || break
 done
 [ -x "$daemon" ] || give_up "no program bundled in $1"
-command -v curl >/dev/null || give_up "curl is missing"
+for tool in curl unzip python3; do
+    command -v "$tool" >/dev/null || give_up "$tool is missing"
+done
 
 write_config "Good morning"
 start --port 0 --config "$work/config"
@@ -375,6 +515,8 @@ bears_many_requests
 reloads
 ends_cleanly
 notices_every_end
+write_config "Good morning"
+sends_bundles
 pass_if "no sanitizer has complained" lacks "$(cat "$log")" 'Sanitizer|runtime error'
 
 printf '\n%s checks, %s differ\n' "$checks" "$failures"

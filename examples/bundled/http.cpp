@@ -212,11 +212,16 @@ Response error_response(int status, std::string_view detail) {
     return text_response(status, body + "\n");
 }
 
+std::string format_head(int status, const char* type, unsigned long long length,
+                        const std::string& extra_headers) {
+    return "HTTP/1.0 " + std::to_string(status) + " " + reason_of(status) + "\r\n" +
+           "Content-Type: " + type + "\r\n" + "Content-Length: " + std::to_string(length) + "\r\n" +
+           "Connection: close\r\n" + extra_headers + "\r\n";
+}
+
 std::string format_response(const Response& response, bool head_only) {
-    std::string bytes = "HTTP/1.0 " + std::to_string(response.status) + " " +
-                        reason_of(response.status) + "\r\n" + "Content-Type: text/plain\r\n" +
-                        "Content-Length: " + std::to_string(response.body.size()) + "\r\n" +
-                        "Connection: close\r\n" + response.extra_headers + "\r\n";
+    std::string bytes =
+        format_head(response.status, "text/plain", response.body.size(), response.extra_headers);
     if (!head_only) {
         bytes += response.body;
     }

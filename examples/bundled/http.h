@@ -45,6 +45,10 @@ Response text_response(int status, std::string body);
 /** A response whose body is the status and its reason, and @p detail if there is any. */
 Response error_response(int status, std::string_view detail = {});
 
+/** The head of a response, up to its empty line. @p extra_headers are complete lines. */
+std::string format_head(int status, const char* type, unsigned long long length,
+                        const std::string& extra_headers = {});
+
 /** The bytes of @p response; without its body, but with the body's length, if @p head_only. */
 std::string format_response(const Response& response, bool head_only);
 

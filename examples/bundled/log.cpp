@@ -13,6 +13,10 @@ void log_line(const char* format, ...) {
     va_start(args, format);
     (void)std::vsnprintf(text, sizeof text, format, args);  // A line that is too long is cut.
     va_end(args);
+    for (char* byte = text; *byte != '\0'; ++byte) {
+        const auto code = static_cast<unsigned char>(*byte);
+        *byte = code < ' ' || code == 0x7f ? '?' : *byte;  // A file's name must not make a line.
+    }
     (void)std::fprintf(stderr, "bundled: %s\n", text);  // There is no one left to tell.
     errno = saved_errno;
 }

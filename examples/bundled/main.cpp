@@ -101,8 +101,9 @@ void on_signal(int number, siginfo_t* /*info*/, void* arg) noexcept {
     if (number == SIGHUP) {
         reload(*life);
     } else if (number == SIGUSR1) {
-        log_line("%u open connections, %u commands running", life->daemon.server.open_connections(),
-                 life->daemon.commands.running());
+        log_line("%u open connections, %u commands running, %u bundles under way",
+                 life->daemon.server.open_connections(), life->daemon.commands.running(),
+                 life->daemon.deliveries.running());
     } else {
         cancel_loop();
     }

@@ -11,7 +11,7 @@ namespace bundled {
 
 namespace {
 
-// Leaves room below FD_SETSIZE for the pipes of the commands and the daemon's own descriptors.
+// Leaves room below FD_SETSIZE for the pipes of the children and the daemon's own descriptors.
 constexpr unsigned int kMaxConnectionLimit = 900;
 
 constexpr struct option kLongOptions[] = {
@@ -70,7 +70,8 @@ bool parse_options(int argc, char** argv, Options& options) {
 
 const char* usage() {
     return "Usage: bundled [OPTION]...\n"
-           "Serves a status page and a fixed list of commands over HTTP on 127.0.0.1.\n\n"
+           "Serves a bundle of files, a fixed list of commands and a status page over HTTP on\n"
+           "127.0.0.1.\n\n"
            "  --port N             port to listen on; 0, the default, takes a free one\n"
            "  --config FILE        configuration, read again on SIGHUP\n"
            "  --idle-ms N          how long a client may go without progress (5000)\n"

@@ -1,7 +1,5 @@
 #include "routes.h"
 
-#include <sys/wait.h>
-
 #include <cerrno>
 #include <cstring>
 
@@ -20,6 +18,9 @@ struct Route {
 
 void show_greeting(Daemon& daemon, Connection& connection, const Request& /*request*/) {
     std::string body = daemon.config.greeting + "\n\n/status\n";
+    if (!daemon.config.bundle.paths.empty()) {
+        body += "/bundle.zip\n";
+    }
     for (const NamedCommand& command : daemon.config.commands) {
         body += "/run?" + command.name + "\n";
     }
@@ -39,6 +40,11 @@ void show_status(Daemon& daemon, Connection& connection, const Request& /*reques
     append_number(body, "open connections", daemon.server.open_connections());
     append_number(body, "children run", daemon.commands.started());
     append_number(body, "children running", daemon.commands.running());
+    append_number(body, "bundles sent", daemon.deliveries.sent());
+    append_number(body, "bundles refused", daemon.deliveries.refused());
+    append_number(body, "bundles cut short", daemon.deliveries.cut_short());
+    append_number(body, "bundles abandoned", daemon.deliveries.abandoned());
+    append_number(body, "bundles running", daemon.deliveries.running());
     append_number(body, "signals seen", counters.signals_seen);
     append_number(body, "reloads", counters.reloads);
     append_number(body, "reloads refused", counters.reloads_refused);
@@ -47,14 +53,7 @@ void show_status(Daemon& daemon, Connection& connection, const Request& /*reques
     connection_answer(&connection, text_response(200, body));
 }
 
-std::string describe_end(const CommandResult& result) {
-    if (WIFEXITED(result.status)) {
-        return "exit status " + std::to_string(WEXITSTATUS(result.status));
-    }
-    return "signal " + std::to_string(WTERMSIG(result.status));
-}
-
-void on_command_done(void* arg, const CommandResult& result) {
+void on_command_done(void* arg, const ChildResult& result) {
     auto* connection = static_cast<Connection*>(arg);
     if (result.timed_out) {
         connection_answer(connection, error_response(504, "the command took too long"));
@@ -67,11 +66,11 @@ void on_command_done(void* arg, const CommandResult& result) {
     if (result.output_cut) {
         body += "(cut after " + std::to_string(result.output.size()) + " bytes)\n";
     }
-    body += describe_end(result) + "\n";
+    body += describe_end(result.status) + "\n";
     connection_answer(connection, text_response(200, body));
 }
 
-void abandon_command(void* work) { CommandRunner::abandon(static_cast<Command*>(work)); }
+void abandon_child(void* work) { ChildRunner::abandon(static_cast<Child*>(work)); }
 
 void run_command(Daemon& daemon, Connection& connection, const Request& request) {
     const NamedCommand* named = find_command(daemon.config, request.query);
@@ -79,20 +78,30 @@ void run_command(Daemon& daemon, Connection& connection, const Request& request)
         connection_answer(&connection, error_response(404, "no such command"));
         return;
     }
-    Command* command = daemon.commands.start(named->line, daemon.config.command_limits,
-                                             on_command_done, &connection);
+    Child* command =
+        daemon.commands.start(shell_task(named->line.c_str()), daemon.config.command_limits,
+                              on_command_done, &connection);
     if (command == nullptr) {
         log_line("cannot run %s: %s", named->name.c_str(), std::strerror(errno));
         connection_answer(&connection, error_response(503, "try again later"));
         return;
     }
-    connection_wait(&connection, {abandon_command, command});
+    connection_wait(&connection, {abandon_child, command});
+}
+
+void send_bundle(Daemon& daemon, Connection& connection, const Request& /*request*/) {
+    if (daemon.config.bundle.paths.empty()) {
+        connection_answer(&connection, error_response(404, "no bundle is configured"));
+        return;
+    }
+    daemon.deliveries.start(connection, daemon.config.bundle);
 }
 
 constexpr Route kRoutes[] = {
     {"/", show_greeting},
     {"/status", show_status},
     {"/run", run_command},
+    {"/bundle.zip", send_bundle},
 };
 
 }  // namespace

@@ -2,8 +2,9 @@
 #ifndef BUNDLED_ROUTES_H
 #define BUNDLED_ROUTES_H
 
-#include "commands.h"
+#include "children.h"
 #include "config.h"
+#include "delivery.h"
 #include "server.h"
 #include "status.h"
 
@@ -16,8 +17,9 @@ struct Daemon {
     Config config;
     Counters counters;
     StatusLine status_line;
-    CommandRunner commands;
-    Server server;  ///< Last, so that it goes first: its connections abandon their commands.
+    ChildRunner commands;
+    Deliveries deliveries;
+    Server server;  ///< Last, so that it goes first: its connections abandon their children.
     unsigned long long started_ms = 0;
 };
 
@@ -27,6 +29,7 @@ struct Daemon {
  *     /            the greeting and this table
  *     /status      counters and status line
  *     /run?NAME    runs the configured command NAME
+ *     /bundle.zip  the configured files and directories as one archive
  */
 void route_request(void* daemon, Connection& connection, const Request& request);
 

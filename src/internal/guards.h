@@ -5,6 +5,8 @@
 #include <errno.h>
 #include <pthread.h>
 #include <signal.h>
+#include <stdlib.h>
+#include <unistd.h>
 
 #include "tessra/misc.h"
 
@@ -54,6 +56,40 @@ public:
 
 private:
     int saved_;
+};
+
+// Owns a block of the heap; false if there was none.
+class HeapBlock : NotCopyable {
+public:
+    explicit HeapBlock(size_t size) : block_(malloc(size)) {}
+    ~HeapBlock() {
+        const ErrnoKeeper errno_keeper;
+        free(block_);
+    }
+
+    explicit operator bool() const { return block_ != nullptr; }
+    void* get() const { return block_; }
+
+private:
+    void* block_;
+};
+
+// Owns a descriptor; false if there is none.
+class UniqueFd : NotCopyable {
+public:
+    explicit UniqueFd(int fd) : fd_(fd) {}
+    ~UniqueFd() {
+        if (fd_ >= 0) {
+            const ErrnoKeeper errno_keeper;
+            (void)close(fd_);
+        }
+    }
+
+    explicit operator bool() const { return fd_ >= 0; }
+    int get() const { return fd_; }
+
+private:
+    int fd_;
 };
 
 // Blocks every signal for the calling thread.

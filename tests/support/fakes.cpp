@@ -74,6 +74,12 @@ PLAIN int select(int nfds, fd_set* rset, fd_set* wset, fd_set* eset, timeval* tv
     return (fakes.on_select ? fakes.on_select : real_select)(nfds, rset, wset, eset, tv);
 }
 
+PLAIN ssize_t real_read(int fd, void* bytes, size_t count) { return REAL(read)(fd, bytes, count); }
+
+PLAIN ssize_t read(int fd, void* bytes, size_t count) {
+    return (fakes.on_read ? fakes.on_read : real_read)(fd, bytes, count);
+}
+
 PLAIN ssize_t write(int fd, const void* bytes, size_t count) {
     constexpr size_t kSignalMessage = 1 + sizeof(siginfo_t);
     if (count == kSignalMessage && fakes.before_message) fakes.before_message(fd);

@@ -9,6 +9,7 @@
 #define TESSRA_TESTS_FAKES_H
 
 #include <sys/select.h>
+#include <sys/types.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -27,11 +28,13 @@ enum fake_call {
     FAKE_CALLS
 };
 
+typedef ssize_t read_call(int fd, void* bytes, size_t count);
 typedef int select_call(int nfds, fd_set* rset, fd_set* wset, fd_set* eset, struct timeval* tv);
 
 extern struct fakes {
     int fail[FAKE_CALLS];   /**< Error number that the call fails with; 0 lets it through. */
     select_call* on_select; /**< Stands for select(), if not null. */
+    read_call* on_read;     /**< Stands for read(), if not null. */
     void (*before_message)(int fd); /**< Called before a signal message is written, if not null. */
     unsigned long long clock_ns; /**< CLOCK_MONOTONIC_RAW, and the uptime; 0 for the real ones. */
     unsigned clock_reads;        /**< Readings of that clock. */
@@ -46,6 +49,8 @@ extern __thread int fail_allocation;
 
 /** The C library's own select(). */
 select_call real_select;
+/** The C library's own read(). */
+read_call real_read;
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,185 @@
+#include "bundle.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+#include "log.h"
+
+namespace bundled {
+
+namespace {
+
+// How often the list is made anew when a file on it goes before it is planned.
+constexpr unsigned int kMaxPlans = 5;
+
+/** An open directory. */
+class Folder {
+public:
+    explicit Folder(const std::string& path) : stream_(opendir(path.c_str())) {}
+    Folder(const Folder&) = delete;
+    Folder& operator=(const Folder&) = delete;
+    ~Folder() {
+        if (stream_ != nullptr) {
+            (void)closedir(stream_);
+        }
+    }
+
+    bool is_open() const { return stream_ != nullptr; }
+
+    /** The next name but "." and ".."; null at the end, with errno 0, and on a failure. */
+    const char* next() {
+        const dirent* item;
+        do {
+            errno = 0;
+            item = readdir(stream_);
+        } while (item != nullptr && is_dots(item->d_name));
+        return item != nullptr ? item->d_name : nullptr;
+    }
+
+private:
+    static bool is_dots(std::string_view name) { return name == "." || name == ".."; }
+
+    DIR* stream_;
+};
+
+std::string join(const std::string& folder, std::string_view name) {
+    std::string path = folder;
+    if (path.back() != '/') {
+        path += '/';
+    }
+    return path.append(name);
+}
+
+bool is_file_or_folder(const struct stat& info) {
+    return S_ISREG(info.st_mode) || S_ISDIR(info.st_mode);
+}
+
+// A file that can't be opened would end each stream of the bundle.
+bool is_readable(const std::string& path, const struct stat& info) {
+    return access(path.c_str(), S_ISDIR(info.st_mode) ? R_OK | X_OK : R_OK) == 0;
+}
+
+void log_left_out(const std::string& path) {
+    log_line("bundle: left out %s: %s", path.c_str(), std::strerror(errno));
+}
+
+/** The paths of the entries, and the directories that are still to be looked into. */
+struct Listing {
+    std::vector<std::string> entries;
+    std::vector<std::string> folders;
+
+    void take(const std::string& path, const struct stat& info) {
+        entries.push_back(path);
+        if (S_ISDIR(info.st_mode)) {
+            folders.push_back(path);
+        }
+    }
+};
+
+void take_found(Listing& listing, const std::string& path) {
+    struct stat info;
+    if (lstat(path.c_str(), &info) != 0) {
+        log_left_out(path);
+    } else if (is_file_or_folder(info)) {
+        if (is_readable(path, info)) {
+            listing.take(path, info);
+        } else {
+            log_left_out(path);
+        }
+    }
+}
+
+// Looks into the directories one after another, until no new ones turn up.
+bool walk(Listing& listing) {
+    while (!listing.folders.empty()) {
+        const std::string path = std::move(listing.folders.back());
+        listing.folders.pop_back();
+        Folder folder(path);
+        while (const char* name = folder.is_open() ? folder.next() : nullptr) {
+            if (listing.entries.size() >= kMaxBundleEntries) {
+                log_line("bundle: refused, more than %zu entries", kMaxBundleEntries);
+                return false;
+            }
+            take_found(listing, join(path, name));
+        }
+        if (errno != 0) {
+            log_line("bundle: left out the rest of %s: %s", path.c_str(), std::strerror(errno));
+        }
+    }
+    return true;
+}
+
+bool take_named(Listing& listing, const BundleSettings& settings, const std::string& name) {
+    const std::string path = name == "." ? settings.base : join(settings.base, name);
+    struct stat info;
+    const bool known = stat(path.c_str(), &info) == 0;
+    if (!known || (is_file_or_folder(info) && !is_readable(path, info))) {
+        log_line("bundle: refused, %s: %s", path.c_str(), std::strerror(errno));
+        return false;
+    }
+    if (!is_file_or_folder(info) || (name == "." && !S_ISDIR(info.st_mode))) {
+        log_line("bundle: refused, %s is of the wrong kind", path.c_str());
+        return false;
+    }
+    if (name == ".") {
+        listing.folders.push_back(path);  // The base has no name in the archive.
+    } else {
+        listing.take(path, info);
+    }
+    return true;
+}
+
+bool list_entries(const BundleSettings& settings, std::vector<std::string>& entries) {
+    Listing listing;
+    for (const std::string& name : settings.paths) {
+        if (!take_named(listing, settings, name) || !walk(listing)) {
+            return false;
+        }
+    }
+    entries = std::move(listing.entries);
+    std::sort(entries.begin(), entries.end());
+    entries.erase(std::unique(entries.begin(), entries.end()), entries.end());
+    if (entries.empty()) {
+        log_line("bundle: refused, nothing is in it");
+    }
+    return !entries.empty();
+}
+
+szip_info_t* plan_entries(const BundleSettings& settings, const std::vector<std::string>& entries) {
+    std::vector<const char*> files;
+    files.reserve(entries.size());
+    for (const std::string& entry : entries) {
+        files.push_back(entry.c_str());
+    }
+    return szip_create_info(files.data(), static_cast<unsigned int>(files.size()),
+                            settings.base.c_str(), settings.base.c_str());
+}
+
+}  // namespace
+
+szip_info_t* plan_bundle(const BundleSettings& settings) {
+    for (unsigned int plans = 1;; ++plans) {
+        std::vector<std::string> entries;
+        if (!list_entries(settings, entries)) {
+            return nullptr;
+        }
+        szip_info_t* info = plan_entries(settings, entries);
+        if (info != nullptr) {
+            return info;
+        }
+        const bool vanished = errno == ENOENT || errno == ENOTDIR;
+        if (!vanished || plans == kMaxPlans) {
+            log_line("bundle: refused, not planned: %s", std::strerror(errno));
+            return nullptr;
+        }
+    }
+}
+
+}  // namespace bundled

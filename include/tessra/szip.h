@@ -1,0 +1,131 @@
+/**
+ * @file szip.h
+ * Streaming ZIP writer: an archive whose exact size is known before its first byte.
+ *
+ * szip_create_info() turns a list of paths into a plan, szip_calc_size() tells how long the archive
+ * will be, szip_stream_zip() writes it strictly forward, so that a socket or a pipe will do, and
+ * szip_free_info() releases the plan. A plan may be streamed any number of times.
+ *
+ * The format is the .ZIP file format of PKWARE's APPNOTE.TXT, in one narrow profile: each entry is
+ * stored, not compressed; CRC-32 and sizes follow the data in a data descriptor and stand in the
+ * central directory; names are the raw bytes of the paths, time stamps are local time, attributes
+ * and comments are absent. ZIP64 records are used for the whole archive if a file has 4 GiB or
+ * more, if there are more than 65535 entries, or if the archive would otherwise pass 0xFFFFFFFF
+ * bytes. Readers that work from the central directory take such archives; readers that work from
+ * the front can't know where a stored entry with a descriptor ends, and may refuse them.
+ *
+ * Threads: no shared state; any number of plans on any number of threads. A plan has no lock and
+ * belongs to one thread at a time, and a stream writes to it.
+ */
+#ifndef TESSRA_SZIP_H
+#define TESSRA_SZIP_H
+
+#include <stddef.h>
+#include <sys/types.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#pragma GCC visibility push(default)
+
+/** A planned archive. Opaque. */
+typedef struct szip_info szip_info_t;
+
+/**
+ * Takes @p count bytes of the archive.
+ *
+ * @param arg    the @c warg of szip_stream_zip()
+ * @param buf    the bytes; valid during the call only
+ * @param count  how many, at least 1
+ * @return @p count. Anything else, a positive number too, ends the stream: nothing continues a
+ *     partial write.
+ *
+ * The records of the archive come one a call and are never merged: for each entry its header (30
+ * bytes), name, extra field (20; ZIP64 only), data in chunks, descriptor (16, ZIP64 24); then for
+ * each entry its directory header (46), name, extra field (28; ZIP64 only); then, ZIP64 only, end
+ * record (56) and locator (20); last the end record (22).
+ */
+typedef ssize_t (*szip_write_func)(void* arg, const void* buf, size_t count);
+
+/**
+ * Plans an archive: asks for the kind, size and modification time of each path.
+ *
+ * @param files     paths of files and directories, each absolute or relative to @p base; only read
+ *     during the call. A link is archived as what it points to. A directory is an entry without
+ *     contents: neither what is in it nor its parents are added.
+ * @param numfiles  how many, at least 1
+ * @param base      the directory that relative paths start from; itself counted from the root of
+ *     the file system, never from the working directory
+ * @param zbase     the leading part of the full path that doesn't go into the archive, with or
+ *     without its first and last slash. Compared byte for byte: no path is normalised, and links
+ *     aren't resolved. "" or "/" keeps the whole path, without its first slash.
+ * @return the plan, owned by the caller until szip_free_info(). Null if an argument is null or
+ *     @p numfiles is 0 (@c EINVAL); if stat() fails for a path, with its @c errno; if a full path
+ *     has more than 4095 bytes (@c ENAMETOOLONG); if a path doesn't lie under @p zbase or is
+ *     @p zbase itself (@c EINVAL); if the files make 8 EiB together (@c EFBIG); if memory is short
+ *     or too small for @p numfiles entries (@c ENOMEM). Then nothing stays allocated.
+ *
+ * Names longer than 65535 bytes can't occur, and the same path may be named twice. A file that is
+ * neither regular nor a directory is planned with the size that stat() gives, usually 0.
+ * Memory: one block of about 40 bytes per entry on 32 bits and 48 on 64, and each full path.
+ * Blocks: in stat().
+ */
+szip_info_t* szip_create_info(const char** files, unsigned int numfiles, const char* base,
+                              const char* zbase);
+
+/**
+ * Tells the exact size of a planned archive.
+ *
+ * @param info  plan, or null
+ * @param cdir  0 for the whole archive, anything else for its central directory alone
+ * @return the size in bytes, 0 if @p info is null. It holds for every stream that succeeds.
+ *
+ * Allocates nothing, changes nothing, can't fail.
+ */
+u_int64_t szip_calc_size(szip_info_t* info, int cdir);
+
+/**
+ * Writes the archive.
+ *
+ * @param info        plan; changes only in the checksums that it notes
+ * @param szip_write  takes the bytes
+ * @param warg        handed to @p szip_write
+ * @param chunk_size  size of the read buffer in bytes and so of the largest data write, at least 1.
+ *     65536 is a good one; a multiple of 4096 keeps reads aligned.
+ * @return 1 if the archive was written to its end. 0 on any failure: a null @p info or
+ *     @p szip_write or a @p chunk_size of 0 (nothing was written, @c EINVAL); a write that took
+ *     less than asked; a file that can't be opened or read; memory for the buffer. What was
+ *     written so far is then no archive, and there is no resuming; the plan can be streamed again,
+ *     from the start. @c errno is what the failed call left; of a shrunken file, and of a write
+ *     that fell short, it says nothing.
+ *
+ * The plan is a promise made from what stat() said. Of a file that has grown since, the planned
+ * bytes are sent. The entry of one that has shrunk is filled up with zeros, then the stream ends
+ * with 0. An entry planned with no bytes isn't opened. Opening never waits: a FIFO that took a
+ * file's place reads as ended or fails.
+ *
+ * Memory: one buffer of @p chunk_size bytes at a time. Blocks: in read() and in @p szip_write.
+ * Writing to a connection whose other end has gone raises SIGPIPE, unless it is ignored.
+ */
+int szip_stream_zip(szip_info_t* info, szip_write_func szip_write, void* warg,
+                    unsigned int chunk_size);
+
+/**
+ * szip_stream_zip() to the descriptor @p fd, one write() per piece.
+ *
+ * A partial write ends the stream, so @p fd should be blocking, and no signal handler without
+ * SA_RESTART should come in between; for anything else write a @ref szip_write_func that goes on.
+ */
+int szip_stream_zip_fd(int fd, szip_info_t* info, unsigned int chunk_size);
+
+/** Releases a plan. Null is allowed and does nothing; @c errno is left alone. */
+void szip_free_info(szip_info_t* info);
+
+#pragma GCC visibility pop
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,168 @@
+// Streaming: the bytes of a planned archive, strictly forward.
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "internal/guards.h"
+#include "szip/crc32.h"
+#include "szip/records.h"
+#include "szip/szip_private.h"
+
+namespace tessra {
+
+namespace {
+
+// Where the bytes go.
+struct Sink {
+    szip_write_func write;
+    void* arg;
+
+    bool take(const void* buf, size_t count) const {
+        return write(arg, buf, count) == static_cast<ssize_t>(count);
+    }
+    bool take_name(const szip_upi_t* upi) const { return take(upi->rel, strlen(upi->rel)); }
+};
+
+ssize_t read_some(int fd, void* buf, size_t count) {
+    ssize_t got;
+    do {
+        got = read(fd, buf, count);
+    } while (got < 0 && errno == EINTR);
+    return got;
+}
+
+// Completes the data of a file that has shrunk, so that the entry keeps its planned length. The
+// archive is lost anyway, so nothing depends on what becomes of these writes.
+void fill_up(uint64_t left, void* buf, size_t chunk_size, const Sink& sink) {
+    memset(buf, 0, chunk_size);
+    while (left != 0) {
+        const auto towrite = static_cast<size_t>(std::min<uint64_t>(left, chunk_size));
+        (void)sink.write(sink.arg, buf, towrite);
+        left -= towrite;
+    }
+}
+
+bool szip_stream_single_file(szip_upi_t* upi, const Sink& sink, unsigned int chunk_size) {
+    const HeapBlock buf(chunk_size);
+    if (!buf) {
+        return false;
+    }
+    // O_NONBLOCK means nothing to a file, but keeps a FIFO that took its place from holding us up.
+    const UniqueFd file(open(upi->abs, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!file) {
+        return false;
+    }
+    upi->crc32 = 0;
+    uint64_t left = upi->size;
+    while (left != 0) {
+        const auto wanted = static_cast<size_t>(std::min<uint64_t>(left, chunk_size));
+        const ssize_t got = read_some(file.get(), buf.get(), wanted);
+        if (got < 0) {
+            return false;
+        }
+        if (got == 0) {
+            fill_up(left, buf.get(), chunk_size, sink);
+            return false;
+        }
+        const auto towrite = static_cast<size_t>(got);
+        upi->crc32 = calc_crc32(upi->crc32, buf.get(), towrite);
+        if (!sink.take(buf.get(), towrite)) {
+            return false;
+        }
+        left -= towrite;
+    }
+    return true;
+}
+
+bool stream_entry(const szip_info_t* info, szip_upi_t* upi, const Sink& sink,
+                  unsigned int chunk_size) {
+    szip_local_header_t header;
+    szip_create_local_header(info, upi, &header);
+    if (!sink.take(&header, sizeof header) || !sink.take_name(upi)) {
+        return false;
+    }
+    if (info->zip64) {
+        szip_extra_local_t extra;
+        szip_create_local_extra(&extra);
+        if (!sink.take(&extra, sizeof extra)) {
+            return false;
+        }
+    }
+    if (upi->size != 0 && !szip_stream_single_file(upi, sink, chunk_size)) {
+        return false;
+    }
+    szip_data_desc_t descriptor;
+    const unsigned int size = szip_create_data_desc(info, upi, &descriptor);
+    return sink.take(&descriptor, size);
+}
+
+bool stream_central_entry(const szip_info_t* info, const szip_upi_t* upi, const Sink& sink) {
+    szip_central_header_t header;
+    szip_create_central_entry(info, upi, &header);
+    if (!sink.take(&header, sizeof header) || !sink.take_name(upi)) {
+        return false;
+    }
+    if (!info->zip64) {
+        return true;
+    }
+    szip_extra_central_t extra;
+    szip_create_central_extra(upi, &extra);
+    return sink.take(&extra, sizeof extra);
+}
+
+bool stream_zip64_end(szip_info_t* info, const Sink& sink) {
+    szip_64_central_end_header_t end;
+    szip_64_create_central_end(info, &end);
+    if (!sink.take(&end, sizeof end)) {
+        return false;
+    }
+    szip_64_central_end_locator_t locator;
+    szip_64_create_central_loc(info, &locator);
+    return sink.take(&locator, sizeof locator);
+}
+
+bool stream_archive(szip_info_t* info, const Sink& sink, unsigned int chunk_size) {
+    for (unsigned int i = 0; i < info->count; i++) {
+        if (!stream_entry(info, &info->upi[i], sink, chunk_size)) {
+            return false;
+        }
+    }
+    for (unsigned int i = 0; i < info->count; i++) {
+        if (!stream_central_entry(info, &info->upi[i], sink)) {
+            return false;
+        }
+    }
+    if (info->zip64 && !stream_zip64_end(info, sink)) {
+        return false;
+    }
+    szip_central_end_header_t end;
+    szip_create_central_end_entry(info, &end);
+    return sink.take(&end, sizeof end);
+}
+
+ssize_t szip_dflt_write(void* arg, const void* buf, size_t count) {
+    return write(static_cast<int>(reinterpret_cast<intptr_t>(arg)), buf, count);
+}
+
+}  // namespace
+
+}  // namespace tessra
+
+using namespace tessra;
+
+int szip_stream_zip(szip_info_t* info, szip_write_func szip_write, void* warg,
+                    unsigned int chunk_size) {
+    if (info == nullptr || szip_write == nullptr || chunk_size == 0) {
+        errno = EINVAL;
+        return 0;
+    }
+    return stream_archive(info, {szip_write, warg}, chunk_size) ? 1 : 0;
+}
+
+int szip_stream_zip_fd(int fd, szip_info_t* info, unsigned int chunk_size) {
+    return szip_stream_zip(info, szip_dflt_write,
+                           reinterpret_cast<void*>(static_cast<intptr_t>(fd)), chunk_size);
+}

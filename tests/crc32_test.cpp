@@ -1,0 +1,53 @@
+/**
+ * @file crc32_test.cpp
+ * The checksum by every way that computes it, against the definition bit by bit.
+ */
+#include <gtest/gtest.h>
+
+#include <random>
+#include <vector>
+
+#include "szip/crc32.h"
+
+namespace {
+
+uint32_t crc_by_definition(uint32_t crc, const uint8_t* p, size_t size) {
+    crc = ~crc;
+    while (size-- > 0) {
+        crc ^= *p++;
+        for (int bit = 0; bit < 8; bit++) crc = crc & 1 ? crc >> 1 ^ 0xedb88320 : crc >> 1;
+    }
+    return ~crc;
+}
+
+TEST(Crc32, EveryWayGivesTheDefinedValue) {
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    std::vector<uint8_t> bytes(1100 + 64);
+    for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(random());
+    for (size_t offset = 0; offset < 64; offset++) {
+        const uint8_t* p = bytes.data() + offset;
+        const auto start = static_cast<uint32_t>(random());
+        uint32_t expected = start;
+        for (size_t size = 0; size <= 1100; size++) {
+            ASSERT_EQ(expected, tessra::calc_crc32(start, p, size)) << size << " at " << offset;
+            ASSERT_EQ(expected, ~tessra::crc32_by_tables(~start, p, size)) << size;
+            const size_t split = random() % (size + 1);
+            ASSERT_EQ(expected, tessra::calc_crc32(tessra::calc_crc32(start, p, split), p + split,
+                                                   size - split));
+            expected = crc_by_definition(expected, p + size, 1);
+        }
+    }
+}
+
+#if defined(__x86_64__)
+TEST(Crc32, TheKernelIsChosenWhereTheProcessorHasIt) {
+    std::vector<uint8_t> bytes(256, 7);
+    if (!tessra::cpu_has_clmul()) GTEST_SKIP() << "no carry-less multiplication here";
+    EXPECT_EQ(crc_by_definition(0, bytes.data(), 256),
+              ~tessra::crc32_by_clmul(0xffffffff, bytes.data(), 256));
+}
+#endif
+
+}  // namespace
