@@ -84,7 +84,7 @@ char* strdup_append(const char* str, const char* suffix) {
     const size_t suffix_size = strlen(suffix) + 1;
     auto* joined = static_cast<char*>(malloc(length + suffix_size));
     if (joined != nullptr) {
-        memcpy(joined, str, length);
+        memcpy(joined, str, length + 1);
         memcpy(joined + length, suffix, suffix_size);
     }
     return joined;

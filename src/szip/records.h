@@ -14,16 +14,18 @@ namespace tessra {
 
 // An unsigned integer in little-endian order on any host, without alignment.
 template <typename T>
-struct LittleEndian {
-    uint8_t bytes[sizeof(T)];
-
+class LittleEndian {
+public:
     LittleEndian& operator=(T value) {
-        for (uint8_t& byte : bytes) {
+        for (uint8_t& byte : bytes_) {
             byte = static_cast<uint8_t>(value);
             value = static_cast<T>(static_cast<uint64_t>(value) >> 8);
         }
         return *this;
     }
+
+private:
+    uint8_t bytes_[sizeof(T)];
 };
 
 using Le16 = LittleEndian<uint16_t>;

@@ -16,14 +16,18 @@ namespace tessra {
 namespace {
 
 // Where the bytes go.
-struct Sink {
-    szip_write_func write;
-    void* arg;
+class Sink {
+public:
+    Sink(szip_write_func write, void* arg) : write_(write), arg_(arg) {}
 
     bool take(const void* buf, size_t count) const {
-        return write(arg, buf, count) == static_cast<ssize_t>(count);
+        return write_(arg_, buf, count) == static_cast<ssize_t>(count);
     }
     bool take_name(const szip_upi_t* upi) const { return take(upi->rel, strlen(upi->rel)); }
+
+private:
+    szip_write_func write_;
+    void* arg_;
 };
 
 ssize_t read_some(int fd, void* buf, size_t count) {
@@ -40,7 +44,7 @@ void fill_up(uint64_t left, void* buf, size_t chunk_size, const Sink& sink) {
     memset(buf, 0, chunk_size);
     while (left != 0) {
         const auto towrite = static_cast<size_t>(std::min<uint64_t>(left, chunk_size));
-        (void)sink.write(sink.arg, buf, towrite);
+        (void)sink.take(buf, towrite);
         left -= towrite;
     }
 }
@@ -144,7 +148,7 @@ bool stream_archive(szip_info_t* info, const Sink& sink, unsigned int chunk_size
 }
 
 ssize_t szip_dflt_write(void* arg, const void* buf, size_t count) {
-    return write(static_cast<int>(reinterpret_cast<intptr_t>(arg)), buf, count);
+    return write(*static_cast<const int*>(arg), buf, count);
 }
 
 }  // namespace
@@ -163,6 +167,5 @@ int szip_stream_zip(szip_info_t* info, szip_write_func szip_write, void* warg,
 }
 
 int szip_stream_zip_fd(int fd, szip_info_t* info, unsigned int chunk_size) {
-    return szip_stream_zip(info, szip_dflt_write,
-                           reinterpret_cast<void*>(static_cast<intptr_t>(fd)), chunk_size);
+    return szip_stream_zip(info, szip_dflt_write, &fd, chunk_size);
 }
