@@ -11,8 +11,12 @@
  * central directory; names are the raw bytes of the paths, time stamps are local time, attributes
  * and comments are absent. ZIP64 records are used for the whole archive if a file has 4 GiB or
  * more, if there are more than 65535 entries, or if the archive would otherwise pass 0xFFFFFFFF
- * bytes. Readers that work from the central directory take such archives; readers that work from
- * the front can't know where a stored entry with a descriptor ends, and may refuse them.
+ * bytes. Readers that work from the central directory take plain archives. Some of them refuse the
+ * ZIP64 ones, whose locator tells of 0 disks, and readers that work from the front may refuse all,
+ * since they can't know where a stored entry with a descriptor ends.
+ *
+ * Time stamps before 1980 keep month, day and time but turn into 1980, those after 2107 wrap
+ * around, and those that localtime_r() can't tell become the first of January 1980.
  *
  * Threads: no shared state; any number of plans on any number of threads. A plan has no lock and
  * belongs to one thread at a time, and a stream writes to it.
@@ -58,17 +62,20 @@ typedef ssize_t (*szip_write_func)(void* arg, const void* buf, size_t count);
  * @param base      the directory that relative paths start from; itself counted from the root of
  *     the file system, never from the working directory
  * @param zbase     the leading part of the full path that doesn't go into the archive, with or
- *     without its first and last slash. Compared byte for byte: no path is normalised, and links
- *     aren't resolved. "" or "/" keeps the whole path, without its first slash.
- * @return the plan, owned by the caller until szip_free_info(). Null if an argument is null or
- *     @p numfiles is 0 (@c EINVAL); if stat() fails for a path, with its @c errno; if a full path
- *     has more than 4095 bytes (@c ENAMETOOLONG); if a path doesn't lie under @p zbase or is
- *     @p zbase itself (@c EINVAL); if the files make 8 EiB together (@c EFBIG); if memory is short
- *     or too small for @p numfiles entries (@c ENOMEM). Then nothing stays allocated.
+ *     without its first slash. Compared byte for byte: no path is normalised, and links aren't
+ *     resolved. "" or "/" keeps the whole path but its first slash, or two of them.
+ * @return the plan, owned by the caller until szip_free_info(). Null if an argument or a path is
+ *     null or @p numfiles is 0 (@c EINVAL); if stat() fails for a path, with its @c errno (on 32
+ *     bits @c EOVERFLOW for a time stamp after 2038); if a full path has more than 4095 bytes
+ *     (@c ENAMETOOLONG); if a path doesn't lie under @p zbase or is @p zbase itself (@c EINVAL);
+ *     if data, names and records would come to about 8 EiB (@c EFBIG); if memory is short or too
+ *     small for @p numfiles entries (@c ENOMEM). Then nothing stays allocated.
  *
  * Names longer than 65535 bytes can't occur, and the same path may be named twice. A file that is
- * neither regular nor a directory is planned with the size that stat() gives, usually 0.
- * Memory: one block of about 40 bytes per entry on 32 bits and 48 on 64, and each full path.
+ * neither regular nor a directory is planned with the size that stat() gives, usually 0. Files of
+ * /sys, which tell a size that they don't have, count as shrunken in every stream.
+ * Memory: one block of about 32 bytes per entry on 32 bits and 48 on 64, and each full path; 4096
+ * bytes more during the call.
  * Blocks: in stat().
  */
 szip_info_t* szip_create_info(const char** files, unsigned int numfiles, const char* base,
@@ -98,12 +105,13 @@ u_int64_t szip_calc_size(szip_info_t* info, int cdir);
  *     less than asked; a file that can't be opened or read; memory for the buffer. What was
  *     written so far is then no archive, and there is no resuming; the plan can be streamed again,
  *     from the start. @c errno is what the failed call left; of a shrunken file, and of a write
- *     that fell short, it says nothing.
+ *     that fell short, and after a success, it says nothing.
  *
  * The plan is a promise made from what stat() said. Of a file that has grown since, the planned
- * bytes are sent. The entry of one that has shrunk is filled up with zeros, then the stream ends
- * with 0. An entry planned with no bytes isn't opened. Opening never waits: a FIFO that took a
- * file's place reads as ended or fails.
+ * bytes are sent. The entry of one that has shrunk is filled up with zeros, whatever becomes of
+ * those writes, then the stream ends with 0. A read that fails ends it at once. An entry planned
+ * with no bytes isn't opened. A FIFO that took a file's place never holds the stream up: it gives
+ * what is in it and then ends or fails.
  *
  * Memory: one buffer of @p chunk_size bytes at a time. Blocks: in read() and in @p szip_write.
  * Writing to a connection whose other end has gone raises SIGPIPE, unless it is ignored.

@@ -38,6 +38,13 @@ ssize_t read_some(int fd, void* buf, size_t count) {
     return got;
 }
 
+// O_NONBLOCK keeps a FIFO that took a file's place from holding us up. To a file it means nothing,
+// unless another process holds a lease on it, which has to be waited for.
+int open_to_read(const char* path) {
+    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    return fd < 0 && errno == EWOULDBLOCK ? open(path, O_RDONLY | O_CLOEXEC) : fd;
+}
+
 // Completes the data of a file that has shrunk, so that the entry keeps its planned length. The
 // archive is lost anyway, so nothing depends on what becomes of these writes.
 void fill_up(uint64_t left, void* buf, size_t chunk_size, const Sink& sink) {
@@ -54,8 +61,7 @@ bool szip_stream_single_file(szip_upi_t* upi, const Sink& sink, unsigned int chu
     if (!buf) {
         return false;
     }
-    // O_NONBLOCK means nothing to a file, but keeps a FIFO that took its place from holding us up.
-    const UniqueFd file(open(upi->abs, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const UniqueFd file(open_to_read(upi->abs));
     if (!file) {
         return false;
     }
