@@ -1,15 +1,21 @@
 /*
- * Every function of the loop's public headers, called from C. The program is linked with the static
+ * Every function of the public headers, called from C. The program is linked with the static
  * library and without a C++ runtime, which shows that none is needed.
  */
 #define _GNU_SOURCE
+#define TESSRA_MEMCHK
+#include <stdarg.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "tessra/binarytree.h"
 #include "tessra/eventloop.h"
+#include "tessra/linkedlist.h"
 #include "tessra/list.h"
+#include "tessra/memchk.h"
 #include "tessra/misc.h"
 #include "tessra/szip.h"
 
@@ -173,6 +179,119 @@ static void test_zip(void) {
     CHECK(szip_create_info(files, 2, "/", "/proc") == NULL);
 }
 
+static int by_text(void* stored, void* wanted) { return strcmp(wanted, stored); }
+
+/* Five letters make f over c and t, and t over s and x. */
+static void test_list_and_tree_of_pointers(void) {
+    char* letters[] = {c, f, s, t, x};
+    BinaryTree* tree = BT_create(by_text);
+    BinaryTreeEnum* cursor = BT_newenum(tree);
+    for (int n = 0; n < 5; n++) CHECK(BT_insert(tree, letters[n], letters[n]) == 1);
+    LinkedList* lists[] = {BT_keys(tree), BT_values(tree), BT_pairs(tree), LL_create()};
+    LinkedListEnum* walk = LL_newenum(lists[0]);
+    void **array = BT_toarray(tree, NULL), **pair = LL_pop(lists[2]);
+    CHECK(BT_find(tree, "s") == s && BT_leftmost(tree) == c && BT_rightmost(tree) == x);
+    CHECK(BT_next(cursor) == c && BT_end(cursor) == x && BT_previous(cursor) == t);
+    CHECK(LL_next(walk) == c && LL_end(walk) == x && LL_previous(walk) == t);
+    CHECK(!BT_reset(cursor) && !LL_reset(walk) && !cursor->curnode && !walk->current);
+    CHECK(LL_dequeue(lists[0]) == c && LL_pop(lists[1]) == x && pair[1] == x);
+    CHECK(CalculateTreeArraySize(tree) == 7 && array[5] == t && array[12] == x);
+    for (; pair; pair = LL_pop(lists[2])) free(pair);
+    free(array);
+    LL_push(lists[3], x);
+    LL_enumdelete(walk);
+    for (int n = 0; n < 4; n++) LL_delete(lists[n]);
+    BT_enumdelete(cursor);
+    CHECK(BT_remove(tree, "f") == f && tree->itemcount == 4);
+    BT_delete(tree);
+}
+
+/* The letters f, t and x, of which t is the root. Then y makes the right side higher. */
+static void test_building_blocks(void) {
+    BinaryTree* tree = BT_create(by_text);
+    int side;
+    CHECK(BT_insert(tree, f, f) && BT_insert(tree, t, t) && BT_insert(tree, x, x));
+    BinaryTreeNode *at_f = leftmost(tree), *at_t = tree->root, *at_x = rightmost(tree);
+    CHECK(inordernext(at_f) == at_t && inorderprevious(at_x) == at_t);
+    CHECK(findinsertionpoint(tree, "y", &side) == at_x && side > 0 &&
+          findreplacement(at_t) == at_x);
+    CHECK((at_x->right = createnode(at_x, "y", NULL)) && ++tree->itemcount == 4);
+    recalculateheight(at_x);
+    balanceup(tree, at_x);
+    CHECK(getbalance(at_t) == 1 && rotateleft(at_t) == at_x && rotateright(at_x) == at_t);
+    DeleteLeafNode(tree, at_x->right);
+    swapnodes(at_t, at_x);
+    BT_deletenode(tree, at_x);
+    CHECK(at_t->key == x && at_t->data == x && tree->root == at_t && !at_t->right);
+    BT_delete(tree);
+    CHECK(!BT_insert(NULL, c, c) && !BT_find(NULL, c) && !BT_remove(NULL, c));
+    CHECK(!findreplacement(NULL) && !inordernext(NULL) && !inorderprevious(NULL));
+    CHECK(!findinsertionpoint(NULL, c, &side) && side == 0);
+}
+
+static void count_pair(char* key, void* value, void* sum) { *(int*)sum += !strcmp(key, value); }
+static void count_flag(const char* name, void* sum) { *(int*)sum += !strcmp(name, "on"); }
+static void count_entry(hashlist_t* entry, void* sum) { *(int*)sum += (int)entry->hash; }
+static int reject(void* value, void* sum) { return free(value), ++*(int*)sum, 0; }
+
+static void test_tables(void) {
+    hashtable_t *ht = hashtable_alloc(3), *own = hashtable_alloc(3);
+    list_t *values = malloc(sizeof *values), *outer, *inner;
+    int sum = 0;
+    for (unsigned n = 0; n < 5; n++) {
+        CHECK(str_hashtable_put(ht, strdup("key"), strdup("key")));
+        hashtable_put(own, n % 2, malloc(sizeof(hashlist_t)));
+    }
+    str_hashtable_values(ht, values);
+    dll_foreach(outer, values)
+        dll_foreach(inner, hashtable_get_bucket(own, 3))
+            sum += ((ptr_list_t*)outer)->pointer == str_hashtable_get_index(ht, "key", 0);
+    CHECK(sum == 3 && strhash("abc") == 0x67e8c010);
+    list_free_items(values, NULL);
+    list_init(values);
+    hashlist_t* third = hashtable_get_index(own, 0, 2);
+    hashtable_delete(third);
+    list_add_tail(values, &third->list);
+    list_free(values, NULL);
+    str_hashtable_delete_index(ht, "key", 4);
+    free(str_hashtable_get_and_remove_index(ht, "key", 0));
+    CHECK(hashtable_count(own) == 4 && str_hashtable_count(ht, "key") == 3);
+    str_hashtable_iterate(ht, count_pair, &sum);
+    hashtable_iterate(own, count_entry, &sum);
+    str_hashtable_filter(ht, "key", reject, &sum);
+    named_flag_set(ht, "on");
+    named_flag_iterate(ht, count_flag, &sum);
+    CHECK(sum == 3 + 3 + 2 + 3 + 1 && named_flag_has(ht, "on") && named_flag_clr(ht, "on"));
+    str_hashtable_free(ht);
+    hashtable_free(own, NULL);
+}
+
+static char report[500];
+
+static void append(int level, char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    if (level == 7) vsnprintf(report + strlen(report), 100, format, args);
+    va_end(args);
+}
+
+static void test_memchk(void) {
+    char here[] = "here", noted;
+    dump_allocation_tree(7, append);
+    add_allocation(&noted, here, 1, 1);
+    remove_allocation(&noted);
+    void* blocks[] = {memchk_calloc(1, 2, here, 2), memchk_dup("ab", here, 2),
+                      memchk_n_dup("ab", 1, here, 2), MEMCHK_STRNDUP("a", SIZE_MAX)};
+    CHECK(!strcmp(blocks[3], "a") && !MEMCHK_CALLOC(SIZE_MAX, 1));
+    CHECK(p_compare(1, UINTPTR_MAX) == -1 && p_compare(UINTPTR_MAX, 1) == 1 && !p_compare(1, 1));
+    dump_allocation_tree(7, append);
+    *report = 0;
+    dump_allocation_tree(7, append);
+    CHECK(strstr(report, " [\t3\tallocations from here\t2\t] "));
+    CHECK(strstr(report, " [\t1\tallocations from " __FILE__ "\t"));
+    for (int i = 0; i < 4; i++) memchk_free(blocks[i], here, 3);
+}
+
 int main(void) {
     pid_t child;
     alarm(100); /* Ends it if a loop hangs. */
@@ -182,6 +301,10 @@ int main(void) {
         _exit(read(held[0], bytes, 1) == 0 ? 3 : 4);
     }
     test_list_and_mutex();
+    test_list_and_tree_of_pointers();
+    test_building_blocks();
+    test_tables();
+    test_memchk();
     test_clock();
     test_shell();
     test_zip();

@@ -5,6 +5,7 @@
 
 #include "eventloop/eventloop_private.h"
 #include "eventloop/watch_list.h"
+#include "internal/alloc.h"
 
 namespace tessra {
 
@@ -78,8 +79,9 @@ void process_free(event_loop_ctx_tp el_ctx) {
 using namespace tessra;
 
 void event_process_add_mc(event_loop_ctx_tp el_ctx, int pid, process_handler_t handler, void* arg) {
-    auto* child = new_entry<process_t>({{}, pid, handler, arg, 0, 0});
+    auto* child = new_record<process_t>();
     if (child == nullptr) return;
+    *child = {{}, pid, handler, arg, 0, 0};
     if (!register_sigchld_once(el_ctx)) {
         free(child);
         return;

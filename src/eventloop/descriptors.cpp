@@ -9,6 +9,7 @@
 
 #include "eventloop/eventloop_private.h"
 #include "eventloop/watch_list.h"
+#include "internal/alloc.h"
 
 namespace tessra {
 
@@ -104,8 +105,9 @@ void event_fd_add_mc(event_loop_ctx_tp el_ctx, fd_handler_t handler, void* arg, 
         errno = EMFILE;
         return;
     }
-    auto* watcher = new_entry<event_fd_t>({{}, handler, arg, fd, type, 0, 0});
+    auto* watcher = new_record<event_fd_t>();
     if (watcher == nullptr) return;
+    *watcher = {{}, handler, arg, fd, type, 0, 0};
     const RecursiveLock lock(el_ctx->eventlists_mutex);
     list_add_tail(&el_ctx->fd_queue, &watcher->list);
     el_ctx->watched.stale = true;

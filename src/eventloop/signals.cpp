@@ -2,6 +2,7 @@
 
 #include "eventloop/eventloop_private.h"
 #include "eventloop/watch_list.h"
+#include "internal/alloc.h"
 
 namespace tessra {
 
@@ -35,8 +36,9 @@ bool signal_add(event_loop_ctx_tp el_ctx, signal_handler_t handler, void* arg, i
         errno = EINVAL;
         return false;
     }
-    auto* watcher = new_entry<event_signal_t>({{}, handler, arg, signal, 0, 0});
+    auto* watcher = new_record<event_signal_t>();
     if (watcher == nullptr) return false;
+    *watcher = {{}, handler, arg, signal, 0, 0};
     const RecursiveLock lock(el_ctx->eventlists_mutex);
     list_add_tail(&el_ctx->signal_queue, &watcher->list);
     catch_signal(signal);

@@ -2,6 +2,7 @@
 
 #include "eventloop/eventloop_private.h"
 #include "eventloop/watch_list.h"
+#include "internal/alloc.h"
 
 namespace tessra {
 
@@ -36,8 +37,9 @@ bool matches(const event_timer_t* timer, timer_handler_t handler, const void* ar
 }  // namespace
 
 bool timer_add(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg, Milliseconds timeout) {
-    auto* timer = new_entry<event_timer_t>({{}, handler, arg, event_get_time() + timeout, 0, 0});
+    auto* timer = new_record<event_timer_t>();
     if (timer == nullptr) return false;
+    *timer = {{}, handler, arg, event_get_time() + timeout, 0, 0};
     const RecursiveLock lock(el_ctx->timerlist_mutex);
     list_t* before = place_for(el_ctx->timer_queue, timer->time);
     list_insert(&timer->list, before, before->next);

@@ -13,7 +13,6 @@
 
 #include <cstddef>
 #include <cstdlib>
-#include <new>
 #include <type_traits>
 
 #include "eventloop/eventloop_private.h"
@@ -25,18 +24,6 @@ Entry* entry_of(list_t* node) {
     static_assert(std::is_standard_layout_v<Entry> && offsetof(Entry, list) == 0,
                   "a node's address is its record's address");
     return reinterpret_cast<Entry*>(node);
-}
-
-// A copy of `value` on the heap, or null with errno ENOMEM.
-template <class Entry>
-Entry* new_entry(const Entry& value) {
-    static_assert(std::is_trivially_destructible_v<Entry>, "free() ends it");
-    void* block = malloc(sizeof(Entry));
-    if (block == nullptr) {
-        errno = ENOMEM;
-        return nullptr;
-    }
-    return new (block) Entry(value);
 }
 
 template <class Entry>

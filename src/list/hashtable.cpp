@@ -1,0 +1,74 @@
+// The hash table core: an array of list heads in one block with their number.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+
+#include "list/hashtable_private.h"
+
+using namespace tessra;
+
+void list_free_items(list_t* l, list_destructor_t destructor) {
+    if (l == nullptr) return;
+    list_t* node;
+    dll_foreach(node, l) {
+        if (destructor != nullptr) {
+            destructor(node);
+        } else {
+            free(node);
+        }
+    }
+}
+
+void list_free(list_t* l, list_destructor_t destructor) {
+    list_free_items(l, destructor);
+    free(l);
+}
+
+hashtable_t* hashtable_alloc(int elements) {
+    constexpr size_t kHeads = offsetof(hashtable_t, hashlist);
+    constexpr size_t kMostElements = (PTRDIFF_MAX - kHeads) / sizeof(hashlist_t);
+    const auto count = static_cast<size_t>(elements);  // Beyond all limits if it was negative.
+    if (count > kMostElements) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    auto* ht = static_cast<hashtable_t*>(new_block(kHeads + count * sizeof(hashlist_t)));
+    if (ht == nullptr) return nullptr;
+    ht->size = elements;
+    for (size_t bucket = 0; bucket < count; bucket++) list_init(&ht->hashlist[bucket].list);
+    return ht;
+}
+
+hashlist_t* hashtable_get_index(hashtable_t* ht, unsigned int hash, int index) {
+    if (ht == nullptr || index < 0) return nullptr;
+    list_t* bucket = hashtable_get_bucket(ht, hash);
+    list_t* node;
+    dll_foreach(node, bucket) {
+        auto* entry = record_of<hashlist_t>(node);
+        if (entry->hash == hash && index-- == 0) return entry;
+    }
+    return nullptr;
+}
+
+void hashtable_iterate(hashtable_t* ht, hashtable_iterator_t iter, void* arg) {
+    if (ht == nullptr) return;
+    for (int bucket = 0; bucket < ht->size; bucket++) {
+        list_t* node;
+        dll_foreach(node, &ht->hashlist[bucket].list) iter(record_of<hashlist_t>(node), arg);
+    }
+}
+
+unsigned int hashtable_count(hashtable_t* ht) {
+    unsigned int count = 0;
+    for_each<hashlist_t>(ht, [&count](hashlist_t*) { count++; });
+    return count;
+}
+
+void hashtable_free(hashtable_t* ht, list_destructor_t destructor) {
+    if (ht == nullptr) return;
+    for (int bucket = 0; bucket < ht->size; bucket++) {
+        list_free_items(&ht->hashlist[bucket].list, destructor);
+    }
+    free(ht);
+}

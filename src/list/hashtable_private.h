@@ -1,0 +1,51 @@
+// What the table core offers to the tables that stand on it.
+#ifndef TESSRA_LIST_HASHTABLE_PRIVATE_H
+#define TESSRA_LIST_HASHTABLE_PRIVATE_H
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <type_traits>
+
+#include "internal/alloc.h"
+#include "tessra/list.h"
+
+namespace tessra {
+
+// The record that a node begins. Walks cast, and free() gets the node: that is one address.
+template <class Record>
+Record* record_of(list_t* node) {
+    static_assert(std::is_standard_layout_v<Record> && offsetof(Record, list) == 0,
+                  "a node's address is its record's address");
+    static_assert(std::is_trivially_destructible_v<Record>, "free() ends it");
+    return reinterpret_cast<Record*>(node);
+}
+
+// hashtable_iterate() with something callable.
+template <class Record, class Visit>
+void for_each(hashtable_t* ht, Visit visit) {
+    hashtable_iterate(
+        ht,
+        [](hashlist_t* entry, void* arg) {
+            (*static_cast<Visit*>(arg))(record_of<Record>(&entry->list));
+        },
+        &visit);
+}
+
+// Shows visit() the entries whose text equals `text`, oldest first, until it returns false. It may
+// unlink the entry. text_of() says where a record has its text.
+template <class Record, const char* (*text_of)(const Record*), class Visit>
+void for_each_match(hashtable_t* ht, const char* text, Visit visit) {
+    const unsigned int hash = strhash(text);
+    list_t* bucket = hashtable_get_bucket(ht, hash);
+    list_t* node;
+    dll_foreach(node, bucket) {
+        auto* entry = record_of<Record>(node);
+        if (entry->list.hash != hash || strcmp(text_of(entry), text) != 0) continue;
+        if (!visit(entry)) return;
+    }
+}
+
+}  // namespace tessra
+
+#endif

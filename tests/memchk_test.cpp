@@ -1,0 +1,181 @@
+#include "tessra/memchk.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/fakes.h"
+#include "support/harness.h"
+
+using namespace tessra_test;
+
+namespace {
+
+// Ascending addresses, and two names with the same text.
+char names[3][400] = {"a.c", "a.c", "b.c"};
+char places[64];  // Addresses to be tracked; nothing is ever read there.
+
+// The report is gathered without allocating, so that only the tracker meets a failing allocation.
+char report[20000];
+
+void note(int level, char* format, ...) {
+    char* end = strchr(report, 0);
+    va_list args;
+    va_start(args, format);
+    end += snprintf(end, 100, "%d", level);
+    end += vsnprintf(end, 1000, format, args);
+    va_end(args);
+    strcpy(end, "\n");
+}
+
+bool starved;  // The allocation that was to fail in the last dump has failed.
+
+// What a dump lists between its first and its last line, with -1 handed through as the level.
+std::string dump(int failing_allocation = 0) {
+    report[0] = 0;
+    errno = EDOM;
+    fail_allocation = failing_allocation;
+    dump_allocation_tree(-1, note);
+    starved = failing_allocation != fail_allocation && fail_allocation == 0;
+    fail_allocation = 0;
+    EXPECT_EQ(starved ? ENOMEM : EDOM, errno);
+    const std::string all = report, start = "-1allocation tree - start\n",
+                      end = "-1allocation tree - end\n";
+    const size_t length = all.find(end) - start.size();
+    EXPECT_TRUE(all.rfind(start, 0) == 0 && all.substr(start.size() + length) == end) << all;
+    return all.substr(start.size(), length);
+}
+
+std::string listed(unsigned count, const char* file, unsigned line) {
+    return "-1 [\t" + std::to_string(count) + "\tallocations from " + file + "\t" +
+           std::to_string(line) + "\t] \n";
+}
+
+void add(int place, int name, unsigned line) {
+    add_allocation(places + place, names[name], line, 1);
+}
+void remove(int place) { remove_allocation(places + place); }
+
+ISOLATED_TEST(Memchk, FiveDumps) {
+    remove(0);  // Nothing is tracked yet.
+    add(0, 0, 5), add(1, 0, 6);
+    EXPECT_EQ("", dump());
+    for (int place : {10, 20, 11}) add(place, 0, 30);
+    add(12, 0, 10), add(13, 1, 30), add(14, 2, 7), add(15, 2, 8), add(16, 2, UINT_MAX);
+    add(12, 2, 99);  // Tracked already: keeps its site.
+    EXPECT_EQ("", dump());
+    remove(15), remove(40), add(17, 2, 9);
+    const std::string b = listed(1, "b.c", UINT_MAX) + listed(1, "b.c", 7),
+                      a10 = listed(1, "a.c", 10);
+    EXPECT_EQ(b + listed(1, "a.c", 30) + listed(3, "a.c", 30) + a10, dump());
+    remove(16), remove(13), remove(20);
+    remove(1), add(1, 1, 40);    // In the place of an excused block: never listed.
+    remove(14), add(14, 2, 50);  // In the place of a noted one: one dump early.
+    EXPECT_EQ(listed(1, "b.c", 50) + listed(1, "b.c", 9) + listed(2, "a.c", 30) + a10, dump());
+    memset(names[2], 'n', sizeof names[2] - 1);  // The text may change, the address counts.
+    const std::string cut = listed(1, names[2], 0).substr(0, 2 + 253) + "\n";
+    EXPECT_EQ(cut + cut + listed(2, "a.c", 30) + a10, dump());
+}
+
+// Threads add and remove at random; a model of sets says what each dump has to list. The first dump
+// finds nothing in one run: then nothing is excused.
+void compare_with_model(int first_round) {
+    unsigned seed = std::random_device{}();
+    SCOPED_TRACE(seed);
+    std::mutex mutex;
+    std::map<int, std::pair<int, unsigned>> live, noted, excused;
+    const auto work = [&](unsigned thread_seed) {
+        std::mt19937 random(thread_seed);
+        for (int i = 0; i < 20; i++) {
+            const int place = int(random() % 64), name = int(random() % 3);
+            const unsigned line = unsigned(random() % 3);
+            std::lock_guard lock(mutex);
+            if (random() % 2)
+                add(place, name, line), live.insert({place, {name, line}});
+            else
+                remove(place), live.erase(place);
+        }
+    };
+    for (int round = 0; round < 20; round++) {
+        std::vector<std::thread> threads;
+        for (int t = 0; t < (round < first_round ? 0 : 3); t++) threads.emplace_back(work, seed++);
+        for (std::thread& thread : threads) thread.join();
+        std::map<std::pair<int, unsigned>, unsigned, std::greater<>> groups;
+        for (const auto& [place, site] : live)
+            if (noted.count(place) && !excused.count(place)) groups[site]++;
+        std::string expected;
+        for (const auto& [site, count] : groups)
+            expected += listed(count, names[site.first], site.second);
+        EXPECT_EQ(expected, dump());
+        if (round == 0) excused = live;
+        noted = live;
+    }
+}
+ISOLATED_TEST(Memchk, ThreadsAndModel) { compare_with_model(0); }
+ISOLATED_TEST(Memchk, FirstDumpOfNothing) { compare_with_model(1); }
+
+// The n-th allocation fails in one of the dumps. Later reports are complete.
+void fail_in_dump(int failing, int n) {
+    std::string lines;
+    for (int number = 1; number <= 4; number++) {
+        for (int i = 0; i < 3; i++) add(4 * number + i, i, unsigned(number));
+        dump(number == failing ? n : 0);
+        if (number == failing && !starved) puts("passed");
+    }
+    dump();
+    for (int i = 2; i >= 0; i--)
+        for (unsigned line = 4; line >= 2; line--) lines += listed(1, names[i], line);
+    EXPECT_EQ(lines, dump());
+    for (int place = 0; place < 64; place++) remove(place);
+    EXPECT_EQ("", dump());
+}
+TEST(Memchk, DumpsWithoutMemory) {
+    for (int failing = 1; failing <= 4; failing++)
+        for (int n = 1, passed = 0; !passed; n++) {
+            const ChildEnd end = run_child([=] { fail_in_dump(failing, n); });
+            ASSERT_TRUE(end.completed && end.exit_code == 0 && n < 100)
+                << failing << ", " << n << ", signal " << end.signal << "\n"
+                << end.output;
+            passed = !end.output.empty();
+        }
+}
+
+ISOLATED_TEST(Memchk, Wrappers) {
+    char text[] = "text";
+    dump();
+    memchk_free(nullptr, names[0], 1);
+    memchk_free(malloc(1), names[0], 1);  // Nothing is tracked yet.
+    // Without the block a wrapper returns NULL; without tree, record or node the block, untracked.
+    for (int n : {1, 2, 3, 3}) {
+        fail_allocation = n, errno = 0;
+        void* block = memchk_calloc(1, 1, names[0], 1);
+        fail_allocation = 0;
+        EXPECT_TRUE((n > 1) == (block != nullptr) && errno == ENOMEM) << n;
+        dump();
+        EXPECT_EQ("", dump());
+        memchk_free(block, names[0], 1);
+    }
+    char* copies[] = {static_cast<char*>(memchk_calloc(3, 5, names[0], 1)),
+                      memchk_dup(text, names[0], 2), memchk_n_dup(text, 9, names[0], 2),
+                      memchk_n_dup(text, 2, names[0], 2), memchk_n_dup(text, 0, names[0], 2)};
+    EXPECT_EQ(std::string(15, 0), std::string(copies[0], 15));
+    text[0] = 'n';
+    const char* expected[] = {"", "text", "text", "te", ""};
+    for (int i = 0; i < 5; i++) EXPECT_STREQ(expected[i], copies[i]);
+    dump();
+    EXPECT_EQ(listed(4, "a.c", 2) + listed(1, "a.c", 1), dump());
+    for (int i = 1; i < 5; i++) memchk_free(copies[i], nullptr, 0);
+    free(copies[0]);  // Behind the tracker's back.
+    EXPECT_EQ(listed(1, "a.c", 1), dump());
+}
+
+}  // namespace
