@@ -2,6 +2,14 @@
 # -fsanitize takes it ("address,undefined", "thread"), or "coverage".
 set(TESSRA_INSTRUMENT "" CACHE STRING "Sanitizers, comma separated, or \"coverage\"")
 
+if(TESSRA_BUILD_FUZZERS)
+  if(NOT (CMAKE_CXX_COMPILER_ID MATCHES Clang AND TESSRA_INSTRUMENT))
+    message(FATAL_ERROR "The fuzzers need clang and a sanitizer: cmake --preset fuzz")
+  endif()
+  # The library tells libFuzzer which ways it took.
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
 if(TESSRA_INSTRUMENT STREQUAL "coverage")
   add_compile_options(--coverage)
   add_link_options(--coverage)

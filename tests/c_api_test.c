@@ -4,6 +4,8 @@
  */
 #define _GNU_SOURCE
 #define TESSRA_MEMCHK
+#include <errno.h>
+#include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -11,12 +13,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "tessra/base64.h"
 #include "tessra/binarytree.h"
+#include "tessra/create_pid_file.h"
+#include "tessra/dns.h"
+#include "tessra/error_functions.h"
 #include "tessra/eventloop.h"
 #include "tessra/linkedlist.h"
 #include "tessra/list.h"
 #include "tessra/memchk.h"
 #include "tessra/misc.h"
+#include "tessra/region_locking.h"
 #include "tessra/szip.h"
 
 static int passed, failed;
@@ -140,6 +147,26 @@ static void test_clock(void) {
     unsigned long long ms = event_get_time();
     time_t seconds = event_get_time_sec();
     CHECK(ms / 1000 <= (unsigned long long)seconds && event_get_time() >= ms);
+}
+
+static void test_dns(void) {
+    static char answer[] = "\xC0\x0C\0\1\0\1\0\0\0\0\0\4\1\2\3\4";
+    char message[512 + sizeof answer], name[] = "a.bc", wire[6], *text;
+    struct in_addr address;
+    struct sockaddr_storage any;
+    CHECK(string2name(name, wire) == 6);
+    text = name2string(wire);
+    CHECK(text && strcmp(text, name) == 0);
+    free(text);
+    for (int v6 = 0; v6 < 2; v6++) {
+        CHECK(dns_build_request(message, name, 1, 1, 7) == 22 && read16(message) == 7);
+        CHECK(write16(message + 6, 1) == 2);
+        memcpy(message + 22, answer, sizeof answer);
+        CHECK((v6 ? dns_parse_reply_v6(message, NULL, &any)
+                  : dns_parse_reply(message, NULL, &address)) == 1);
+        CHECK(((dns_header_t*)message)->transaction_id == 7);
+    }
+    CHECK(address.s_addr == htonl(0x01020304) && any.ss_family == AF_INET);
 }
 
 static void test_list_and_mutex(void) {
@@ -292,9 +319,63 @@ static void test_memchk(void) {
     for (int i = 0; i < 4; i++) memchk_free(blocks[i], here, 3);
 }
 
+static void test_base64(void) {
+    char url[] = "+/";
+    uint8_t text[] = "abc", encoded[5], *block;
+    size_t length = sizeof encoded;
+    CHECK(base64_encode(text, 3, encoded, &length) == BASE64_OK && !memcmp(encoded, "YWJj", 5));
+    CHECK(base64_decode(encoded, 3, text, &length) == BASE64_INVALID_PACKET && length == 4);
+    CHECK(base64_encode_alloc(text, 3, &block, &length) == BASE64_OK && length == 4);
+    free(block);
+    CHECK(base64_decode_alloc(encoded, 4, &block, &length) == 0 && !memcmp(block, "abc", 4));
+    free(block);
+    base64_urlsafe(url, 2);
+    CHECK(!strcmp(url, "-_") && !strcmp(base64_err[BASE64_NOMEM], "Out of memory"));
+    base64_unurlsafe(url, 2);
+    CHECK(!strcmp(url, "+/"));
+}
+
+static void test_misc(void) {
+    int major = 7;
+    char* texts[] = {system_output("echo %d", 1), get_fw_printenv("x 2>&1; echo 1"),
+                     get_nrv_printenv("x 2>&1; echo 1")};
+    for (size_t n = 0; n < 3; free(texts[n++])) CHECK(texts[n] && strchr(texts[n], '1'));
+    get_hw_rev(&major, NULL);
+    CHECK(major == 7 && is_mountpoint("/none/such") == 0);
+}
+
+static void test_errors(void) {
+    for (int which = 0, status; which < 7; which++) {
+        if (fork() == 0) {
+            close(STDERR_FILENO);
+            if (which == 0) errExit("%d", which);
+            if (which == 1) err_exit("%d", which);
+            if (which == 2) errExitEN(EIO, "%d", which);
+            if (which == 3) fatal("%d", which);
+            if (which == 4) usageErr("%d\n", which);
+            if (which == 5) cmdLineErr("%d\n", which);
+            errMsg("%d", which);
+            _exit(3);
+        }
+        CHECK(wait(&status) > 0 && status == (which < 6 ? 1 : 3) << 8);
+    }
+}
+
+static void test_locks(void) {
+    char name[] = "/tmp/tessra-c-XXXXXX";
+    const int fd = mkstemp(name), locked = createPidFile("c_api_test", name, PID_FILE_CLOEXEC);
+    CHECK(!lockRegion(fd, F_UNLCK, SEEK_SET, 0, 0) && !lockRegionWait(fd, F_RDLCK, SEEK_SET, 0, 1));
+    CHECK(!regionIsLocked(fd, F_WRLCK, SEEK_SET, 0, 0) && !unlink(name));
+    CHECK(!close(locked) && !close(fd));
+}
+
 int main(void) {
     pid_t child;
     alarm(100); /* Ends it if a loop hangs. */
+    test_base64();
+    test_misc();
+    test_errors();
+    test_locks();
     CHECK(pipe(bytes) == 0 && pipe(held) == 0);
     if ((child = fork()) == 0) {
         close(held[1]);
@@ -305,6 +386,7 @@ int main(void) {
     test_building_blocks();
     test_tables();
     test_memchk();
+    test_dns();
     test_clock();
     test_shell();
     test_zip();

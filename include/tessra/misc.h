@@ -1,6 +1,7 @@
 /**
  * @file misc.h
- * Helpers that every daemon needs: the recursive mutex.
+ * Helpers that every daemon needs: the recursive mutex, output of commands, the device environment,
+ * mount points.
  */
 #ifndef TESSRA_MISC_H
 #define TESSRA_MISC_H
@@ -12,6 +13,11 @@ extern "C" {
 #endif
 
 #pragma GCC visibility push(default)
+
+/**
+ * @name Recursive mutex
+ * @{
+ */
 
 /**
  * A lock that its holder may take again.
@@ -53,6 +59,80 @@ void recursive_mutex_lock(recursive_mutex* tolock);
  * Threads: any; never from a signal handler. Memory: allocates nothing. Blocks: never for long.
  */
 void recursive_mutex_unlock(recursive_mutex* tounlock);
+
+/** @} */
+
+/**
+ * @name Output of commands and the device environment
+ * Threads: any, at the same time. Blocks: each of these waits for a shell; on a loop's thread that
+ * holds up the whole loop.
+ * @{
+ */
+
+/**
+ * Formats a command line, runs it with the shell and returns what it wrote to standard output.
+ *
+ * @param format  printf format of the command line, not null; the text is cut after 1023 characters
+ *                without notice. It goes to a shell: never let foreign text into it unquoted.
+ *
+ * Returns a string that the caller releases with free(). One newline at its end is taken off, no
+ * more. A zero byte in the output is handed over as it is, and so ends the string for the caller.
+ * What a read error cuts off is missing at the end.
+ *
+ * The exit status is dropped: a command that fails, or that doesn't exist, gives what it wrote, as
+ * a rule the empty string. Standard error isn't captured. Returns NULL, with the reason in errno,
+ * if no process could be made or memory ran out; then nothing stays open.
+ *
+ * The command inherits descriptors and signal dispositions as popen() hands them on, without the
+ * care of event_system(): open what it must not have with O_CLOEXEC.
+ *
+ * Memory: the whole output, in steps of 1024 bytes and without a limit; trust the command or let
+ * it end in "| head -c N". Blocks: until the command has closed its output and its shell has ended.
+ * One that leaves a process in the background blocks until that one closes its output, too.
+ */
+char* system_output(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+/**
+ * Returns the value of a variable of the boot loader's environment, read by the tool fw_printenv,
+ * which the shell finds in PATH.
+ *
+ * @param part  the variable's name, not null. Trap: it becomes part of a shell command, unquoted.
+ *              Never pass foreign text.
+ *
+ * Returns and fails as system_output(). A variable or tool that doesn't exist gives "".
+ */
+char* get_fw_printenv(const char* part);
+/** As get_fw_printenv(), trap included, for the variables of the tool nrv_printenv. */
+char* get_nrv_printenv(const char* part);
+
+/**
+ * Reads the hardware revision from the variable "hw_rev" (get_nrv_printenv()): the decimal major
+ * number, any one character, the decimal minor number, as in "2.1".
+ *
+ * @param major  takes the major number; 0 if the text doesn't begin with a number
+ * @param minor  takes the minor number; 0 if what follows the separator is no number. Trap: it
+ *               keeps its value where the text has no minor part, so set it before the call.
+ *
+ * If a pointer is null, nothing happens. If get_nrv_printenv() fails, both numbers are 0. Without
+ * the variable or the tool the text is empty: major 0, minor kept. A number beyond the range of an
+ * int becomes the nearest int.
+ */
+void get_hw_rev(int* major, int* minor);
+
+/** @} */
+
+/**
+ * Returns 1 if @p path is a mount point of the table /etc/mtab, else 0; also 0 if @p path is NULL
+ * or the table can't be read.
+ *
+ * Compares the text with what the table has, no more: no trailing slash, no symbolic link, no
+ * relative path. An entry counts if device and directory lie within the first 4095 bytes of its
+ * line.
+ *
+ * Threads: any, at the same time. Memory: a buffer of 4 KiB on the stack, and the C library's for a
+ * file. Blocks: as long as reading the table takes.
+ */
+int is_mountpoint(const char* path);
 
 #pragma GCC visibility pop
 

@@ -1,0 +1,17 @@
+// The codec against the model. The first byte says how much of the room that it needs the decoder
+// lacks; the rest is a text to decode and bytes to encode.
+#include <cstdlib>
+
+#include "support/base64_model.h"
+
+using namespace tessra_test;
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size == 0) return 0;
+    const std::string in(data + 1, data + size);
+    const size_t most = in.size() / 4 * 3 + 2;
+    if (!decodes_like_model(in, most - data[0] % (most + 1)) || !encodes_like_model(in) ||
+        !decodes_like_model(model_encode(in), in.size()))
+        abort();
+    return 0;
+}

@@ -1,0 +1,173 @@
+// DNS messages: one query, and one walk over a reply that both parsers share.
+
+#include "tessra/dns.h"
+
+#include <arpa/inet.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <cstddef>
+
+namespace tessra {
+
+namespace {
+
+constexpr unsigned int kHeaderBytes = sizeof(dns_header_t);
+constexpr unsigned int kRequestBytes = 512;
+constexpr unsigned int kTextBytes = 256;
+constexpr unsigned short kRecursionDesired = 0x0100;
+constexpr unsigned short kReplyCodeMask = 0x000F;
+
+static_assert(kHeaderBytes == 12 && alignof(dns_header_t) == 1, "laid over any buffer");
+static_assert(offsetof(dns_header_t, f) == 2 && offsetof(dns_header_t, answer_count) == 6);
+
+// RFC 1035, 2.3.4 and 4.2.2. The last one bounds every walk, since no call knows a buffer's end.
+constexpr unsigned int kMaxLabelBytes = 63;
+constexpr unsigned int kMaxNameBytes = 255;
+constexpr unsigned int kMaxMessageBytes = 65535;
+
+constexpr unsigned int kPointer = 0xC0;  // Both bits set in a length byte: RFC 1035, 4.1.4.
+
+// What lies between the names of a message.
+constexpr unsigned int kQuestionTailBytes = 4;  // Type and class.
+constexpr unsigned int kRdlengthOffset = 8;     // Behind type, class and TTL.
+constexpr unsigned int kRecordHeaderBytes = 10;
+
+constexpr unsigned int kTypeA = 1;
+constexpr unsigned int kTypeAaaa = 28;  // RFC 3596
+
+enum class Pointers { kRefused, kAllowed };
+
+// Where an address of a reply goes.
+struct Target {
+    void* v4;
+    void* v6;             // Null passes AAAA over.
+    sa_family_t* family;  // Null if the caller knows it.
+};
+
+unsigned int byte_at(const char* data) { return static_cast<unsigned char>(*data); }
+
+dns_header_t& header_of(char* message) {
+    void* const bytes = message;
+    return *static_cast<dns_header_t*>(bytes);
+}
+
+// The offset behind the name at `at`; 0, which no name ends at, for one that is refused.
+unsigned int skip_name(const char* message, unsigned int at, Pointers pointers) {
+    const unsigned int begin = at;
+    while (at < kMaxMessageBytes && at - begin < kMaxNameBytes) {
+        const unsigned int length = byte_at(message + at);
+        if (length == 0) return at + 1;
+        if (length >= kPointer) return pointers == Pointers::kAllowed ? at + 2 : 0;
+        if (length > kMaxLabelBytes) return 0;
+        at += 1 + length;
+    }
+    return 0;
+}
+
+bool all_zero(const char* data, unsigned int size) {
+    while (size > 0 && *data == 0) data++, size--;
+    return size == 0;
+}
+
+// Stores the address of the record whose data begins at `at`. True if it is a result.
+bool take_address(const char* message, unsigned int at, unsigned int type, const Target& target) {
+    const bool is_v6 = type == kTypeAaaa;
+    const unsigned int size = is_v6 ? sizeof(in6_addr) : sizeof(in_addr);
+    void* address = is_v6 ? target.v6 : type == kTypeA ? target.v4 : nullptr;
+    if (address == nullptr || at + size > kMaxMessageBytes) return false;
+    if (target.family != nullptr) *target.family = is_v6 ? AF_INET6 : AF_INET;
+    memcpy(address, message + at, size);
+    return !all_zero(message + at, size);
+}
+
+// Walks the answers from `at` on. The count in the header goes down with each.
+int find_address(char* rep, unsigned int at, const Target& target) {
+    dns_header_t& header = header_of(rep);
+    while (header.answer_count-- != 0) {
+        at = skip_name(rep, at, Pointers::kAllowed);
+        if (at == 0 || at + kRecordHeaderBytes > kMaxMessageBytes) return 0;
+        const unsigned int type = read16(rep + at);
+        const unsigned int rdlength = read16(rep + at + kRdlengthOffset);
+        at += kRecordHeaderBytes;
+        if (take_address(rep, at, type, target)) return 1;
+        at += rdlength;
+    }
+    return 0;
+}
+
+int parse_reply(char* rep, char** name, const Target& target) {
+    dns_header_t& header = header_of(rep);
+    header.transaction_id = ntohs(header.transaction_id);
+    header.f.raw = ntohs(header.f.raw);
+    header.question_count = ntohs(header.question_count);
+    header.answer_count = ntohs(header.answer_count);
+    if ((header.f.raw & kReplyCodeMask) != 0) return -1;
+    if (header.answer_count == 0) return 0;
+    const unsigned int behind = skip_name(rep, kHeaderBytes, Pointers::kRefused);
+    if (name != nullptr) *name = behind != 0 ? name2string(rep + kHeaderBytes) : nullptr;
+    if (behind == 0) return 0;
+    return find_address(rep, behind + kQuestionTailBytes, target);
+}
+
+}  // namespace
+
+}  // namespace tessra
+
+using namespace tessra;
+
+int string2name(char* s, char* d) {
+    char* const begin = d;
+    for (;;) {
+        const size_t length = strcspn(s, ".");
+        *d++ = static_cast<char>(length);
+        memcpy(d, s, length);
+        d += length;
+        if (s[length] == '\0') break;
+        s += length + 1;
+    }
+    *d++ = '\0';
+    return static_cast<int>(d - begin);
+}
+
+char* name2string(char* p) {
+    char text[kTextBytes];
+    unsigned int used = 0;
+    for (unsigned int length = byte_at(p); length != 0; length = byte_at(p)) {
+        if (used + length >= sizeof text) return nullptr;
+        memcpy(text + used, p + 1, length);
+        used += length;
+        text[used++] = '.';
+        p += 1 + length;
+    }
+    if (used == 0) used = 1;  // The root has no dot to overwrite.
+    text[used - 1] = '\0';
+    auto* copy = static_cast<char*>(malloc(used));
+    if (copy != nullptr) memcpy(copy, text, used);
+    return copy;
+}
+
+int dns_build_request(char* req, char* name, int type, int clss, int trans) {
+    memset(req, 0, kRequestBytes);
+    // Each dot turns into a length byte; the first label's and the zero at the end come on top.
+    if (strlen(name) + 2 > kRequestBytes - kHeaderBytes - kQuestionTailBytes) return 0;
+    dns_header_t& header = header_of(req);
+    header.transaction_id = htons(static_cast<unsigned short>(trans));
+    header.f.raw = htons(kRecursionDesired);
+    header.question_count = htons(1);
+    char* tail = req + kHeaderBytes + string2name(name, req + kHeaderBytes);
+    tail += write16(tail, static_cast<unsigned short>(type));
+    tail += write16(tail, static_cast<unsigned short>(clss));
+    return static_cast<int>(tail - req);
+}
+
+int dns_parse_reply(char* rep, char** name, struct in_addr* addr) {
+    return parse_reply(rep, name, {addr, nullptr, nullptr});
+}
+
+int dns_parse_reply_v6(char* rep, char** name, struct sockaddr_storage* addr) {
+    char* const bytes = reinterpret_cast<char*>(addr);
+    return parse_reply(rep, name,
+                       {bytes + offsetof(sockaddr_in, sin_addr),
+                        bytes + offsetof(sockaddr_in6, sin6_addr), &addr->ss_family});
+}

@@ -1,0 +1,61 @@
+// The locked PID file.
+
+#include "tessra/create_pid_file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "tessra/error_functions.h"
+#include "tessra/region_locking.h"
+
+namespace tessra {
+
+namespace {
+
+int open_pid_file(const char* path) {
+    const int fd = open(path, O_RDWR | O_CREAT, S_IRUSR | S_IWUSR);
+    if (fd == -1) errExit("Could not open PID file %s", path);
+    return fd;
+}
+
+void close_on_exec(int fd, const char* path) {
+    const int flags = fcntl(fd, F_GETFD);
+    if (flags == -1) errExit("Could not get flags for PID file %s", path);
+    if (fcntl(fd, F_SETFD, flags | FD_CLOEXEC) == -1) {
+        errExit("Could not set flags for PID file %s", path);
+    }
+}
+
+void lock_pid_file(int fd, const char* path, const char* program) {
+    if (lockRegion(fd, F_WRLCK, SEEK_SET, 0, 0) != -1) return;
+    if (errno == EAGAIN || errno == EACCES) {
+        fatal("PID file '%s' is locked; probably '%s' is already running", path, program);
+    }
+    errExit("Unable to lock PID file '%s'", path);
+}
+
+void write_pid(int fd, const char* path) {
+    if (ftruncate(fd, 0) == -1) errExit("Could not truncate PID file '%s'", path);
+    char text[100];
+    const int length = snprintf(text, sizeof text, "%ld\n", static_cast<long>(getpid()));
+    if (write(fd, text, static_cast<size_t>(length)) != length) {
+        fatal("Writing to PID file '%s'", path);
+    }
+}
+
+}  // namespace
+
+}  // namespace tessra
+
+int createPidFile(const char* progName, const char* pidFile, int flags) {
+    const int fd = tessra::open_pid_file(pidFile);
+    if ((flags & PID_FILE_CLOEXEC) != 0) tessra::close_on_exec(fd, pidFile);
+    // Truncated only once the lock is won: a second instance leaves the first one's number alone.
+    tessra::lock_pid_file(fd, pidFile, progName);
+    tessra::write_pid(fd, pidFile);
+    return fd;
+}

@@ -1,0 +1,257 @@
+/**
+ * @file misc_test.cpp
+ * Output of commands, the device environment, mount points, error lines, PID file and locks.
+ */
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <mntent.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "support/harness.h"
+#include "tessra/create_pid_file.h"
+#include "tessra/error_functions.h"
+#include "tessra/misc.h"
+#include "tessra/region_locking.h"
+
+using namespace tessra_test;
+
+namespace {
+
+int fail_realloc;  // As fail_allocation.
+FILE* mount_table;
+
+std::string owned(char* text) {
+    const std::string copy = text ? text : "null";
+    free(text);
+    return copy;
+}
+
+/** A file of its own, gone at the end. */
+struct TempFile {
+    explicit TempFile(const std::string& text) {
+        close(mkstemp(&path[0]));
+        std::ofstream(path) << text;
+    }
+    ~TempFile() { unlink(name()); }
+    const char* name() const { return path.c_str(); }
+    std::string text() const { return (std::stringstream() << std::ifstream(path).rdbuf()).str(); }
+    std::string path = "/tmp/tessra-misc-XXXXXX";
+};
+
+}  // namespace
+
+extern "C" {
+void* realloc(void* block, size_t size) __THROW {
+    static const auto real = reinterpret_cast<decltype(&realloc)>(dlsym(RTLD_NEXT, "realloc"));
+    return fail_realloc != 0 && --fail_realloc == 0 ? (errno = ENOMEM, nullptr) : real(block, size);
+}
+FILE* setmntent(const char* path, const char*) __THROW {
+    return strcmp(path, "/etc/mtab") == 0 ? mount_table : nullptr;
+}
+}
+
+namespace {
+
+TEST(SystemOutput, OutputIsCutOrChanged) {
+    for (const int size : {0, 1023, 1024, 1025, 2048})
+        EXPECT_EQ(std::string(static_cast<size_t>(size), 'x'),
+                  owned(system_output("head -c %d /dev/zero | tr '\\0' x", size)));
+    const std::string x(2000, 'x');
+    const std::string rows[][2] = {
+        {"printf 'a\\nb\\n\\n'", "a\nb\n"}, {"printf '\\n'", ""},    {"printf 'a\\0b'", "a"},
+        {"/none 2>/dev/null", ""},          {"echo 1; exit 3", "1"}, {"echo " + x, x.substr(982)}};
+    for (const auto& row : rows) EXPECT_EQ(row[1], owned(system_output("%s", row[0].c_str())));
+}
+
+TEST(SystemOutput, FailureLeavesSomethingOrHidesItsReason) {
+    const int open_before = open_descriptors();
+    for (int n = 1; n <= 2; n++) {
+        for (int* fail : {&fail_allocation, &fail_realloc}) {
+            *fail = n;  // The first or second block; the second calloc() or malloc() is popen()'s.
+            EXPECT_TRUE(system_output("yes | head -c 5000") == nullptr && errno == ENOMEM) << n;
+        }
+    }
+    EXPECT_TRUE(open_descriptors() == open_before && waitpid(-1, nullptr, WNOHANG) == -1);
+}
+
+ISOLATED_TEST(DeviceEnvironment, VariableOrRevisionIsReadWrongly) {
+    const TempFile fw("a=1\nname=x=y\n");
+    setenv("PATH", (std::string(TESSRA_TOOLS ":") + getenv("PATH")).c_str(), 1);
+    setenv("TESSRA_FW_ENV", fw.name(), 1);
+    EXPECT_EQ("x=y", owned(get_fw_printenv("name")));
+    const struct {
+        const char* value;
+        int major, minor;
+    } rows[] = {{"2.1", 2, 1}, {"2-10", 2, 10},
+                {"3", 3, 7},   {"3.", 3, 7},
+                {"4.x", 4, 0}, {"x5", 0, 5},
+                {"", 0, 7},    {"99999999999.-99999999999", INT_MAX, INT_MIN}};
+    for (const auto& row : rows) {
+        const TempFile nrv(std::string("hw_rev=") + row.value);
+        setenv("TESSRA_NRV_ENV", nrv.name(), 1);
+        int major = 7, minor = 7;
+        get_hw_rev(&major, &minor);
+        EXPECT_TRUE(major == row.major && minor == row.minor) << row.value << major << ' ' << minor;
+        fail_allocation = 1;
+        get_hw_rev(&major, &minor);
+        EXPECT_TRUE(major == 0 && minor == 0);
+    }
+}
+
+TEST(MountPoint, PathIsFoundOrMissed) {
+    const TempFile table("dev / ext4 rw 0 0\n#dev /no ext4 rw 0 0\ndev /a\\040b ext4 rw 0 0\n");
+    for (const char* path : {"+/", "+/a b", "-/a b/", "-/a", "-/no", "-"}) {
+        mount_table = fopen(table.name(), "r");
+        EXPECT_EQ(*path == '+', is_mountpoint(path + 1)) << path;
+    }
+    mount_table = nullptr;
+    EXPECT_TRUE(is_mountpoint("/") == 0 && is_mountpoint(nullptr) == 0);
+}
+
+// The names against those of the C library.
+TEST(Errors, NameOrErrnoIsWrong) {
+    std::string expected;
+    for (int n = -1; n <= 135; n++) {
+        const char* known = n > 0 && n < 134 ? strerrorname_np(n) : "?UNKNOWN?";
+        std::string name = known ? known : "";
+        name += n == EAGAIN ? "/EWOULDBLOCK" : n == EDEADLK ? "/EDEADLOCK" : "";
+        if (n == EOPNOTSUPP) name = "EOPNOTSUPP/ENOTSUP";
+        expected += "ERROR [" + name + ' ' + strerror(n) + "] number " + std::to_string(n) + '\n';
+    }
+    const ChildEnd end = run_child([] {
+        for (int n = -1; n <= 136; n++) {
+            if (n == 136) close(STDERR_FILENO);
+            errno = n;
+            errMsg("number %d", n);
+            EXPECT_EQ(n, errno);
+        }
+    });
+    EXPECT_TRUE(end.completed);
+    EXPECT_EQ(expected, end.output);
+}
+
+TEST(Errors, LineOrEndIsWrong) {
+    const std::string x(600, 'x');
+    const char* const many = x.c_str();
+    const struct {
+        Step body;
+        std::string output;
+        const char* core = "";  // Of the environment.
+    } rows[] = {
+        {[] { errExit("open %s", "f"); }, "outERROR [ENOENT No such file or directory] open f\n"},
+        {[] { err_exit("%d", 1); }, "ERROR [ENOENT No such file or directory] 1\n"},
+        {[] { err_exit("e"); }, "ERROR [ENOENT No such file or directory] e\n", "0"},
+        {[] { errExitEN(EIO, "e"); }, "outERROR [EIO Input/output error] e\n"},
+        {[] { fatal("f"); }, "outERROR: f\n", "1"},
+        {[=] { fatal("%s", many); }, "outERROR: " + x.substr(0, 492)},
+        {[=] { fatal("%.491s", many); }, "outERROR: " + x.substr(0, 491) + "\n"},
+        {[] { usageErr("%s -x\n", "prog"); }, "outUsage: prog -x\n"},
+        {[=] { cmdLineErr("%s", many); }, "outCommand-line usage error: " + x},
+    };
+    for (const auto& row : rows) {
+        const ChildEnd end = run_child([&row] {
+            setenv("EF_DUMPCORE", row.core, 1);
+            printf("out");
+            errno = ENOENT;
+            row.body();
+        });
+        EXPECT_EQ(row.output, end.output);
+        EXPECT_EQ(*row.core ? SIGABRT : 0, end.signal) << row.output;
+        EXPECT_EQ(*row.core ? -1 : 1, end.exit_code) << row.output;
+    }
+}
+
+/** A process that has done something, told of it by one byte, and waits for its end. */
+struct Holder {
+    explicit Holder(const std::function<void(int)>& body)
+        : pid(fork_process([&] { body(done.out), pause(); })), told(read(done.in, &answer, 1)) {}
+    ~Holder() { kill(pid, SIGKILL), waitpid(pid, nullptr, 0); }
+    Pipe done;
+    char answer = 0;
+    pid_t pid;
+    ssize_t told;
+};
+
+ISOLATED_TEST(PidFile, SecondInstanceStartsOrOldNumberStays) {
+    const TempFile file("12345678901234567890\nmore\n");
+    const std::string locked =
+        "ERROR: PID file '" + file.path + "' is locked; probably 'prog' is already running\n";
+    for (const int flags : {0, 1}) {
+        const Holder first([&](int done) {
+            createPidFile("prog", file.name(), flags);
+            dup2(done, STDOUT_FILENO);
+            execl("/bin/sh", "sh", "-c", "echo; exec sleep 100", nullptr);
+        });
+        const std::string number = std::to_string(first.pid) + "\n";
+        EXPECT_EQ(number, file.text());
+        const ChildEnd second = run_child([&] { createPidFile("prog", file.name(), 6); });
+        EXPECT_EQ(flags == 0 ? locked : "", second.output);
+        EXPECT_EQ(flags == 0, second.exit_code == 1 && file.text() == number);
+    }
+    unlink(file.name());
+    umask(0);
+    struct stat info;
+    EXPECT_TRUE(fstat(createPidFile("", file.name(), 0), &info) == 0 && info.st_mode == 0100600);
+}
+
+TEST(PidFile, FailureHasAnotherMessage) {
+    const int fd = memfd_create("pid", MFD_ALLOW_SEALING);
+    fcntl(fd, F_ADD_SEALS, F_SEAL_WRITE);
+    const std::string sealed = "/proc/self/fd/" + std::to_string(fd);
+    const std::pair<std::string, std::string> rows[] = {
+        {"/none/such",
+         "ERROR [ENOENT No such file or directory] Could not open PID file /none/such\n"},
+        {"/dev/full", "ERROR [EINVAL Invalid argument] Could not truncate PID file '/dev/full'\n"},
+        {sealed, "ERROR: Writing to PID file '" + sealed + "'\n"}};
+    for (const auto& [path, output] : rows)
+        EXPECT_EQ(output, run_child([&p = path] { createPidFile("", p.c_str(), 1); }).output);
+}
+
+ISOLATED_TEST(RegionLocks, RegionIsLockedOtherwise) {
+    const TempFile file(std::string(100, 'x'));
+    const int fd = open(file.name(), O_RDWR);
+    lseek(fd, 50, SEEK_SET);
+    const Holder holder([&](int done) {
+        const int own = open(file.name(), O_RDWR);
+        struct flock plain = {F_WRLCK, SEEK_SET, 10, 10, 0};  // So that a common shift shows.
+        const bool locked = !fcntl(own, F_SETLK, &plain) &&
+                            !lockRegionWait(own, F_RDLCK, SEEK_SET, 30, 10) &&
+                            !lockRegion(own, F_WRLCK, SEEK_END, -10, 0) &&
+                            !lockRegion(own, F_UNLCK, SEEK_SET, 10, 1) &&
+                            !regionIsLocked(own, F_WRLCK, SEEK_SET, 0, 0);
+        EXPECT_EQ(1, write(done, locked ? "y" : "n", 1));
+    });
+    EXPECT_EQ('y', holder.answer);
+    const struct {
+        int type, whence, start, len;
+        bool held;
+    } rows[] = {{F_WRLCK, SEEK_SET, 0, 11, false},    {F_WRLCK, SEEK_SET, 11, 1, true},
+                {F_RDLCK, SEEK_SET, 19, 1, true},     {F_RDLCK, SEEK_SET, 20, 20, false},
+                {F_WRLCK, SEEK_CUR, -20, 1, true},    {F_WRLCK, SEEK_CUR, -10, 50, false},
+                {F_RDLCK, SEEK_SET, 100000, 1, true}, {F_WRLCK, SEEK_SET, 50, 0, true}};
+    for (const auto& [type, whence, start, len, held] : rows) {
+        EXPECT_EQ(held ? holder.pid : 0, regionIsLocked(fd, type, whence, start, len)) << start;
+        EXPECT_EQ(held ? -1 : 0, lockRegion(fd, type, whence, start, len)) << start;
+        EXPECT_TRUE(!held || errno == EAGAIN || errno == EACCES);
+    }
+    EXPECT_EQ(-2, lockRegion(-1, F_WRLCK, 0, 0, 0) + regionIsLocked(-1, F_WRLCK, 0, 0, 0));
+    // A wait is what a signal interrupts.
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, nullptr);
+    const pid_t pest = fork_process([parent = getpid()] {
+        while (kill(parent, SIGUSR1) == 0) sched_yield();
+    });
+    EXPECT_TRUE(lockRegionWait(fd, F_WRLCK, SEEK_SET, 11, 9) == -1 && errno == EINTR);
+    kill(pest, SIGKILL);
+}
+
+}  // namespace
