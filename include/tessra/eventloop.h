@@ -289,6 +289,8 @@ typedef void (*signal_handler_t)(int signal, siginfo_t* info, void* arg);
  * From now to the end of the process the signal is caught (SA_SIGINFO, SA_RESTART) and its default
  * action doesn't happen any more, not even while no loop runs: what arrives then is dropped. Every
  * running loop gets each caught signal and runs its own watchers of it, in order of adding.
+ * Of signals that come faster than a loop takes them it keeps about 500; beyond that, as the kernel
+ * does for a blocked signal, one of each number, the first, which may run before earlier others.
  * Failure: ENOMEM; EINVAL for a number outside 1 to 31. SIGKILL and SIGSTOP can't be caught: the
  * watcher stays and never runs, errno is EINVAL.
  * Threads: any; on another thread than the loop's it waits for running handlers.

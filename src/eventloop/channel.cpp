@@ -3,6 +3,7 @@
 // The channel is a FIFO that exists only as a pair of descriptors. Messages are '-' (look again)
 // and 'S' plus a signal number, followed by that signal's siginfo_t. A message is written with a
 // single write() below PIPE_BUF, so it is in the channel whole or not at all and never interleaved.
+// A signal that finds the channel full is kept beside it; see pending_signals.h.
 //
 // The catcher runs in signal context, on any thread, at any instant, and takes no lock. What keeps
 // it from a freed context or a closed descriptor:
@@ -192,6 +193,7 @@ bool channel_start(event_loop_ctx_t& el_ctx) {
     }
     forget_loops_of_parent_locked();
     if (!open_channel_locked(el_ctx)) return false;
+    el_ctx.pending->clear();
     el_ctx.in_loop = true;
     el_ctx.async_loop_started.store(1);
     el_ctx.eloopthread.store(pthread_self());
@@ -221,11 +223,6 @@ void ping_eventloop(event_loop_ctx_tp el_ctx, char data) {
     if (fd != kNoFd) (void)!write(fd, &data, 1);
 }
 
-int signal_of_message(unsigned char byte) {
-    const int number = byte - kSignalBase;
-    return number >= 1 && number <= kMaxSignal ? number : 0;
-}
-
 void channel_send_signal(int sig, const siginfo_t& info) {
     if (loops_pid.load() != getpid()) return;
     SignalMessage message;
@@ -237,16 +234,19 @@ void channel_send_signal(int sig, const siginfo_t& info) {
         auto* el_ctx = reinterpret_cast<event_loop_ctx_t*>(node);
         node = load_next(*node);
         const int fd = el_ctx->ping_fd.load();
-        if (fd != kNoFd) (void)!write(fd, &message, sizeof message);
+        if (fd == kNoFd || write(fd, &message, sizeof message) == sizeof message) continue;
+        el_ctx->pending->keep(sig, info);
+        // By now the channel may be empty and the loop asleep. If it is still full, it isn't.
+        (void)!write(fd, &kWakeUp, 1);
     }
 }
 
-bool channel_take_byte(const event_loop_ctx_t& el_ctx, unsigned char& byte) {
-    return read_exactly(el_ctx.pong_fd, &byte, sizeof byte);
-}
-
-bool channel_take_siginfo(const event_loop_ctx_t& el_ctx, siginfo_t& info) {
-    return read_exactly(el_ctx.pong_fd, &info, sizeof info);
+int channel_take_message(const event_loop_ctx_t& el_ctx, siginfo_t& info) {
+    unsigned char byte = 0;
+    if (!read_exactly(el_ctx.pong_fd, &byte, sizeof byte)) return 0;
+    const int signal = byte - kSignalBase;
+    if (signal < 1 || signal > kMaxSignal) return 0;
+    return read_exactly(el_ctx.pong_fd, &info, sizeof info) ? signal : 0;
 }
 
 }  // namespace tessra

@@ -7,6 +7,18 @@
 
 namespace tessra {
 
+namespace {
+
+constinit PendingSignals default_pending = {};
+
+// A context of event_mc_init().
+struct OwnContext {
+    event_loop_ctx_t context;
+    PendingSignals pending;
+};
+
+}  // namespace
+
 // Clang takes the address of a member inside its own initialiser for a use of its value.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wuninitialized"
@@ -27,6 +39,8 @@ constinit event_loop_ctx_t default_el_ctx = {
     .do_events_reentrance = 0,
     .in_loop = false,
     .watched = {.sets = {}, .max_fd = kNoFd, .has_unselected = false, .stale = true},
+    .pending = &default_pending,
+    .pending_turn = false,
 };
 #pragma GCC diagnostic pop
 
@@ -35,12 +49,14 @@ constinit event_loop_ctx_t default_el_ctx = {
 using namespace tessra;
 
 event_loop_ctx_tp event_mc_init(void) {
-    void* block = calloc(1, sizeof(event_loop_ctx_t));
+    void* block = calloc(1, sizeof(OwnContext));
     if (block == nullptr) {
         errno = ENOMEM;
         return nullptr;
     }
-    auto* ctx = new (block) event_loop_ctx_t{};
+    auto* own = new (block) OwnContext{};
+    event_loop_ctx_t* ctx = &own->context;
+    ctx->pending = &own->pending;
     list_init(&ctx->timer_queue);
     list_init(&ctx->fd_queue);
     list_init(&ctx->process_queue);

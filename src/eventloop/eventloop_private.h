@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "eventloop/pending_signals.h"
 #include "internal/assumptions.h"
 #include "internal/guards.h"
 #include "tessra/eventloop.h"
@@ -24,7 +25,6 @@ using Milliseconds = long long unsigned int;
 inline const pthread_t kNoThread = (pthread_t)-1;
 constexpr int kNoFd = -1;
 constexpr char kWakeUp = '-';
-constexpr int kMaxSignal = 31;  // What the first byte of a signal message has room for.
 
 // The three sets of select(), as built from the descriptor watchers or as select() returned them.
 struct SelectSets {
@@ -61,6 +61,8 @@ struct event_loop_ctx {
     int do_events_reentrance;           // The loop's thread only.
     bool in_loop;  // From a start to the end of its run, beyond a cancel. Guarded by channel.cpp.
     tessra::WatchedSets watched;
+    tessra::PendingSignals* pending;  // Beside the context; for as long as it lives.
+    bool pending_turn;  // Let one of them go before the next message. The loop's thread only.
 };
 
 namespace tessra {
@@ -112,11 +114,9 @@ void channel_end(event_loop_ctx_t& el_ctx);
 // Closes what a failed start has left open.
 void channel_discard_leftover(event_loop_ctx_t& el_ctx);
 void ping_eventloop(event_loop_ctx_tp el_ctx, char data);
-bool channel_take_byte(const event_loop_ctx_t& el_ctx, unsigned char& byte);
-bool channel_take_siginfo(const event_loop_ctx_t& el_ctx, siginfo_t& info);
+// Takes a message, and returns the number of its signal; 0 for a wake-up or nothing.
+int channel_take_message(const event_loop_ctx_t& el_ctx, siginfo_t& info);
 void channel_send_signal(int sig, const siginfo_t& info);
-// The signal number that a message's first byte announces, or 0 for a byte that announces none.
-int signal_of_message(unsigned char byte);
 
 // timers.cpp
 bool timer_add(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg, Milliseconds timeout);

@@ -19,24 +19,27 @@ void follow_clock_jump(event_loop_ctx_tp el_ctx, Milliseconds older, Millisecond
     if (before > after || after > before + kLargestPause) update_timers(el_ctx, after - before);
 }
 
-// Takes at most one message from the channel.
-void take_message_locked(event_loop_ctx_tp el_ctx) {
-    unsigned char byte = 0;
-    if (!channel_take_byte(*el_ctx, byte)) return;
-    const int signal = signal_of_message(byte);
-    if (signal == 0) return;
+// Takes at most one message from the channel, and runs at most one signal. Those that are kept
+// beside a full channel go when the message was a wake-up, and take turns with other signals.
+void take_message_locked(event_loop_ctx_tp el_ctx, bool has_message) {
     siginfo_t info;
-    if (channel_take_siginfo(*el_ctx, info)) run_signal_watchers_locked(el_ctx, signal, info);
+    int signal = 0;
+    if (has_message && !(el_ctx->pending_turn && el_ctx->pending->any())) {
+        signal = channel_take_message(*el_ctx, info);
+    }
+    el_ctx->pending_turn = signal != 0;
+    if (signal == 0) signal = el_ctx->pending->take(info);
+    if (signal != 0) run_signal_watchers_locked(el_ctx, signal, info);
 }
 
 // One pass over what select() returned: `ready_count` bits in `ready`.
 void event_handle_events(event_loop_ctx_tp el_ctx, const SelectSets& ready, int ready_count) {
-    if (ready_count > 0) {
+    if (ready_count > 0 || el_ctx->pending->any()) {
         const RecursiveLock lock(el_ctx->eventlists_mutex);
         const bool has_message = FD_ISSET(el_ctx->pong_fd, &ready.read);
         // Marked watchers can't be waiting for this walk: it reaps within the pass what it marks.
         if (ready_count > (has_message ? 1 : 0)) run_ready_descriptors_locked(el_ctx, ready);
-        if (has_message) take_message_locked(el_ctx);
+        take_message_locked(el_ctx, has_message);
     }
     run_due_timers(el_ctx);
 }
@@ -48,6 +51,7 @@ void iterate(event_loop_ctx_tp el_ctx, Milliseconds& ptime) {
 
     timeval storage;
     timeval* timeout = timer_timeout(el_ctx, ntime, storage);
+    if (el_ctx->pending->any()) *(timeout = &storage) = {};
     SelectSets sets;
     const int max_fd = fill_select_sets(el_ctx, sets);
     const int count = select(max_fd + 1, &sets.read, &sets.write, &sets.except, timeout);
@@ -116,7 +120,7 @@ int do_events_mc(event_loop_ctx_tp el_ctx, unsigned int timeout) {
     ++el_ctx->do_events_reentrance;
     // Not normalised into seconds: the kernel takes any count of microseconds.
     timeval wait = {};
-    const unsigned int microseconds = timeout * 1000;
+    const unsigned int microseconds = el_ctx->pending->any() ? 0 : timeout * 1000;
     wait.tv_usec = static_cast<decltype(wait.tv_usec)>(microseconds);
     SelectSets sets;
     const int max_fd = fill_select_sets(el_ctx, sets);
