@@ -4,11 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
-#include <utility>
+#include <vector>
 
 #include "log.h"
 
@@ -72,13 +71,18 @@ void log_left_out(const std::string& path) {
 
 /** The paths of the entries, and the directories that are still to be looked into. */
 struct Listing {
-    std::vector<std::string> entries;
-    std::vector<std::string> folders;
+    TextTree entries{checked(BT_create(compare_texts))};
+    PointerList folders{checked(LL_create())};  ///< Texts of the tree, and the base.
 
+    // What is there already, since it was named twice, has been looked into as well.
     void take(const std::string& path, const struct stat& info) {
-        entries.push_back(path);
+        Text text = copy(path);
+        if (!enter(*entries, text.get(), text.get())) {
+            return;
+        }
+        char* entry = text.release();
         if (S_ISDIR(info.st_mode)) {
-            folders.push_back(path);
+            push(*folders, entry);
         }
     }
 };
@@ -98,12 +102,11 @@ void take_found(Listing& listing, const std::string& path) {
 
 // Looks into the directories one after another, until no new ones turn up.
 bool walk(Listing& listing) {
-    while (!listing.folders.empty()) {
-        const std::string path = std::move(listing.folders.back());
-        listing.folders.pop_back();
+    while (listing.folders->itemcount != 0) {
+        const std::string path = static_cast<const char*>(LL_pop(listing.folders.get()));
         Folder folder(path);
         while (const char* name = folder.is_open() ? folder.next() : nullptr) {
-            if (listing.entries.size() >= kMaxBundleEntries) {
+            if (listing.entries->itemcount >= kMaxBundleEntries) {
                 log_line("bundle: refused, more than %zu entries", kMaxBundleEntries);
                 return false;
             }
@@ -116,7 +119,7 @@ bool walk(Listing& listing) {
     return true;
 }
 
-bool take_named(Listing& listing, const BundleSettings& settings, const std::string& name) {
+bool take_named(Listing& listing, const BundleSettings& settings, std::string_view name) {
     const std::string path = name == "." ? settings.base : join(settings.base, name);
     struct stat info;
     const bool known = stat(path.c_str(), &info) == 0;
@@ -129,35 +132,29 @@ bool take_named(Listing& listing, const BundleSettings& settings, const std::str
         return false;
     }
     if (name == ".") {
-        listing.folders.push_back(path);  // The base has no name in the archive.
+        push(*listing.folders, const_cast<char*>(settings.base.c_str()));  // Isn't an entry.
     } else {
         listing.take(path, info);
     }
     return true;
 }
 
-bool list_entries(const BundleSettings& settings, std::vector<std::string>& entries) {
-    Listing listing;
-    for (const std::string& name : settings.paths) {
-        if (!take_named(listing, settings, name) || !walk(listing)) {
+bool list_entries(const BundleSettings& settings, Listing& listing) {
+    for (const LinkedListElement* path = settings.paths->head; path != nullptr; path = path->next) {
+        if (!take_named(listing, settings, static_cast<char*>(path->value)) || !walk(listing)) {
             return false;
         }
     }
-    entries = std::move(listing.entries);
-    std::sort(entries.begin(), entries.end());
-    entries.erase(std::unique(entries.begin(), entries.end()), entries.end());
-    if (entries.empty()) {
+    if (listing.entries->itemcount == 0) {
         log_line("bundle: refused, nothing is in it");
     }
-    return !entries.empty();
+    return listing.entries->itemcount != 0;
 }
 
-szip_info_t* plan_entries(const BundleSettings& settings, const std::vector<std::string>& entries) {
+szip_info_t* plan_entries(const BundleSettings& settings, BinaryTree& entries) {
     std::vector<const char*> files;
-    files.reserve(entries.size());
-    for (const std::string& entry : entries) {
-        files.push_back(entry.c_str());
-    }
+    files.reserve(entries.itemcount);
+    for_each<const char>(entries, [&files](const char* path) { files.push_back(path); });
     return szip_create_info(files.data(), static_cast<unsigned int>(files.size()),
                             settings.base.c_str(), settings.base.c_str());
 }
@@ -166,11 +163,11 @@ szip_info_t* plan_entries(const BundleSettings& settings, const std::vector<std:
 
 szip_info_t* plan_bundle(const BundleSettings& settings) {
     for (unsigned int plans = 1;; ++plans) {
-        std::vector<std::string> entries;
-        if (!list_entries(settings, entries)) {
+        Listing listing;
+        if (!list_entries(settings, listing)) {
             return nullptr;
         }
-        szip_info_t* info = plan_entries(settings, entries);
+        szip_info_t* info = plan_entries(settings, *listing.entries);
         if (info != nullptr) {
             return info;
         }

@@ -2,17 +2,19 @@
 #ifndef BUNDLED_BUNDLE_H
 #define BUNDLED_BUNDLE_H
 
+#include <cstddef>
 #include <string>
-#include <vector>
 
 #include <tessra/szip.h>
+
+#include "containers.h"
 
 namespace bundled {
 
 struct BundleSettings {
-    std::string base = "/";          ///< Absolute; what follows it makes the names in the archive.
-    std::vector<std::string> paths;  ///< Files and directories from the base on, "." for itself.
-    unsigned int streams = 4;        ///< How many bundles may be under way at a time.
+    std::string base = "/";  ///< Absolute; what follows it makes the names in the archive.
+    TextList paths{checked(LL_create())};  ///< Files and directories below it, "." for itself.
+    unsigned int streams = 4;              ///< How many bundles may be under way at a time.
 };
 
 constexpr std::size_t kMaxBundleEntries = 100000;

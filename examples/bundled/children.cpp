@@ -25,10 +25,11 @@
 
 #include "descriptor.h"
 #include "log.h"
+#include "tracking.h"
 
 namespace bundled {
 
-struct Child {
+struct Child : Tracked {
     explicit Child(ChildRunner& owner);
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
@@ -308,7 +309,7 @@ Child* ChildRunner::start(const ChildTask& task, const ChildLimits& limits, Chil
         errno = EAGAIN;
         return nullptr;
     }
-    auto* child = new Child(*this);
+    auto* child = new (here()) Child(*this);
     child->max_output = limits.output_bytes;
     if (!fork_and_watch(child, task, limits.time_ms)) {
         const int error = errno;
@@ -318,7 +319,6 @@ Child* ChildRunner::start(const ChildTask& task, const ChildLimits& limits, Chil
     }
     child->done = done;
     child->done_arg = arg;
-    ++started_;
     return child;
 }
 

@@ -74,14 +74,12 @@ public:
     /** Kills @p child; its done handler isn't called any more. */
     static void abandon(Child* child);
 
-    unsigned int started() const { return started_; }
     unsigned int running() const { return running_; }
 
 private:
     friend struct Child;
 
     list_t children_;
-    unsigned int started_ = 0;
     unsigned int running_ = 0;
 };
 

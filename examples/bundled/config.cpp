@@ -3,8 +3,10 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <utility>
 
 #include "descriptor.h"
@@ -14,8 +16,11 @@ namespace bundled {
 namespace {
 
 constexpr std::size_t kMaxFileBytes = 65536;
-constexpr std::size_t kMaxCommands = 64;
+constexpr int kMaxCommands = 64;
 constexpr std::string_view kCommandPrefix = "command.";
+constexpr std::string_view kFlags[] = {"verbose", "leak"};
+
+TextTable no_commands() { return TextTable(checked(hashtable_alloc(kMaxCommands))); }
 
 std::string_view trimmed(std::string_view text) {
     constexpr std::string_view kBlank = " \t\r";
@@ -32,18 +37,23 @@ bool is_command_name(std::string_view name) {
     return !name.empty() && name.find_first_not_of(kAllowed) == std::string_view::npos;
 }
 
-bool add_command(std::vector<NamedCommand>& commands, std::string_view name,
-                 std::string_view line) {
-    if (!is_command_name(name) || line.empty() || commands.size() >= kMaxCommands) {
+bool add_command(hashtable_t& commands, std::string_view name, std::string_view line) {
+    Text key = copy(name);
+    if (!is_command_name(name) || line.empty() || hashtable_count(&commands) >= kMaxCommands ||
+        str_hashtable_count(&commands, key.get()) != 0) {
         return false;
     }
-    for (const NamedCommand& known : commands) {
-        if (known.name == name) {
-            return false;
-        }
-    }
-    commands.push_back({std::string(name), std::string(line)});
+    put(commands, std::move(key), copy(line));
     return true;
+}
+
+bool set_flag(hashtable_t& flags, std::string_view name) {
+    if (std::find(std::begin(kFlags), std::end(kFlags), name) == std::end(kFlags)) {
+        return false;
+    }
+    const std::string flag(name);
+    named_flag_set(&flags, flag.c_str());
+    return named_flag_has(&flags, flag.c_str()) != 0;
 }
 
 bool is_below_base(std::string_view path) {
@@ -60,14 +70,16 @@ bool is_below_base(std::string_view path) {
     }
 }
 
-bool add_bundle_path(std::vector<std::string>& paths, std::string_view path) {
+bool add_bundle_path(LinkedList& paths, std::string_view path) {
     if (path.size() > 1 && path.back() == '/') {
         path.remove_suffix(1);
     }
     if (path != "." && !is_below_base(path)) {
         return false;
     }
-    paths.emplace_back(path);
+    Text text = copy(path);
+    push(paths, text.get());
+    (void)text.release();
     return true;
 }
 
@@ -80,7 +92,7 @@ bool set_bundle_base(std::string& base, std::string_view path) {
 }
 
 bool apply_setting(std::string_view key, std::string_view value, Config& config,
-                   std::vector<NamedCommand>& commands) {
+                   hashtable_t& commands) {
     if (key == "greeting") {
         config.greeting = value;
         return true;
@@ -98,10 +110,13 @@ bool apply_setting(std::string_view key, std::string_view value, Config& config,
         return set_bundle_base(config.bundle.base, value);
     }
     if (key == "bundle") {
-        return add_bundle_path(config.bundle.paths, value);
+        return add_bundle_path(*config.bundle.paths, value);
     }
     if (key == "bundle-streams") {
         return parse_number(value, kMaxBundleStreams, config.bundle.streams);
+    }
+    if (key == "flag") {
+        return set_flag(*config.flags, value);
     }
     if (key.substr(0, kCommandPrefix.size()) == kCommandPrefix) {
         return add_command(commands, key.substr(kCommandPrefix.size()), value);
@@ -109,7 +124,7 @@ bool apply_setting(std::string_view key, std::string_view value, Config& config,
     return false;
 }
 
-bool apply_line(std::string_view line, Config& config, std::vector<NamedCommand>& commands) {
+bool apply_line(std::string_view line, Config& config, hashtable_t& commands) {
     line = trimmed(line);
     if (line.empty() || line.front() == '#') {
         return true;
@@ -140,6 +155,13 @@ bool read_all(int fd, std::string& text) {
 
 }  // namespace
 
+TextTable built_in_commands() {
+    TextTable commands = no_commands();
+    put(*commands, copy("hello"), copy("echo hello"));
+    put(*commands, copy("uname"), copy("uname -sr"));
+    return commands;
+}
+
 bool parse_number(std::string_view text, unsigned int max, unsigned int& value) {
     unsigned long long number = 0;
     for (const char c : text) {
@@ -159,16 +181,16 @@ bool parse_number(std::string_view text, unsigned int max, unsigned int& value) 
 }
 
 bool parse_config(std::string_view text, Config& config, std::string& error) {
-    std::vector<NamedCommand> commands;
+    TextTable commands = no_commands();
     for (unsigned int number = 1; !text.empty(); ++number) {
         const std::size_t end = text.find('\n');
-        if (!apply_line(text.substr(0, end), config, commands)) {
+        if (!apply_line(text.substr(0, end), config, *commands)) {
             error = "line " + std::to_string(number) + " is not a valid setting";
             return false;
         }
         text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
     }
-    if (!commands.empty()) {
+    if (hashtable_count(commands.get()) != 0) {
         config.commands = std::move(commands);
     }
     return true;
@@ -196,15 +218,6 @@ bool load_config(const char* path, Config& config, std::string& error) {
         return false;
     }
     return parse_config(text, config, error);
-}
-
-const NamedCommand* find_command(const Config& config, std::string_view name) {
-    for (const NamedCommand& command : config.commands) {
-        if (command.name == name) {
-            return &command;
-        }
-    }
-    return nullptr;
 }
 
 }  // namespace bundled

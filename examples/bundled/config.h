@@ -11,6 +11,8 @@
  *     bundle = notes.txt      a file or a directory with all below it, from the base on
  *     bundle = photos         one line for each
  *     bundle-streams = 4      how many bundles may be under way
+ *     flag = verbose          logs each request
+ *     flag = leak             forgets a block with each greeting, for a look at /leaks
  *
  * Blank lines and lines that begin with # count for nothing. A command's line goes to /bin/sh -c;
  * the commands of a file replace the built-in ones. A bundle's path is relative to the base and has
@@ -21,24 +23,23 @@
 
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "bundle.h"
 #include "children.h"
+#include "containers.h"
 
 namespace bundled {
 
-struct NamedCommand {
-    std::string name;  ///< Letters, digits, hyphens and underscores.
-    std::string line;  ///< For /bin/sh -c.
-};
+/** The commands that are there if none is configured. */
+TextTable built_in_commands();
 
 struct Config {
     std::string greeting = "This is bundled.";
     unsigned int idle_ms = 5000;  ///< How long a client may hold a connection without progress.
     ChildLimits command_limits;
     BundleSettings bundle;
-    std::vector<NamedCommand> commands = {{"hello", "echo hello"}, {"uname", "uname -sr"}};
+    TextTable commands = built_in_commands();  ///< Lines for /bin/sh -c by name.
+    Flags flags{checked(hashtable_alloc(8))};
 };
 
 constexpr unsigned int kMaxSettingMs = 3600U * 1000U;
@@ -57,9 +58,6 @@ bool parse_config(std::string_view text, Config& config, std::string& error);
 
 /** parse_config() of a regular file of moderate size. */
 bool load_config(const char* path, Config& config, std::string& error);
-
-/** Returns the command called @p name, or null. */
-const NamedCommand* find_command(const Config& config, std::string_view name);
 
 }  // namespace bundled
 

@@ -132,7 +132,7 @@ void on_writable(int fd, void* arg) noexcept {
 }  // namespace
 
 void connection_open(Server& server, int fd) {
-    auto* connection = new Connection;
+    auto* connection = new (here()) Connection;
     connection->server = &server;
     connection->socket.reset(fd);
     server.add(*connection);

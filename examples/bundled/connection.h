@@ -20,6 +20,7 @@
 
 #include "descriptor.h"
 #include "http.h"
+#include "tracking.h"
 
 namespace bundled {
 
@@ -33,7 +34,7 @@ struct PendingWork {
 
 enum class Phase { kReading, kWaiting, kWriting, kDraining };
 
-struct Connection {
+struct Connection : Tracked {
     list_t link;  ///< First, so that the address of the node is the address of the connection.
     Server* server = nullptr;
     Descriptor socket;

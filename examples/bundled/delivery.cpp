@@ -14,7 +14,7 @@
 
 namespace bundled {
 
-struct Deliveries::Delivery {
+struct Deliveries::Delivery : Tracked {
     Deliveries* deliveries;
     Connection* connection;  ///< Null once the client has gone.
     Child* child;
@@ -118,6 +118,7 @@ Outcome send_archive(Client& client, szip_info_t* info, bool head_only) {
 
 int run_delivery(const void* arg) {
     const auto* order = static_cast<const Order*>(arg);
+    set_tracking(false);  // No one dumps here.
     Client client = {kKeptFd, static_cast<int>(order->idle_ms)};
     szip_info_t* info = plan_bundle(*order->settings);
     if (info == nullptr) {
@@ -139,19 +140,19 @@ int run_delivery(const void* arg) {
 void Deliveries::count(int outcome, int status) {
     switch (outcome) {
         case kSent:
-            ++sent_;
+            counters_.count("bundles sent");
             return;
         case kHeadSent:
             return;
         case kRefused:
-            ++refused_;
+            counters_.count("bundles refused");
             return;
         case kClientStalled:
         case kClientLeft:
-            ++abandoned_;
+            counters_.count("bundles abandoned");
             return;
         default:
-            ++cut_short_;
+            counters_.count("bundles cut short");
             log_line("bundle: its child ended with %s", describe_end(status).c_str());
     }
 }
@@ -185,11 +186,11 @@ void Deliveries::start(Connection& connection, const BundleSettings& settings) {
     const Order order = {&settings, connection.head_only, connection.server->idle_ms()};
     const ChildTask task = {run_delivery, &order, connection.socket.get()};
     const ChildLimits limits = {0, 0, settings.streams};
-    auto delivery = std::make_unique<Delivery>(Delivery{this, &connection, nullptr});
+    std::unique_ptr<Delivery> delivery(new (here()) Delivery{{}, this, &connection, nullptr});
     delivery->child = children_.start(task, limits, on_child_done, delivery.get());
     if (delivery->child == nullptr) {
         log_line("bundle: refused: %s", std::strerror(errno));
-        ++refused_;
+        counters_.count("bundles refused");
         connection_answer(&connection, error_response(503, "try again later"));
         return;
     }

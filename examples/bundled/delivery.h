@@ -9,12 +9,15 @@
 #include "bundle.h"
 #include "children.h"
 #include "connection.h"
+#include "status.h"
 
 namespace bundled {
 
 /** The bundles under way and what became of the others. It must outlive the connections. */
 class Deliveries {
 public:
+    explicit Deliveries(Counters& counters) : counters_(counters) {}
+
     /**
      * Answers the request of @p connection with the archive of @p settings as they are now, or with
      * 503 if it can't be planned or as many bundles are under way as the settings allow.
@@ -27,11 +30,6 @@ public:
 
     unsigned int running() const { return children_.running(); }
 
-    unsigned long long sent() const { return sent_; }
-    unsigned long long refused() const { return refused_; }      ///< Answered 503.
-    unsigned long long cut_short() const { return cut_short_; }  ///< A file changed, or a crash.
-    unsigned long long abandoned() const { return abandoned_; }  ///< By their clients.
-
 private:
     struct Delivery;
 
@@ -39,10 +37,7 @@ private:
     static void on_client_gone(void* delivery);
     void count(int outcome, int status);
 
-    unsigned long long sent_ = 0;
-    unsigned long long refused_ = 0;
-    unsigned long long cut_short_ = 0;
-    unsigned long long abandoned_ = 0;
+    Counters& counters_;
     ChildRunner children_;  ///< Last, so that it goes first: the ends of its children are counted.
 };
 

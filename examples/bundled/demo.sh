@@ -31,7 +31,7 @@ give_up() {
 
 title() { printf '\n== %s ==\n' "$1"; }
 show() { printf '$ %s\n' "$1" | cut -c 1-100; }
-indent() { head -n 16 <<<"$1" | tr -d '\r' | cut -c 1-100 | sed 's/^/    /'; }
+indent() { head -n 24 <<<"$1" | tr -d '\r' | cut -c 1-100 | sed 's/^/    /'; }
 
 # pass_if TEXT COMMAND...: one check, which the command decides.
 pass_if() {
@@ -496,6 +496,75 @@ notices_every_end() {
     stop TERM
 }
 
+dumps() { grep -c '^bundled: dump [0-9]' "$log"; }
+has_dumps() { [ "$(dumps)" -ge "$1" ]; }
+
+# dumped COUNT: waits for so many more dumps, without a connection of its own that they could see.
+dumped() { wait_until has_dumps $(($(dumps) + $1)); }
+
+# ask_leaks: the answer of /leaks, and in $leaks what stands between start and end, paths cut.
+ask_leaks() {
+    ask /leaks
+    leaks=$(sed '1,/^allocation tree - start$/d; s|from .*/|from |' <<<"$answer")
+    pass_if "a whole report" matches "$leaks" '^allocation tree - end$'
+    leaks=${leaks%allocation tree - end}
+}
+
+# start_tracking CONFIG_LINES: starts a daemon that dumps five times a second, up to its first dump.
+start_tracking() {
+    local before
+    before=$(dumps)
+    write_config "Good morning" "$1"
+    start --port 0 --config "$work/config" --track 200
+    pass_if "first dump" wait_until has_dumps $((before + 1))
+}
+
+hunts_leaks() {
+    title "Leaks"
+    start --port 0
+    ask /leaks
+    pass_if "404 if nothing is tracked" matches "$answer" '^HTTP/1.0 404'
+    stop TERM
+
+    start_tracking "bundle-base = $work"$'\nbundle = tree/headers/net\nflag = verbose'
+    show "curl 'http://127.0.0.1:$port/?[1-50]'"
+    get '/?[1-50]' >"$work/greetings"
+    ask '/run?hello'
+    fetch tracked.zip
+    pass_if "bundle sent" wait_until status_has '^bundles sent: 1$'
+    ask /status
+    pass_if "counters by name" matches "$answer" '^children run: 1$'
+    pass_if "flags" matches "$answer" '^flags: verbose$'
+    pass_if "each request in the log" matches "$(cat "$log")" '^bundled: GET /bundle.zip$'
+    pass_if "three more dumps" dumped 3
+    ask_leaks
+    pass_if "nothing has leaked" test -z "$leaks"
+    show "printf 'GET /run?long ...' >/dev/tcp/127.0.0.1/$port"
+    connect
+    printf 'GET /run?long HTTP/1.0\r\n\r\n' >&"$link"
+    pass_if "running" wait_until status_has '^children running: 1$'
+    pass_if "two more dumps" dumped 2
+    ask_leaks
+    pass_if "what goes on is listed" matches "${leaks//$'\n'/ }" 'children.*connection|connection.*children'
+    exec {link}>&-
+    pass_if "gone" wait_until status_has '^children running: 0$'
+    pass_if "three more dumps" dumped 3
+    ask_leaks
+    pass_if "and not once it is over" test -z "$leaks"
+    stop TERM
+
+    start_tracking 'flag = leak'
+    show "curl 'http://127.0.0.1:$port/?[1-3]'"
+    get '/?[1-3]' >"$work/greetings"
+    pass_if "two more dumps" dumped 2
+    ask_leaks
+    local place
+    place=$(grep -n 'Leaks on purpose' "${0%/*}/routes.cpp")
+    pass_if "three blocks from line ${place%%:*}, and nothing else" test "$leaks" = \
+        $' [\t3\tallocations from routes.cpp\t'"${place%%:*}"$'\t] \n'
+    stop TERM
+}
+
 [ $# -eq 1 ] || give_up "usage: demo.sh BUILD_DIR"
 for daemon in "$1/bundled" "$1/examples/bundled/bundled"; do
     [ ! -f "$daemon" ] || break
@@ -517,6 +586,7 @@ ends_cleanly
 notices_every_end
 write_config "Good morning"
 sends_bundles
+hunts_leaks
 pass_if "no sanitizer has complained" lacks "$(cat "$log")" 'Sanitizer|runtime error'
 
 printf '\n%s checks, %s differ\n' "$checks" "$failures"

@@ -88,16 +88,16 @@ bool configure(const Life& life) {
 void reload(Life& life) {
     Counters& counters = life.daemon.counters;
     if (configure(life)) {
-        ++counters.reloads;
+        counters.count("reloads");
         log_line("configuration reloaded");
     } else {
-        ++counters.reloads_refused;
+        counters.count("reloads refused");
     }
 }
 
 void on_signal(int number, siginfo_t* /*info*/, void* arg) noexcept {
     auto* life = static_cast<Life*>(arg);
-    ++life->daemon.counters.signals_seen;
+    life->daemon.counters.count("signals seen");
     if (number == SIGHUP) {
         reload(*life);
     } else if (number == SIGUSR1) {
@@ -137,13 +137,15 @@ int run(const Options& options) {
         log_line("cannot prepare the descriptors: %s", std::strerror(errno));
         return EXIT_FAILURE;
     }
+    set_tracking(options.track_ms != 0);
     Daemon daemon(options.max_connections);
     Life life = {options, daemon};
     if (!configure(life)) {
         return EXIT_FAILURE;
     }
     if (!watch_signals(life) || !daemon.status_line.open(options.status_delay_s) ||
-        !arm_timer(on_loop_runs, &life, 0)) {
+        !arm_timer(on_loop_runs, &life, 0) ||
+        (options.track_ms != 0 && !daemon.leaks.start(options.track_ms))) {
         log_line("cannot start: %s", std::strerror(errno));
         return EXIT_FAILURE;
     }

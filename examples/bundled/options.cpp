@@ -20,6 +20,7 @@ constexpr struct option kLongOptions[] = {
     {"idle-ms", required_argument, nullptr, 'i'},
     {"max-connections", required_argument, nullptr, 'm'},
     {"status-delay", required_argument, nullptr, 's'},
+    {"track", required_argument, nullptr, 't'},
     {"help", no_argument, nullptr, 'h'},
     {nullptr, 0, nullptr, 0},
 };
@@ -41,6 +42,8 @@ bool apply_option(int option, const char* value, Options& options) {
             return parse_number(value, kMaxConnectionLimit, options.max_connections);
         case 's':
             return parse_number(value, 3600, options.status_delay_s);
+        case 't':
+            return parse_number(value, kMaxSettingMs, options.track_ms);
         case 'h':
             options.help = true;
             return true;
@@ -77,6 +80,8 @@ const char* usage() {
            "  --idle-ms N          how long a client may go without progress (5000)\n"
            "  --max-connections N  clients served at a time, up to 900 (64)\n"
            "  --status-delay N     least seconds between two refreshes of the status line (2)\n"
+           "  --track N            tracks the daemon's memory: /leaks has a report every N ms "
+           "(off)\n"
            "  --help               this text\n";
 }
 

@@ -10,6 +10,7 @@ struct Options {
     unsigned int idle_ms = 0;  ///< 0 if not given. A configuration file goes before it.
     unsigned int max_connections = 64;
     unsigned int status_delay_s = 2;
+    unsigned int track_ms = 0;  ///< Between two dumps of the allocation tracker; 0: no tracking.
     bool help = false;
 };
 

@@ -16,14 +16,25 @@ struct Route {
     RouteHandler handler;
 };
 
+bool has_flag(const Daemon& daemon, const char* name) {
+    return named_flag_has(daemon.config.flags.get(), name) != 0;
+}
+
 void show_greeting(Daemon& daemon, Connection& connection, const Request& /*request*/) {
     std::string body = daemon.config.greeting + "\n\n/status\n";
-    if (!daemon.config.bundle.paths.empty()) {
+    if (has_flag(daemon, "leak")) {
+        (void)copy(body).release();  // Leaks on purpose.
+    }
+    if (daemon.leaks.started()) {
+        body += "/leaks\n";
+    }
+    if (daemon.config.bundle.paths->itemcount != 0) {
         body += "/bundle.zip\n";
     }
-    for (const NamedCommand& command : daemon.config.commands) {
-        body += "/run?" + command.name + "\n";
-    }
+    const auto append = [](char* name, void* /*line*/, void* text) {
+        static_cast<std::string*>(text)->append("/run?").append(name).append("\n");
+    };
+    str_hashtable_iterate(daemon.config.commands.get(), append, &body);
     connection_answer(&connection, text_response(200, body));
 }
 
@@ -31,26 +42,31 @@ void append_number(std::string& body, const char* name, unsigned long long value
     body.append(name).append(": ").append(std::to_string(value)).append("\n");
 }
 
+void append_flag(const char* name, void* text) {
+    static_cast<std::string*>(text)->append(" ").append(name);
+}
+
 void show_status(Daemon& daemon, Connection& connection, const Request& /*request*/) {
-    const Counters& counters = daemon.counters;
     std::string body;
     append_number(body, "uptime (s)", (event_get_time() - daemon.started_ms) / 1000);
-    append_number(body, "connections served", daemon.server.served_connections());
-    append_number(body, "connections timed out", daemon.server.timed_out_connections());
     append_number(body, "open connections", daemon.server.open_connections());
-    append_number(body, "children run", daemon.commands.started());
     append_number(body, "children running", daemon.commands.running());
-    append_number(body, "bundles sent", daemon.deliveries.sent());
-    append_number(body, "bundles refused", daemon.deliveries.refused());
-    append_number(body, "bundles cut short", daemon.deliveries.cut_short());
-    append_number(body, "bundles abandoned", daemon.deliveries.abandoned());
     append_number(body, "bundles running", daemon.deliveries.running());
-    append_number(body, "signals seen", counters.signals_seen);
-    append_number(body, "reloads", counters.reloads);
-    append_number(body, "reloads refused", counters.reloads_refused);
-    body += "status line: " + daemon.status_line.line() + "\n";
+    daemon.counters.for_each([&body](const Counters::Counter* counter) {
+        append_number(body, counter->name, counter->value);
+    });
+    body += "flags:";
+    named_flag_iterate(daemon.config.flags.get(), append_flag, &body);
+    body += "\nstatus line: " + daemon.status_line.line() + "\n";
     daemon.status_line.refresh();
     connection_answer(&connection, text_response(200, body));
+}
+
+void show_leaks(Daemon& daemon, Connection& connection, const Request& /*request*/) {
+    connection_answer(&connection,
+                      daemon.leaks.started()
+                          ? text_response(200, daemon.leaks.latest())
+                          : error_response(404, "nothing is tracked, start with --track"));
 }
 
 void on_command_done(void* arg, const ChildResult& result) {
@@ -73,24 +89,26 @@ void on_command_done(void* arg, const ChildResult& result) {
 void abandon_child(void* work) { ChildRunner::abandon(static_cast<Child*>(work)); }
 
 void run_command(Daemon& daemon, Connection& connection, const Request& request) {
-    const NamedCommand* named = find_command(daemon.config, request.query);
-    if (named == nullptr) {
+    const char* name = request.query.c_str();
+    void* line = str_hashtable_get_index(daemon.config.commands.get(), name, 0);
+    if (line == nullptr) {
         connection_answer(&connection, error_response(404, "no such command"));
         return;
     }
     Child* command =
-        daemon.commands.start(shell_task(named->line.c_str()), daemon.config.command_limits,
+        daemon.commands.start(shell_task(static_cast<char*>(line)), daemon.config.command_limits,
                               on_command_done, &connection);
     if (command == nullptr) {
-        log_line("cannot run %s: %s", named->name.c_str(), std::strerror(errno));
+        log_line("cannot run %s: %s", name, std::strerror(errno));
         connection_answer(&connection, error_response(503, "try again later"));
         return;
     }
+    daemon.counters.count("children run");
     connection_wait(&connection, {abandon_child, command});
 }
 
 void send_bundle(Daemon& daemon, Connection& connection, const Request& /*request*/) {
-    if (daemon.config.bundle.paths.empty()) {
+    if (daemon.config.bundle.paths->itemcount == 0) {
         connection_answer(&connection, error_response(404, "no bundle is configured"));
         return;
     }
@@ -98,18 +116,20 @@ void send_bundle(Daemon& daemon, Connection& connection, const Request& /*reques
 }
 
 constexpr Route kRoutes[] = {
-    {"/", show_greeting},
-    {"/status", show_status},
-    {"/run", run_command},
-    {"/bundle.zip", send_bundle},
+    {"/", show_greeting},  {"/status", show_status},     {"/leaks", show_leaks},
+    {"/run", run_command}, {"/bundle.zip", send_bundle},
 };
 
 }  // namespace
 
-Daemon::Daemon(unsigned int max_connections) : server(route_request, this, max_connections) {}
+Daemon::Daemon(unsigned int max_connections)
+    : deliveries(counters), server(route_request, this, max_connections, counters) {}
 
 void route_request(void* daemon, Connection& connection, const Request& request) {
     auto& self = *static_cast<Daemon*>(daemon);
+    if (has_flag(self, "verbose")) {
+        log_line("%s %s", request.method.c_str(), request.path.c_str());
+    }
     if (request.method != "GET" && request.method != "HEAD") {
         Response response = error_response(405);
         response.extra_headers = "Allow: GET, HEAD\r\n";

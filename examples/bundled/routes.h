@@ -7,6 +7,7 @@
 #include "delivery.h"
 #include "server.h"
 #include "status.h"
+#include "tracking.h"
 
 namespace bundled {
 
@@ -16,6 +17,7 @@ struct Daemon {
 
     Config config;
     Counters counters;
+    LeakReports leaks;
     StatusLine status_line;
     ChildRunner commands;
     Deliveries deliveries;
@@ -27,7 +29,8 @@ struct Daemon {
  * Answers one request, a Server::RequestHandler with a Daemon as argument.
  *
  *     /            the greeting and this table
- *     /status      counters and status line
+ *     /status      counters, flags and status line
+ *     /leaks       the latest report of the allocation tracker
  *     /run?NAME    runs the configured command NAME
  *     /bundle.zip  the configured files and directories as one archive
  */

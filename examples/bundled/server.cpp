@@ -51,8 +51,8 @@ bool is_clients_error(int error) {
 
 }  // namespace
 
-Server::Server(RequestHandler handler, void* arg, unsigned int max_connections)
-    : handler_(handler), arg_(arg), max_connections_(max_connections) {
+Server::Server(RequestHandler handler, void* arg, unsigned int max_connections, Counters& counters)
+    : handler_(handler), arg_(arg), max_connections_(max_connections), counters_(counters) {
     list_init(&connections_);
 }
 
@@ -82,7 +82,7 @@ bool Server::listen_on(unsigned int port) {
 void Server::add(Connection& connection) {
     list_add_tail(&connections_, &connection.link);
     ++open_;
-    ++served_;
+    counters_.count("connections served");
 }
 
 void Server::connection_closed() {

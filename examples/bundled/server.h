@@ -7,6 +7,7 @@
 #include "connection.h"
 #include "descriptor.h"
 #include "http.h"
+#include "status.h"
 
 namespace bundled {
 
@@ -19,7 +20,7 @@ public:
     /** Calls connection_answer() or connection_wait() once for the request. */
     using RequestHandler = void (*)(void* arg, Connection& connection, const Request& request);
 
-    Server(RequestHandler handler, void* arg, unsigned int max_connections);
+    Server(RequestHandler handler, void* arg, unsigned int max_connections, Counters& counters);
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
     ~Server();
@@ -33,16 +34,12 @@ public:
     unsigned int idle_ms() const { return idle_ms_; }
 
     unsigned int open_connections() const { return open_; }
-    unsigned long long served_connections() const { return served_; }
-
-    /** Connections that were answered 408 or dropped for lack of progress. */
-    unsigned long long timed_out_connections() const { return timed_out_; }
 
     /** @name For connections
      *  @{ */
     void add(Connection& connection);
     void connection_closed();
-    void count_timeout() { ++timed_out_; }
+    void count_timeout() { counters_.count("connections timed out"); }
     void handle(Connection& connection, const Request& request) {
         handler_(arg_, connection, request);
     }
@@ -58,11 +55,10 @@ private:
     RequestHandler handler_;
     void* arg_;
     unsigned int max_connections_;
+    Counters& counters_;
     unsigned int idle_ms_ = 5000;
     unsigned int port_ = 0;
     unsigned int open_ = 0;
-    unsigned long long served_ = 0;
-    unsigned long long timed_out_ = 0;
     bool accepting_ = false;
     Descriptor listener_;
     list_t connections_;

@@ -14,6 +14,12 @@ namespace bundled {
 
 namespace {
 
+constexpr const char* kShownAtZero[] = {
+    "bundles abandoned", "bundles cut short",  "bundles refused",       "bundles sent",
+    "children run",      "connections served", "connections timed out", "reloads",
+    "reloads refused",   "signals seen",
+};
+
 constexpr const char* kLineName = "/status";
 constexpr const char* kNewLineName = "/status.new";
 
@@ -21,6 +27,27 @@ constexpr const char* kNewLineName = "/status.new";
 constexpr char kFolderTemplate[] = "/tmp/bundled-XXXXXX";
 
 }  // namespace
+
+Counters::Counters() {
+    for (const char* name : kShownAtZero) {
+        (void)find_or_make(name);
+    }
+}
+
+Counters::~Counters() {
+    for_each([](Counter* counter) { delete counter; });
+}
+
+Counters::Counter* Counters::find_or_make(const char* name) {
+    char* key = const_cast<char*>(name);
+    auto* counter = static_cast<Counter*>(BT_find(counters_.get(), key));
+    if (counter == nullptr) {
+        std::unique_ptr<Counter> made(new (here()) Counter{{}, name, 0});
+        (void)enter(*counters_, key, made.get());
+        counter = made.release();
+    }
+    return counter;
+}
 
 StatusLine::~StatusLine() {
     if (folder_.empty()) {

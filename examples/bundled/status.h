@@ -9,12 +9,36 @@
 
 #include <tessra/eventloop.h>
 
+#include "containers.h"
+
 namespace bundled {
 
-struct Counters {
-    unsigned int signals_seen = 0;
-    unsigned int reloads = 0;
-    unsigned int reloads_refused = 0;
+/** Counts by name, which are walked in the order of the names. */
+class Counters {
+public:
+    struct Counter : Tracked {
+        const char* name;
+        unsigned long long value;
+    };
+
+    Counters();  ///< With all that /status shows from the start.
+    Counters(const Counters&) = delete;
+    Counters& operator=(const Counters&) = delete;
+    ~Counters();
+
+    /** Adds one to the counter @p name, a literal. */
+    void count(const char* name) { ++find_or_make(name)->value; }
+
+    /** Calls @p visit with each Counter. */
+    template <class Visit>
+    void for_each(Visit visit) const {
+        bundled::for_each<Counter>(*counters_, visit);
+    }
+
+private:
+    Counter* find_or_make(const char* name);
+
+    Tree counters_{checked(BT_create(compare_texts))};
 };
 
 /**
