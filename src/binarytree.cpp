@@ -211,6 +211,7 @@ LinkedList* snapshot(BinaryTree* tree, void* (*value_of)(Node*)) {
         LL_push(list, value_of(node));
         if (list->itemcount != ++pushed) {
             LL_delete(list);
+            errno = ENOMEM;  // Some C libraries' free() may change it.
             return nullptr;
         }
     }
@@ -350,6 +351,7 @@ LinkedList* BT_pairs(BinaryTree* tree) {
         if (pair == nullptr) {
             while (list->head != element) free(LL_dequeue(list));
             LL_delete(list);
+            errno = ENOMEM;
             return nullptr;
         }
         element->value = pair;

@@ -65,6 +65,15 @@ unsigned int skip_name(const char* message, unsigned int at, Pointers pointers) 
     return 0;
 }
 
+// Some senders leave the two bytes of the owner's pointer blank. That looks like the root, but its
+// type is then 0, which no record has.
+unsigned int skip_owner(const char* message, unsigned int at) {
+    const unsigned int behind = skip_name(message, at, Pointers::kAllowed);
+    const bool is_root = behind == at + 1;
+    return is_root && behind + 2 <= kMaxMessageBytes && read16(message + behind) == 0 ? behind + 1
+                                                                                      : behind;
+}
+
 bool all_zero(const char* data, unsigned int size) {
     while (size > 0 && *data == 0) data++, size--;
     return size == 0;
@@ -85,7 +94,7 @@ bool take_address(const char* message, unsigned int at, unsigned int type, const
 int find_address(char* rep, unsigned int at, const Target& target) {
     dns_header_t& header = header_of(rep);
     while (header.answer_count-- != 0) {
-        at = skip_name(rep, at, Pointers::kAllowed);
+        at = skip_owner(rep, at);
         if (at == 0 || at + kRecordHeaderBytes > kMaxMessageBytes) return 0;
         const unsigned int type = read16(rep + at);
         const unsigned int rdlength = read16(rep + at + kRdlengthOffset);

@@ -91,7 +91,8 @@ TEST(Dns, RepliesGiveAnotherResultOrAreReadBeyondTheirEnd) {
         {reply(1, a), found},
         {header(0, 1) + "\0\0\1\0\1"s + a, "1 1.2.3.4 0 "},  // No response; the root.
         {reply(1, record("\xFF\xFF", kA, ip, 3)), found},
-        {reply(3, a), "1 1.2.3.4 2 a.bc"},  // The rest isn't looked at.
+        {reply(1, record("\0\0"s, kA, ip)), found},  // A pointer left blank.
+        {reply(3, a), "1 1.2.3.4 2 a.bc"},           // The rest isn't looked at.
         {reply(2, answer(kCname, "\1b\xC0\x0C") + a), found},
         {reply(1, answer(kCname, "\1b\xC0\x0C")), "0 - 65535 a.bc"},
         {reply(2, answer(kOther, string(300, 'y')) + a), found},
@@ -121,7 +122,7 @@ TEST(Dns, RepliesGiveAnotherResultOrAreReadBeyondTheirEnd) {
         {full(short_a.substr(0, 10)), "0 - 0 a.bc"},
         {full("\xC0"), "0 - 0 a.bc"},
         {full(""), "0 - 0 a.bc"},
-        {reply(0xFFFF, string(kMaxMessage - 22, '\0')), "0 - 59579 a.bc"},
+        {reply(0xFFFF, string(kMaxMessage - 22, '\0')), "0 - 60075 a.bc"},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE("row " + std::to_string(&row - rows));

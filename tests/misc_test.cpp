@@ -193,6 +193,7 @@ ISOLATED_TEST(PidFile, SecondInstanceStartsOrOldNumberStays) {
         const std::string number = std::to_string(first.pid) + "\n";
         EXPECT_EQ(number, file.text());
         const ChildEnd second = run_child([&] { createPidFile("prog", file.name(), 6); });
+        run_child([&] { close(STDERR_FILENO), createPidFile("prog", file.name(), 0); });
         EXPECT_EQ(flags == 0 ? locked : "", second.output);
         EXPECT_EQ(flags == 0, second.exit_code == 1 && file.text() == number);
     }

@@ -91,7 +91,7 @@ int base64_decode(const uint8_t* in, size_t inlen, uint8_t* out, size_t* outlen)
  * @return  #BASE64_OK;
  *          #BASE64_INVALID_ARG, if @p out or @p outlen is null: nothing is touched. If only @p in
  *          is null: @p out has a buffer to free and @p outlen its size;
- *          #BASE64_INVALID_LEN, @p out is null, and @p outlen holds the size modulo SIZE_MAX + 1;
+ *          #BASE64_INVALID_LEN, @p out is null, and @p outlen holds a size without meaning;
  *          #BASE64_NOMEM, @p out is null, and @p outlen holds the size that couldn't be had
  */
 int base64_encode_alloc(const uint8_t* in, size_t inlen, uint8_t** out, size_t* outlen);

@@ -35,7 +35,8 @@
  * the need of stack doesn't depend on the size. Find, insert and remove take time with the
  * logarithm of the number of entries; BT_delete() and the snapshots pass over all.
  *
- * Exhausted memory: whatever has to allocate sets errno to ENOMEM and changes nothing.
+ * Exhausted memory: whatever has to allocate sets errno to ENOMEM and changes nothing. Calls that
+ * succeed leave errno as it was.
  */
 #ifndef TESSRA_BINARYTREE_H
 #define TESSRA_BINARYTREE_H
@@ -192,7 +193,8 @@ LinkedList* BT_pairs(BinaryTree* tree);
  * The caller ends the array with free(); keys and data stay the caller's. On an empty tree the
  * result is NULL and the number 0, errno as it was. Failure: NULL with errno ENOMEM and the number
  * 0, also when there are more slots than an unsigned int can count. The array grows with the
- * height: a tree of one million entries may need 2 million slots, in the worst case 268 million.
+ * height: one million entries take 1 million slots if they came in order, some 16 million if they
+ * came at random, and 268 million in the worst case.
  */
 void** BT_toarray(BinaryTree* tree, unsigned int* count);
 
@@ -223,7 +225,8 @@ BinaryTreeNode* findinsertionpoint(BinaryTree* intree, void* tofind, int* lastco
 
 /**
  * Returns a new leaf of height 1 whose parent link is @p parent, or NULL with errno ENOMEM. The
- * caller links it into the parent, or as root, runs balanceup() from the parent and counts it.
+ * caller counts it and links it into the tree: as root, or below its parent, and then runs
+ * balanceup() from there.
  */
 BinaryTreeNode* createnode(BinaryTreeNode* parent, void* key, void* data);
 

@@ -15,8 +15,8 @@ extern "C" {
 enum { PID_FILE_CLOEXEC = 1 };
 
 /**
- * Locks the PID file, creating it with mode 0600 if there is none, and writes the decimal process
- * id and a newline, nothing else, into it.
+ * Locks the PID file, creating it with mode 0600 (less the umask) if there is none, and writes the
+ * decimal process id and a newline, nothing else, into it.
  *
  * @param progName  name of the daemon for the message to a second instance
  * @param pidFile   path of the file, in a directory that only the daemon's user can write to: a

@@ -146,7 +146,7 @@ int dns_build_request(char* req, char* name, int type, int clss, int trans);
  * Also 0, for what no proper reply has: a question's name with a compression pointer, with a label
  * above 63 bytes or of more than 255 bytes in all, for which @p name gets NULL; an answer whose
  * owner name is neither a compression pointer nor labels that end with a zero byte or with a
- * pointer (RFC 1035, 4.1.4), or has more than 255 bytes of labels; an answer that goes on beyond
+ * pointer (RFC 1035, 4.1.4) nor two zero bytes, or has more than 255 bytes of labels; an answer that goes on beyond
  * byte 65535 of the message. Bytes behind the last answer looked at are never read.
  * Trap: an A record counts as having 4 bytes of data whatever its rdlength says.
  */
@@ -159,7 +159,8 @@ int dns_parse_reply(char* rep, char** name, struct in_addr* addr);
  * @param rep   as there
  * @param name  as there
  * @param addr  gets the address and ss_family: AF_INET and sin_addr for an A record, AF_INET6 and
- *              sin6_addr for AAAA. Port, flow and scope keep what they hold; not null
+ *              sin6_addr for AAAA; not null. The rest keeps what it holds, but the
+ *              addresses overlap: passing one of zeros over leaves them there
  *
  * Returns 1, 0 or -1 as dns_parse_reply(). A record whose address is all zero is no result, but
  * family and address of the last such record are in @p addr if the result is 0. An AAAA record

@@ -16,8 +16,8 @@
  * str_hashtable_ functions; as a set of names through the named_flag_ functions.
  *
  * Memory: blocks that change hands come from malloc() and go to free(). A function that runs out of
- * it leaves list and table as they were and sets errno to ENOMEM; one that succeeds leaves errno as
- * it was. Threads: lists and tables have no lock; the caller holds whatever guards them. Callbacks
+ * it sets errno to ENOMEM and, if it says nothing else, leaves list and table as they were; one that
+ * succeeds leaves errno as it was. Threads: lists and tables have no lock; the caller holds whatever guards them. Callbacks
  * run on the calling thread, inside the call. Blocks: never.
  */
 #ifndef TESSRA_LIST_H
@@ -149,7 +149,7 @@ typedef struct hashtable {
 
 /**
  * Called for one entry of a walk. It may unlink and free that entry, and must not remove another
- * one. It may add entries; whether the walk meets them is left open.
+ * one. It may add entries, which the walk may meet: one that adds an entry each time may not end.
  * @param arg  as given to the walk
  */
 typedef void (*hashtable_iterator_t)(hashlist_t* entry, void* arg);
@@ -260,14 +260,14 @@ typedef struct ptr_list {
 
 /**
  * Called for one entry of a walk. It may remove that entry, e.g. with str_hashtable_delete_index(),
- * which also ends @p key, and must not remove another one. It may add entries; whether the walk
- * meets them is left open.
+ * which also ends @p key, and must not remove another one. It may add entries, which the walk may
+ * meet: one that adds an entry each time may not end.
  */
 typedef void (*str_hashtable_iterator_t)(char* key, void* value, void* arg);
 
 /**
  * Judges one entry. Returns 0 to remove it, and has then taken over @p value; anything else keeps
- * it. It must not remove entries by itself.
+ * it. It must not remove or add entries by itself.
  */
 typedef int (*str_hashtable_filter_t)(void* value, void* arg);
 

@@ -9,7 +9,7 @@
  *
  * Switching it on. Allocate with the MEMCHK_ macros below and build with -DTESSRA_MEMCHK; without
  * it they are the plain calls and cost nothing. A C source that exists already gets a header of
- * the daemon's own, included last:
+ * the daemon's own, included last and in a build with -DTESSRA_MEMCHK alone:
  *
  *     #define malloc(size) MEMCHK_CALLOC(1, size)
  *     #define calloc(count, size) MEMCHK_CALLOC(count, size)
@@ -32,7 +32,8 @@
  *        1 from a.c 10   stays: something that is made once, on first use
  *
  * Traps. The tracker knows blocks by address, and dumps remember bare addresses: a new block in the
- * place of one that was alive at the first dump is never listed, and one in the place of a block of
+ * place of one that was alive at the first dump is never listed (unless that dump ran out of
+ * memory), and one in the place of a block of
  * the dump before is listed one dump early. So a site whose count wavers is busy and doesn't leak.
  * A block handed to plain free() or realloc() counts as alive, also when its address comes back
  * from another site: give it back with memchk_free(), and don't resize it.
@@ -51,7 +52,7 @@
  *
  * Failure. When memory runs out for the tracker itself, the daemon's block is handed out all the
  * same and errno is ENOMEM: set it to 0 before the call to tell. Such a block is untracked, is
- * never listed, and goes to memchk_free() like any other.
+ * never listed (unless its address was tracked already), and goes to memchk_free() like any other.
  */
 #ifndef TESSRA_MEMCHK_H
 #define TESSRA_MEMCHK_H
@@ -158,7 +159,7 @@ static inline char* tessra_memchk_n_dup(const char* todup, size_t n, const char*
  * @param pointer  its address, not null; nothing is read there
  * @param size     its length in bytes; kept for a debugger's eyes, not reported
  *
- * An address that is tracked already keeps its first site. Failure: ENOMEM, untracked.
+ * An address that is tracked already keeps its first site. Failure: ENOMEM; nothing changes.
  */
 void add_allocation(void* pointer, const char* file, unsigned int line, unsigned int size);
 
@@ -192,8 +193,9 @@ typedef void (*pLog)(int level, char* format, ...);
  * within a file the highest line comes first.
  *
  * errno is ENOMEM afterwards if memory ran out, else what it was before. Then this report may list
- * too little, but no later one does: all blocks stay tracked, all that were to be excused are, and
- * if the blocks alive now couldn't be noted, those noted last stand in for them.
+ * too little. If the blocks alive now couldn't be noted, those noted last stand in for them, and a
+ * block that has come since is listed one report later than otherwise. None is lost for good: all
+ * blocks stay tracked, and all that were to be excused are.
  * Blocks: for the lines, and in proportion to the number of live blocks.
  */
 void dump_allocation_tree(int log_level, pLog logfunc);

@@ -81,7 +81,8 @@ void recursive_mutex_unlock(recursive_mutex* tounlock);
  *
  * The exit status is dropped: a command that fails, or that doesn't exist, gives what it wrote, as
  * a rule the empty string. Standard error isn't captured. Returns NULL, with the reason in errno,
- * if no process could be made or memory ran out; then nothing stays open.
+ * if no process could be made, memory ran out or the text can't be formatted, in which case no
+ * command runs; then nothing stays open.
  *
  * The command inherits descriptors and signal dispositions as popen() hands them on, without the
  * care of event_system(): open what it must not have with O_CLOEXEC.
@@ -126,8 +127,8 @@ void get_hw_rev(int* major, int* minor);
  * or the table can't be read.
  *
  * Compares the text with what the table has, no more: no trailing slash, no symbolic link, no
- * relative path. An entry counts if device and directory lie within the first 4095 bytes of its
- * line.
+ * relative path. Blanks, tabs, newlines and backslashes, which the table has as \\040, \\011, \\012
+ * and \\134, are compared as themselves. Of a line of more than 4095 bytes the rest is ignored.
  *
  * Threads: any, at the same time. Memory: a buffer of 4 KiB on the stack, and the C library's for a
  * file. Blocks: as long as reading the table takes.

@@ -35,7 +35,8 @@ extern "C" {
  * @param type    F_RDLCK, F_WRLCK, or F_UNLCK to release what the process holds there
  * @param whence  what @p start counts from
  * @param start   offset of the region in bytes, which may be negative
- * @param len     length of the region in bytes, or 0
+ * @param len     length of the region in bytes; 0 for all up to the end, however far that moves; a
+ *                negative one is for the bytes before @p start
  *
  * Returns 0, or -1 with errno from fcntl(): EAGAIN or EACCES (both are allowed) if another process
  * holds it, EBADF, EINVAL, ENOLCK, EOVERFLOW.
@@ -55,7 +56,7 @@ int lockRegionWait(int fd, int type, int whence, int start, int len);
  * Tells who is in the way of a lock, without taking it.
  *
  * @param type  the lock that the caller would like to have: a read lock of another process is in
- *              the way of F_WRLCK and not of F_RDLCK
+ *              the way of F_WRLCK and not of F_RDLCK, and F_UNLCK is none (EINVAL)
  *
  * The others as in lockRegion(). Returns 0 if the lock could be had, the process id of a holder if
  * not, and -1 with errno on failure. The caller's own locks don't count. The answer can be out of

@@ -71,7 +71,8 @@ bool read_all(const Command& command, Block& block, size_t& length) {
 __attribute__((format(printf, 1, 0))) char* output_of(const char* format, va_list arguments) {
     Block block;
     if (block.bytes() == nullptr) return nullptr;
-    (void)vsnprintf(block.bytes(), kBlockSize, format, arguments);
+    // Half a command must not run.
+    if (vsnprintf(block.bytes(), kBlockSize, format, arguments) < 0) return nullptr;
     const Command command(block.bytes());
     size_t length = 0;
     if (!command.runs() || !read_all(command, block, length)) return nullptr;

@@ -16,8 +16,15 @@ namespace tessra {
 
 namespace {
 
+// Never a standard descriptor, should they be closed: what is printed, the message about the lock
+// first, would go into the file. It moves before it is locked, since closing drops the lock.
 int open_pid_file(const char* path) {
-    const int fd = open(path, O_RDWR | O_CREAT, S_IRUSR | S_IWUSR);
+    int fd = open(path, O_RDWR | O_CREAT, S_IRUSR | S_IWUSR);
+    if (fd != -1 && fd <= STDERR_FILENO) {
+        const int standard = fd;
+        fd = fcntl(standard, F_DUPFD, STDERR_FILENO + 1);
+        (void)close(standard);
+    }
     if (fd == -1) errExit("Could not open PID file %s", path);
     return fd;
 }
