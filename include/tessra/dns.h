@@ -146,8 +146,9 @@ int dns_build_request(char* req, char* name, int type, int clss, int trans);
  * Also 0, for what no proper reply has: a question's name with a compression pointer, with a label
  * above 63 bytes or of more than 255 bytes in all, for which @p name gets NULL; an answer whose
  * owner name is neither a compression pointer nor labels that end with a zero byte or with a
- * pointer (RFC 1035, 4.1.4) nor two zero bytes, or has more than 255 bytes of labels; an answer that goes on beyond
- * byte 65535 of the message. Bytes behind the last answer looked at are never read.
+ * pointer (RFC 1035, 4.1.4) nor two zero bytes, or has more than 255 bytes of labels; an answer
+ * that goes on beyond byte 65535 of the message. Bytes behind the last answer looked at are never
+ * read.
  * Trap: an A record counts as having 4 bytes of data whatever its rdlength says.
  */
 int dns_parse_reply(char* rep, char** name, struct in_addr* addr);

@@ -16,9 +16,9 @@
  * str_hashtable_ functions; as a set of names through the named_flag_ functions.
  *
  * Memory: blocks that change hands come from malloc() and go to free(). A function that runs out of
- * it sets errno to ENOMEM and, if it says nothing else, leaves list and table as they were; one that
- * succeeds leaves errno as it was. Threads: lists and tables have no lock; the caller holds whatever guards them. Callbacks
- * run on the calling thread, inside the call. Blocks: never.
+ * it sets errno to ENOMEM and, if it says nothing else, leaves list and table as they were; one
+ * that succeeds leaves errno as it was. Threads: lists and tables have no lock; the caller holds
+ * whatever guards them. Callbacks run on the calling thread, inside the call. Blocks: never.
  */
 #ifndef TESSRA_LIST_H
 #define TESSRA_LIST_H

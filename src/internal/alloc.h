@@ -11,7 +11,8 @@
 namespace tessra {
 
 // Keeps what an allocation does to errno to what is documented: ENOMEM if it failed, else nothing.
-// The C library may leave the error of a first attempt in it, and some callers have no other result.
+// The C library may leave the error of a first attempt in it, and some callers have no other
+// result.
 inline void* with_errno(void* block, int before) {
     errno = block != nullptr ? before : ENOMEM;
     return block;
