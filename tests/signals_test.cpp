@@ -216,7 +216,7 @@ constexpr unsigned kCatchable = ~(1u | 1u << SIGKILL | 1u << SIGSTOP | kUnsafe);
 // Every kind, with the smallest channel. In each round several threads send bursts while a handler
 // runs, which then floods the channel and sends every kind for the last time. What is delivered
 // after that is due to its last sending, and a kind that got lost would never come.
-ISOLATED_TEST(Signals, StormOverAFullChannelLosesOrInventsAKind) {
+void storm_over_a_full_channel() {
     constexpr int kRounds = 2000, kSenders = 2;
     static std::atomic<int> sent[32], round, bursts;
     static int delivered[32], torn;
@@ -271,6 +271,13 @@ ISOLATED_TEST(Signals, StormOverAFullChannelLosesOrInventsAKind) {
     EXPECT_EQ(kRounds, round);
     EXPECT_EQ(0, torn);
     for (int signal = 1; signal < 32; signal++) EXPECT_LE(delivered[signal], sent[signal]);
+}
+
+TEST(Signals, StormOverAFullChannelLosesOrInventsAKind) {
+    if (getenv("TESSRA_EMULATED"))
+        GTEST_SKIP()
+            << "qemu-user spoils the record of SIGIO, and crashes of SIGSEGV and of storms";
+    run_isolated(storm_over_a_full_channel);
 }
 
 ISOLATED_TEST(Signals, ForkedChildSendsIntoTheParentsChannel) {

@@ -1,5 +1,6 @@
 #include "config.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -91,6 +92,23 @@ bool set_bundle_base(std::string& base, std::string_view path) {
     return true;
 }
 
+bool set_credentials(std::string& credentials, std::string_view value) {
+    credentials = value;
+    return value.find(':') != std::string_view::npos;
+}
+
+bool set_dns_server(sockaddr_in& server, std::string_view value) {
+    const std::size_t blank = value.find_first_of(" \t");
+    unsigned int port = 53;
+    if (blank != std::string_view::npos &&
+        !parse_number(trimmed(value.substr(blank)), 65535, port)) {
+        return false;
+    }
+    server.sin_family = AF_INET;
+    server.sin_port = htons(static_cast<in_port_t>(port));
+    return inet_pton(AF_INET, std::string(value.substr(0, blank)).c_str(), &server.sin_addr) == 1;
+}
+
 bool apply_setting(std::string_view key, std::string_view value, Config& config,
                    hashtable_t& commands) {
     if (key == "greeting") {
@@ -114,6 +132,15 @@ bool apply_setting(std::string_view key, std::string_view value, Config& config,
     }
     if (key == "bundle-streams") {
         return parse_number(value, kMaxBundleStreams, config.bundle.streams);
+    }
+    if (key == "credentials") {
+        return set_credentials(config.credentials, value);
+    }
+    if (key == "dns-server") {
+        return set_dns_server(config.dns.server, value);
+    }
+    if (key == "dns-wait-ms") {
+        return parse_number(value, kMaxSettingMs, config.dns.wait_ms);
     }
     if (key == "flag") {
         return set_flag(*config.flags, value);

@@ -11,6 +11,9 @@
  *     bundle = notes.txt      a file or a directory with all below it, from the base on
  *     bundle = photos         one line for each
  *     bundle-streams = 4      how many bundles may be under way
+ *     credentials = user:password   what clients must know, but for /
+ *     dns-server = 192.0.2.53 5353  asked for /resolve; the port is 53 if not said
+ *     dns-wait-ms = 1000      how long it has for its first reply
  *     flag = verbose          logs each request
  *     flag = leak             forgets a block with each greeting, for a look at /leaks
  *
@@ -27,6 +30,7 @@
 #include "bundle.h"
 #include "children.h"
 #include "containers.h"
+#include "resolver.h"
 
 namespace bundled {
 
@@ -38,6 +42,8 @@ struct Config {
     unsigned int idle_ms = 5000;  ///< How long a client may hold a connection without progress.
     ChildLimits command_limits;
     BundleSettings bundle;
+    std::string credentials;  ///< Empty if clients need none.
+    DnsSettings dns;
     TextTable commands = built_in_commands();  ///< Lines for /bin/sh -c by name.
     Flags flags{checked(hashtable_alloc(8))};
 };

@@ -3,20 +3,24 @@
 #
 # Usage: demo.sh BUILD_DIR
 # Ends with status 0 if all answers were right, 1 if some were not, 2 if it couldn't start.
-# Needs bash, curl, unzip and python3.
+# Needs bash, curl, unzip and python3. A DNS server (BIND) is asked if there is one.
 set -u
 
 readonly idle_ms=800
 readonly limit_s=20  # No event that is waited for takes this long unless something is broken.
 work=$(mktemp -d) || exit 2
-readonly work log=$work/log tree=$work/tree
+readonly work log=$work/log tree=$work/tree here=${0%/*}
+export PATH=$here/../../platform/tools:$PATH:/usr/sbin TESSRA_NRV_ENV=$work/variables
 pid=
+helper=     # The name server under way.
+account=()  # What get needs to be let in.
 port=
 failures=0
 checks=0
 
 cleanup() {
     [ -z "$pid" ] || kill -KILL "$pid" 2>/dev/null
+    [ -z "$helper" ] || kill "$helper" 2>/dev/null
     rm -rf "$work"
 }
 trap cleanup EXIT
@@ -69,7 +73,7 @@ ask() {
 }
 
 # get PATH: the body alone, without a word in the transcript.
-get() { curl -s --max-time "$limit_s" "http://127.0.0.1:$port$1"; }
+get() { curl -s "${account[@]}" --max-time "$limit_s" "http://127.0.0.1:$port$1"; }
 
 # status_has REGEX: whether a line of /status matches.
 status_has() { get /status | grep -Eq -- "$1"; }
@@ -175,6 +179,44 @@ END
 
 # --- The scenes ---
 
+# refuses_to_start REGEX ARGUMENT...: ends at once with status 1 and a line that matches.
+refuses_to_start() {
+    show "bundled ${*:2}"
+    answer=$(timeout "$limit_s" "$daemon" "${@:2}" 2>&1)
+    code=$?
+    indent "$(head -n 2 <<<"$answer")"
+    pass_if "status 1, and why" test "$code" = 1 -a -n "$(grep -Ex -- "$1" <<<"$answer")"
+}
+
+starts_once() {
+    title "Start"
+    echo 'hw_rev=7.3' >"$TESSRA_NRV_ENV"
+    echo 'sense = none' >"$work/senseless"
+    start --port 0 --config "$work/config" --pid-file "$work/pid"
+    pass_if "PID file" test "$(cat "$work/pid")" = "$pid"
+    local reason arguments
+    while IFS=$'\t' read -r reason arguments; do
+        # shellcheck disable=SC2086 # Several arguments.
+        refuses_to_start "$reason" $arguments
+    done <<TABLE
+ERROR: PID file '$work/pid' is locked; probably 'bundled' is already running	--port 0 --pid-file $work/pid
+ERROR \[ENOENT No such file or directory\] .*	--pid-file $work/none/pid
+ERROR \[EADDRINUSE .*\] cannot listen on port $port	--port $port
+ERROR: configuration $work/senseless refused: line 1 is .*	--config $work/senseless
+ERROR: configuration $work/none refused: No such file .*	--config $work/none
+Usage: bundled .*	--nonsense
+Command-line usage error: '70000' isn't a number .*	--port 70000
+Command-line usage error: unexpected argument 'now'	now
+TABLE
+    ask /status
+    pass_if "the first one serves on" matches "$answer" '^hardware revision: 7\.3$'
+    stop TERM
+    TESSRA_NRV_ENV='' start --port 0 --config "$work/config" --pid-file "$work/pid"
+    pass_if "its PID file is taken over" test "$(cat "$work/pid")" = "$pid"
+    pass_if "no revision without the variable" status_has '^hardware revision: unknown$'
+    stop TERM
+}
+
 serves_its_pages() {
     title "Pages"
     ask /
@@ -220,6 +262,8 @@ refuses_bad_requests() {
     title "Bad requests"
     ask /nowhere
     pass_if "unknown path" matches "$answer" '^HTTP/1.0 404'
+    ask '/resolve?name=www.example.test'
+    pass_if "no name server" matches "$answer" '^HTTP/1.0 404'
     ask -X DELETE /status
     pass_if "wrong method" matches "$answer" '^HTTP/1.0 405'
     pass_if "allowed methods named" matches "$answer" '^Allow: GET, HEAD'
@@ -246,6 +290,215 @@ refuses_bad_requests() {
 200	\r\nGET /status HTTP/1.1\nHost: me\n\n
 200	GET http://localhost/status HTTP/1.1\r\nHost: localhost\r\n\r\n
 TABLE
+}
+
+asks_for_credentials() {
+    title "Credentials"
+    local status field
+    account=(-u 'user:pass:word')
+    write_config "Good morning" "credentials = ${account[1]}"
+    start --port 0 --config "$work/config"
+    ask /
+    pass_if "the greeting is for all" matches "$answer" '^HTTP/1.0 200'
+    ask /status
+    pass_if "401 without" matches "$answer" '^HTTP/1.0 401'
+    pass_if "says what it wants" matches "$answer" '^WWW-Authenticate: Basic realm="bundled"'
+    ask "${account[@]}" /status
+    pass_if "200 with" matches "$answer" '^HTTP/1.0 200'
+    while IFS=$'\t' read -r status field; do
+        raw "GET /status HTTP/1.0\r\n$field\r\n\r\n"
+        pass_if "$status" matches "$answer" "^HTTP/1.0 $status"
+    done <<TABLE
+200	authorization:  basic   $(printf user:pass:word | base64)
+401	Authorization: Basic $(printf user:pass:worD | base64)
+401	Authorization: Basic $(printf user:pass:wor | base64)
+401	Authorization: Basic $(printf user:pass:words | base64)
+401	Authorization: Basic $(printf user:pass:word%.0s 1 2 | base64)
+401	Authorization: Basic $(printf user:pass:word | base64)=
+401	Authorization: Basic $(printf user:pass:word | base64 | cut -c 1-18)
+401	Authorization: Basic *not*Base64*
+401	Authorization: Basic ====
+401	Authorization: Basic
+401	Authorization: Bearer $(printf user:pass:word | base64)
+400	Authorization: Basic dTpw\r\nAuthorization: Basic dTpw
+TABLE
+    stop TERM
+    account=()
+}
+
+# A name server that goes by the first label, and tells each label and id that it was asked for.
+write_responder() {
+    cat >"$work/responder.py" <<'END'
+import collections, socket, struct
+server, stranger = (socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(2))
+server.bind(("127.0.0.1", 0))
+print(server.getsockname()[1], flush=True)
+seen, together = collections.Counter(), {}
+while True:
+    query, client = server.recvfrom(512)
+
+    def reply(address=None, flags=0x8180, other_id=0, question=query[12:]):
+        header = bytes([query[0], query[1] ^ other_id])
+        header += struct.pack(">5H", flags, 1, bool(address), 0, 0)
+        record = b"\xc0\x0c" + struct.pack(">HHIH", 1, 1, 60, 4)
+        return header + question + (record + socket.inet_aton(address) if address else b"")
+
+    label = query[13:13 + query[12]].decode()
+    seen[label] += 1
+    print(label, query[:2].hex(), flush=True)
+    replies = [reply("192.0.2.1")]
+    if label == "forged":
+        wrong = "192.0.2.66"
+        stranger.sendto(reply(wrong), client)
+        other_name = query[12:].replace(b"forged", b"forget")
+        replies[:0] = [reply(wrong, other_id=1), reply(wrong, question=other_name),
+                       reply(wrong, flags=0x0100), reply(wrong)[:20], b""]
+    elif label.startswith("together"):
+        together[label] = replies[0], client
+        for late in together.values() if len(together) == 3 else ():
+            server.sendto(*late)
+        continue
+    elif label == "silent" or label == "dropped" and seen[label] == 1:
+        continue
+    codes = {"gone": 0x8183, "empty": 0x8180, "broken": 0x8182, "short": 0x8380}
+    if label in codes:
+        replies = [reply(flags=codes[label])]
+    for one in replies:
+        server.sendto(one, client)
+END
+}
+
+# resolves: asks for each name of the table on stdin and compares status and text.
+resolves() {
+    local name status text
+    while IFS=$'\t' read -r name status text; do
+        ask "/resolve?name=$name"
+        pass_if "$name: $status $text" matches "$(tr -d '\r' <<<"$answer" | tr '\n' ' ')" \
+            "^HTTP/1.0 $status .*[ ]$text \$"
+    done
+}
+
+# hold_lookup: asks on $link for a name to which no reply comes.
+hold_lookup() {
+    connect
+    printf 'GET /resolve?name=silent.test HTTP/1.0\r\n\r\n' >&"$link"
+}
+
+looks_names_up() {
+    title "Names"
+    local asked=$work/asked settings i jobs=() links=()
+    write_responder
+    python3 "$work/responder.py" >"$asked" &
+    helper=$!
+    wait_until test -s "$asked" || give_up "no responder"
+    settings="dns-server = 127.0.0.1 $(head -n 1 "$asked")"$'\ndns-wait-ms = '
+    write_config "Good morning" "${settings}200"
+    start --port 0 --config "$work/config"
+    resolves <<TABLE
+plain.test	200	192.0.2.1
+plain.test.	200	192.0.2.1
+dropped.test	200	192.0.2.1
+forged.test	200	192.0.2.1
+gone.test	200	no such name
+empty.test	200	no address
+broken.test	502	the server reports an error
+short.test	502	the reply was cut short
+silent.test	504	no reply
+.	400	no valid name
+a..test	400	no valid name
+a%20b.test	400	no valid name
+$(printf 'x%.0s' {1..64}).test	400	no valid name
+$(printf 'x.%.0s' {1..127})x	400	no valid name
+TABLE
+    pass_if "asked again after a lost reply" test "$(grep -c ^dropped "$asked")" -ge 2
+    pass_if "three tries" test "$(grep -c ^silent "$asked")" -eq 3
+    pass_if "each with an id of its own" test "$(grep ^silent "$asked" | sort -u | wc -l)" -ge 2
+
+    write_config "Good morning" "${settings}60000"
+    show "kill -HUP \$! # with a minute for each reply"
+    kill -HUP "$pid"
+    pass_if "seen" wait_until status_has '^reloads: 1$'
+    show "curl http://127.0.0.1:$port/resolve?name=together1.test & # 2 and 3, too; answered as one"
+    for i in 1 2 3; do
+        get "/resolve?name=together$i.test" >"$work/together$i" &
+        jobs+=($!)
+    done
+    wait "${jobs[@]}"
+    pass_if "three at once" test "$(grep -lx 192.0.2.1 "$work"/together? | wc -l)" -eq 3
+    show "printf 'GET /resolve?name=silent.test ...' >/dev/tcp/127.0.0.1/$port # sixteen times"
+    for i in {1..16}; do
+        hold_lookup
+        links+=("$link")
+    done
+    pass_if "under way" wait_until status_has '^lookups running: 16$'
+    resolves <<<"plain.test"$'\t'"503"$'\t'"try again later"
+    for link in "${links[@]}"; do exec {link}>&-; done
+    pass_if "all gone with their clients" wait_until status_has '^lookups running: 0$'
+    hold_lookup
+    pass_if "one more" wait_until status_has '^lookups running: 1$'
+    stop TERM
+    pass_if "doesn't hold up the end" test "$code" -eq 0
+    exec {link}>&-
+    end_helper
+}
+
+end_helper() {
+    kill "$helper"
+    wait "$helper" 2>/dev/null
+    helper=
+}
+
+# start_named PORT: fails if the port is taken.
+start_named() {
+    cat >"$work/named.conf" <<END
+options {
+    directory "$work"; pid-file none; session-keyfile none; recursion no;
+    listen-on port $1 { 127.0.0.1; }; listen-on-v6 { none; };
+};
+controls {};
+zone "example.test" { type primary; file "$work/zone"; };
+END
+    named -g -n 1 -c "$work/named.conf" >"$work/named.log" 2>&1 &
+    helper=$!
+    wait_until grep -q -e ' running$' -e exiting "$work/named.log"
+    ! grep -q -e 'address in use' -e exiting "$work/named.log" || { end_helper && return 1; }
+}
+
+asks_a_real_server() {
+    title "Names, by a real server"
+    if ! command -v named >/dev/null; then
+        echo "  SKIPPED: named is missing; scripts/setup demo installs it"
+        return
+    fi
+    cat >"$work/zone" <<'END'
+$TTL 60
+$ORIGIN example.test.
+@       SOA ns admin 1 60 60 60 60
+@       NS ns
+ns      A 192.0.2.53
+www     A 192.0.2.2
+six     AAAA 2001:db8::6
+one     CNAME two.sub
+two.sub CNAME www
+END
+    local dns_port i
+    for i in {1..10}; do
+        dns_port=$((20000 + RANDOM % 12000))
+        start_named "$dns_port" && break
+    done
+    [ -n "$helper" ] || give_up "named does not start: $(tail -n 3 "$work/named.log")"
+    write_config "Good morning" "dns-server = 127.0.0.1 $dns_port"
+    start --port 0 --config "$work/config"
+    resolves <<'TABLE'
+www.example.test	200	192.0.2.2
+WWW.Example.Test	200	192.0.2.2
+one.example.test	200	192.0.2.2
+six.example.test	200	no address
+none.example.test	200	no such name
+www.elsewhere.test	502	the server reports an error
+TABLE
+    stop TERM
+    end_helper
 }
 
 bears_slow_clients() {
@@ -454,11 +707,6 @@ ends_cleanly() {
     start --port 0
     stop INT
     pass_if "SIGINT as well" test "$code" -eq 0
-    show "bundled --config $work/config # with the line that makes no sense"
-    answer=$(timeout "$limit_s" "$daemon" --config "$work/config" 2>&1)
-    code=$?
-    indent "$answer"
-    pass_if "a bad configuration stops the start" test "$code" -eq 1
 }
 
 # A "date" that, once the command "overtaken" waits for it, doesn't end before that command has. So
@@ -559,7 +807,7 @@ hunts_leaks() {
     pass_if "two more dumps" dumped 2
     ask_leaks
     local place
-    place=$(grep -n 'Leaks on purpose' "${0%/*}/routes.cpp")
+    place=$(grep -n 'Leaks on purpose' "$here/routes.cpp")
     pass_if "three blocks from line ${place%%:*}, and nothing else" test "$leaks" = \
         $' [\t3\tallocations from routes.cpp\t'"${place%%:*}"$'\t] \n'
     stop TERM
@@ -575,6 +823,7 @@ for tool in curl unzip python3; do
 done
 
 write_config "Good morning"
+starts_once
 start --port 0 --config "$work/config"
 serves_its_pages
 runs_commands
@@ -583,6 +832,9 @@ bears_slow_clients
 bears_many_requests
 reloads
 ends_cleanly
+asks_for_credentials
+looks_names_up
+asks_a_real_server
 notices_every_end
 write_config "Good morning"
 sends_bundles

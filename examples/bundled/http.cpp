@@ -16,6 +16,7 @@ struct Reason {
 constexpr Reason kReasons[] = {
     {200, "OK"},
     {400, "Bad Request"},
+    {401, "Unauthorized"},
     {404, "Not Found"},
     {405, "Method Not Allowed"},
     {408, "Request Timeout"},
@@ -23,6 +24,7 @@ constexpr Reason kReasons[] = {
     {414, "URI Too Long"},
     {431, "Request Header Fields Too Large"},
     {500, "Internal Server Error"},
+    {502, "Bad Gateway"},
     {503, "Service Unavailable"},
     {504, "Gateway Timeout"},
     {505, "HTTP Version Not Supported"},
@@ -156,15 +158,21 @@ int check_body_length(std::string_view value) {
     return empty ? kRequestComplete : 413;
 }
 
-int check_field(std::string_view line) {
+int take_field(std::string_view line, Request& request) {
     const std::size_t colon = line.find(':');
     if (colon == std::string_view::npos || !is_token(line.substr(0, colon)) ||
         has_control_character(line)) {
         return 400;
     }
     const std::string_view name = line.substr(0, colon);
+    const std::string_view value = trimmed(line.substr(colon + 1));
     if (equal_ignoring_case(name, "Content-Length")) {
-        return check_body_length(trimmed(line.substr(colon + 1)));
+        return check_body_length(value);
+    }
+    if (equal_ignoring_case(name, "Authorization")) {
+        const bool repeated = !request.authorization.empty();
+        request.authorization = value;
+        return repeated ? 400 : kRequestComplete;
     }
     return equal_ignoring_case(name, "Transfer-Encoding") ? 413 : kRequestComplete;
 }
@@ -192,7 +200,7 @@ int parse_request(std::string_view bytes, Request& request) {
         if (line.empty()) {
             return kRequestComplete;
         }
-        status = check_field(line);
+        status = take_field(line, request);
     }
     return status;
 }

@@ -16,8 +16,9 @@ constexpr std::size_t kMaxRequestHead = 8192;
 
 struct Request {
     std::string method;
-    std::string path;   ///< Begins with a slash; percent escapes are left as they are.
-    std::string query;  ///< What follows the first question mark.
+    std::string path;           ///< Begins with a slash; percent escapes are left as they are.
+    std::string query;          ///< What follows the first question mark.
+    std::string authorization;  ///< The value of the field, empty without it.
 };
 
 constexpr int kRequestIncomplete = 0;

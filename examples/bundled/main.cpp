@@ -3,6 +3,8 @@
  *
  * A caught signal that arrives while no loop runs is dropped. So the signals are blocked from
  * before they are watched until a timer tells that the loop runs; one that comes early waits.
+ *
+ * What fails at the start ends the process by the library's error functions, without destructors.
  */
 #include <fcntl.h>
 #include <signal.h>
@@ -16,7 +18,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <tessra/create_pid_file.h>
+#include <tessra/error_functions.h>
 #include <tessra/eventloop.h>
+#include <tessra/misc.h>
 
 #include "config.h"
 #include "descriptor.h"
@@ -28,7 +33,6 @@ namespace bundled {
 
 namespace {
 
-constexpr int kExitUsage = 2;
 constexpr int kWatchedSignals[] = {SIGTERM, SIGINT, SIGHUP, SIGUSR1};
 
 struct Life {
@@ -69,15 +73,14 @@ bool mask_watched_signals(int how) {
 }
 
 // Reads the file over the defaults of the command line. After a failure the old settings stand.
-bool configure(const Life& life) {
+bool configure(const Life& life, std::string& error) {
     Config config;
     if (life.options.idle_ms != 0) {
         config.idle_ms = life.options.idle_ms;
     }
     const char* path = life.options.config_path;
-    std::string error;
     if (path != nullptr && !load_config(path, config, error)) {
-        log_line("configuration %s refused: %s", path, error.c_str());
+        error = std::string(path) + " refused: " + error;
         return false;
     }
     life.daemon.server.set_idle_ms(config.idle_ms);
@@ -87,11 +90,13 @@ bool configure(const Life& life) {
 
 void reload(Life& life) {
     Counters& counters = life.daemon.counters;
-    if (configure(life)) {
+    std::string error;
+    if (configure(life, error)) {
         counters.count("reloads");
         log_line("configuration reloaded");
     } else {
         counters.count("reloads refused");
+        log_line("configuration %s", error.c_str());
     }
 }
 
@@ -132,29 +137,54 @@ bool watch_signals(Life& life) {
     return true;
 }
 
+// Asks a tool of the device, which takes its time, so before the loop runs.
+void read_hardware_revision(std::string& revision) {
+    int major = 0;
+    int minor = 0;
+    get_hw_rev(&major, &minor);
+    if (major != 0 || minor != 0) {
+        revision = std::to_string(major) + "." + std::to_string(minor);
+    }
+}
+
+// Ends the process if something fails. The status line's folder comes last, since it would stay.
+void start(Life& life) {
+    const Options& options = life.options;
+    Daemon& daemon = life.daemon;
+    std::string error;
+    if (!configure(life, error)) {
+        fatal("configuration %s", error.c_str());
+    }
+    read_hardware_revision(daemon.hardware);
+    if (!watch_signals(life)) {
+        errExit("cannot watch signals");
+    }
+    if (!daemon.server.listen_on(options.port)) {
+        errExit("cannot listen on port %u", options.port);
+    }
+    if (!arm_timer(on_loop_runs, &life, 0) ||
+        (options.track_ms != 0 && !daemon.leaks.start(options.track_ms))) {
+        errExit("cannot arm the timers");
+    }
+    if (!daemon.status_line.open(options.status_delay_s)) {
+        errExit("cannot make a folder for the status line");
+    }
+    daemon.started_ms = event_get_time();
+}
+
 int run(const Options& options) {
     if (!open_standard_descriptors() || !limit_descriptors()) {
-        log_line("cannot prepare the descriptors: %s", std::strerror(errno));
-        return EXIT_FAILURE;
+        errExit("cannot prepare the descriptors");
+    }
+    if (options.pid_path != nullptr) {
+        (void)createPidFile("bundled", options.pid_path, PID_FILE_CLOEXEC);  // Open to the end.
     }
     set_tracking(options.track_ms != 0);
     Daemon daemon(options.max_connections);
     Life life = {options, daemon};
-    if (!configure(life)) {
-        return EXIT_FAILURE;
-    }
-    if (!watch_signals(life) || !daemon.status_line.open(options.status_delay_s) ||
-        !arm_timer(on_loop_runs, &life, 0) ||
-        (options.track_ms != 0 && !daemon.leaks.start(options.track_ms))) {
-        log_line("cannot start: %s", std::strerror(errno));
-        return EXIT_FAILURE;
-    }
-    if (!daemon.server.listen_on(options.port)) {
-        return EXIT_FAILURE;
-    }
-    daemon.started_ms = event_get_time();
+    start(life);
     if (et_event_loop() != 0) {
-        log_line("the event loop did not start");
+        errMsg("the event loop did not start");
         return EXIT_FAILURE;
     }
     return EXIT_SUCCESS;
@@ -164,13 +194,4 @@ int run(const Options& options) {
 
 }  // namespace bundled
 
-int main(int argc, char** argv) {
-    bundled::Options options;
-    if (!bundled::parse_options(argc, argv, options)) {
-        return bundled::kExitUsage;
-    }
-    if (options.help) {
-        return std::fputs(bundled::usage(), stdout) < 0 ? EXIT_FAILURE : EXIT_SUCCESS;
-    }
-    return bundled::run(options);
-}
+int main(int argc, char** argv) { return bundled::run(bundled::parse_options(argc, argv)); }

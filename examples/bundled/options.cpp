@@ -2,10 +2,13 @@
 
 #include <getopt.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
+#include <tessra/error_functions.h>
+
 #include "config.h"
-#include "log.h"
 
 namespace bundled {
 
@@ -17,6 +20,7 @@ constexpr unsigned int kMaxConnectionLimit = 900;
 constexpr struct option kLongOptions[] = {
     {"port", required_argument, nullptr, 'p'},
     {"config", required_argument, nullptr, 'c'},
+    {"pid-file", required_argument, nullptr, 'f'},
     {"idle-ms", required_argument, nullptr, 'i'},
     {"max-connections", required_argument, nullptr, 'm'},
     {"status-delay", required_argument, nullptr, 's'},
@@ -25,64 +29,70 @@ constexpr struct option kLongOptions[] = {
     {nullptr, 0, nullptr, 0},
 };
 
-bool apply_option(int option, const char* value, Options& options) {
+constexpr char kUsage[] =
+    "bundled [OPTION]...\n"
+    "Serves a bundle of files, a fixed list of commands, names and a status page over HTTP on\n"
+    "127.0.0.1.\n\n"
+    "  --port N             port to listen on; 0, the default, takes a free one\n"
+    "  --config FILE        configuration, read again on SIGHUP\n"
+    "  --pid-file FILE      is locked, so that there is one daemon, and gets its process id\n"
+    "  --idle-ms N          how long a client may go without progress (5000)\n"
+    "  --max-connections N  clients served at a time, up to 900 (64)\n"
+    "  --status-delay N     least seconds between two refreshes of the status line (2)\n"
+    "  --track N            tracks the daemon's memory: /leaks has a report every N ms (off)\n"
+    "  --help               this text\n";
+
+[[noreturn]] void help() {
+    exit(std::printf("Usage: %s", kUsage) < 0 ? EXIT_FAILURE : EXIT_SUCCESS);
+}
+
+void set_number(const char* value, unsigned int max, unsigned int& number) {
+    if (!parse_number(value, max, number)) {
+        cmdLineErr("'%s' isn't a number from 1 to %u\n", value, max);
+    }
+}
+
+void apply_option(int option, const char* value, Options& options) {
     switch (option) {
         case 'p':
-            if (std::strcmp(value, "0") == 0) {
-                options.port = 0;
-                return true;
+            options.port = 0;
+            if (std::strcmp(value, "0") != 0) {
+                set_number(value, 65535, options.port);
             }
-            return parse_number(value, 65535, options.port);
+            return;
         case 'c':
             options.config_path = value;
-            return true;
+            return;
+        case 'f':
+            options.pid_path = value;
+            return;
         case 'i':
-            return parse_number(value, kMaxSettingMs, options.idle_ms);
+            return set_number(value, kMaxSettingMs, options.idle_ms);
         case 'm':
-            return parse_number(value, kMaxConnectionLimit, options.max_connections);
+            return set_number(value, kMaxConnectionLimit, options.max_connections);
         case 's':
-            return parse_number(value, 3600, options.status_delay_s);
+            return set_number(value, 3600, options.status_delay_s);
         case 't':
-            return parse_number(value, kMaxSettingMs, options.track_ms);
+            return set_number(value, kMaxSettingMs, options.track_ms);
         case 'h':
-            options.help = true;
-            return true;
+            help();
         default:
-            return false;  // getopt_long() has written why.
+            usageErr("%s", kUsage);  // getopt_long() has written what is wrong.
     }
 }
 
 }  // namespace
 
-bool parse_options(int argc, char** argv, Options& options) {
+Options parse_options(int argc, char** argv) {
+    Options options;
     int option;
     while ((option = getopt_long(argc, argv, "", kLongOptions, nullptr)) != -1) {
-        if (!apply_option(option, optarg, options)) {
-            if (option != '?') {
-                log_line("bad value: %s", optarg);
-            }
-            return false;
-        }
+        apply_option(option, optarg, options);
     }
     if (optind != argc) {
-        log_line("unexpected argument: %s", argv[optind]);
-        return false;
+        cmdLineErr("unexpected argument '%s'\n", argv[optind]);
     }
-    return true;
-}
-
-const char* usage() {
-    return "Usage: bundled [OPTION]...\n"
-           "Serves a bundle of files, a fixed list of commands and a status page over HTTP on\n"
-           "127.0.0.1.\n\n"
-           "  --port N             port to listen on; 0, the default, takes a free one\n"
-           "  --config FILE        configuration, read again on SIGHUP\n"
-           "  --idle-ms N          how long a client may go without progress (5000)\n"
-           "  --max-connections N  clients served at a time, up to 900 (64)\n"
-           "  --status-delay N     least seconds between two refreshes of the status line (2)\n"
-           "  --track N            tracks the daemon's memory: /leaks has a report every N ms "
-           "(off)\n"
-           "  --help               this text\n";
+    return options;
 }
 
 }  // namespace bundled

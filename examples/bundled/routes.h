@@ -5,6 +5,7 @@
 #include "children.h"
 #include "config.h"
 #include "delivery.h"
+#include "resolver.h"
 #include "server.h"
 #include "status.h"
 #include "tracking.h"
@@ -21,18 +22,23 @@ struct Daemon {
     StatusLine status_line;
     ChildRunner commands;
     Deliveries deliveries;
-    Server server;  ///< Last, so that it goes first: its connections abandon their children.
+    Resolver resolver;
+    Server server;  ///< Last, so that it goes first: its connections abandon their work.
     unsigned long long started_ms = 0;
+    std::string hardware = "unknown";  ///< Its revision.
 };
 
 /**
  * Answers one request, a Server::RequestHandler with a Daemon as argument.
  *
  *     /            the greeting and this table
- *     /status      counters, flags and status line
+ *     /status      counters, flags, hardware revision and status line
  *     /leaks       the latest report of the allocation tracker
  *     /run?NAME    runs the configured command NAME
  *     /bundle.zip  the configured files and directories as one archive
+ *     /resolve?name=NAME  the IPv4 address of NAME, by the configured DNS server
+ *
+ * All but / ask for the credentials if there are any.
  */
 void route_request(void* daemon, Connection& connection, const Request& request);
 

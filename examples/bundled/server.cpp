@@ -68,14 +68,10 @@ Server::~Server() {
 bool Server::listen_on(unsigned int port) {
     listener_.reset(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!listener_.is_open() || !bind_and_listen(listener_.get(), port)) {
-        log_line("cannot listen on port %u: %s", port, std::strerror(errno));
         return false;
     }
     port_ = bound_port(listener_.get());
     accepting_ = listener_.watch(on_client, this, EVENT_FD_READ);
-    if (!accepting_) {
-        log_line("cannot watch the listening socket: %s", std::strerror(errno));
-    }
     return accepting_;
 }
 

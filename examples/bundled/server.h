@@ -25,7 +25,7 @@ public:
     Server& operator=(const Server&) = delete;
     ~Server();
 
-    /** Listens on a loopback port; 0 takes a free one. False with a line in the log. */
+    /** Listens on a loopback port; 0 takes a free one. False: errno tells. */
     bool listen_on(unsigned int port);
     unsigned int port() const { return port_; }
 
