@@ -1,10 +1,11 @@
 # The commands of everyday work; each does its own set-up. CMake does the building.
-.PHONY: help test demo check format clean
+.PHONY: help test demo check bench format clean
 
 help:
 	@echo 'make test     build (preset dev) and run the test suite'
 	@echo 'make demo     build (preset release) and run the demonstration'
 	@echo 'make check    everything that CI runs'
+	@echo 'make bench    build (preset bench) and measure beside peers; prints a table of ratios'
 	@echo 'make format   format all sources'
 	@echo 'make clean    remove everything that was built'
 	@echo 'cmake --list-presets names the other builds.'
@@ -23,6 +24,9 @@ demo:
 
 check:
 	@scripts/check
+
+bench:
+	@scripts/bench
 
 format:
 	@scripts/setup check

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdlib>
 
+#include "binarytree_private.h"
 #include "internal/alloc.h"
 
 namespace tessra {
@@ -85,16 +86,7 @@ Node* previous_of(Node* node) { return neighbour(node, kLeft, kRight); }
 
 Node* search(const BinaryTree* tree, void* key, int& comparison) {
     comparison = 0;
-    if (tree == nullptr) return nullptr;
-    Node* node = nullptr;
-    Node* next = tree->root;
-    while (next != nullptr) {
-        node = next;
-        comparison = tree->compare(node->key, key);
-        if (comparison == 0) break;
-        next = comparison < 0 ? node->left : node->right;
-    }
-    return node;
+    return tree != nullptr ? search_by(tree, key, comparison, tree->compare) : nullptr;
 }
 
 Node* find(const BinaryTree* tree, void* key) {
@@ -104,7 +96,7 @@ Node* find(const BinaryTree* tree, void* key) {
 }
 
 Node* new_leaf(Node* parent, void* key, void* data) {
-    auto* leaf = new_record<Node>();
+    auto* leaf = static_cast<Node*>(new_block(sizeof(Node)));
     if (leaf != nullptr) *leaf = {key, data, nullptr, nullptr, parent, 1};
     return leaf;
 }
@@ -253,6 +245,19 @@ unsigned int slots_of(const BinaryTree* tree) {
 
 }  // namespace
 
+bool insert_at(BinaryTree* tree, Node* parent, int comparison, void* key, void* data) {
+    Node* leaf = new_leaf(parent, key, data);
+    if (leaf == nullptr) return false;
+    if (parent == nullptr) {
+        tree->root = leaf;
+    } else {
+        (comparison < 0 ? parent->left : parent->right) = leaf;
+        climb(tree, parent, Climb::kWhileHeightsChange);
+    }
+    ++tree->itemcount;
+    return true;
+}
+
 }  // namespace tessra
 
 using namespace tessra;
@@ -285,16 +290,7 @@ int BT_insert(BinaryTree* pThis, void* key, void* data) {
     int comparison;
     Node* parent = search(pThis, key, comparison);
     if (parent != nullptr && comparison == 0) return 0;
-    Node* leaf = new_leaf(parent, key, data);
-    if (leaf == nullptr) return -1;
-    if (parent == nullptr) {
-        pThis->root = leaf;
-    } else {
-        (comparison < 0 ? parent->left : parent->right) = leaf;
-        climb(pThis, parent, Climb::kWhileHeightsChange);
-    }
-    ++pThis->itemcount;
-    return 1;
+    return insert_at(pThis, parent, comparison, key, data) ? 1 : -1;
 }
 
 void* BT_find(BinaryTree* pThis, void* tofind) { return data_of(find(pThis, tofind)); }

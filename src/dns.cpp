@@ -125,17 +125,20 @@ int parse_reply(char* rep, char** name, const Target& target) {
 
 using namespace tessra;
 
+// A label's length byte is left open until the label's end.
 int string2name(char* s, char* d) {
     char* const begin = d;
-    for (;;) {
-        const size_t length = strcspn(s, ".");
-        *d++ = static_cast<char>(length);
-        memcpy(d, s, length);
-        d += length;
-        if (s[length] == '\0') break;
-        s += length + 1;
+    char* length = d++;
+    for (;; ++s) {
+        if (*s != '.' && *s != '\0') {
+            *d++ = *s;
+            continue;
+        }
+        *length = static_cast<char>(d - length - 1);
+        length = d++;
+        if (*s == '\0') break;
     }
-    *d++ = '\0';
+    *length = '\0';
     return static_cast<int>(d - begin);
 }
 

@@ -40,11 +40,10 @@ using namespace tessra;
 LinkedList* LL_create(void) { return new_record<LinkedList>(); }
 
 void LL_push(LinkedList* onlist, void* topush) {
-    auto* element = new_record<LinkedListElement>();
+    auto* element = static_cast<LinkedListElement*>(new_block(sizeof(LinkedListElement)));
     if (element == nullptr) return;  // errno tells.
     LinkedListElement* before = onlist->tail;
-    element->value = topush;
-    element->prev = before;
+    *element = {topush, nullptr, before};
     (before != nullptr ? before->next : onlist->head) = element;
     onlist->tail = element;
     ++onlist->itemcount;

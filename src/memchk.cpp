@@ -1,5 +1,7 @@
 // The allocation tracker: live blocks by address, and a report on those that outlive an interval
 // between two dumps. Keys of all trees are bare numbers: addresses of blocks, of file names, lines.
+// What a dump has seen is an array of addresses in walking order: two ordered walks side by side
+// compare it with what is live.
 
 #include "tessra/memchk.h"
 
@@ -10,8 +12,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "binarytree_private.h"
 #include "internal/alloc.h"
-#include "tessra/binarytree.h"
 
 namespace tessra {
 
@@ -27,18 +29,45 @@ struct _allocation {
 static_assert(sizeof(void*) != 4 || sizeof(_allocation) == 20, "the header tells the cost");
 static_assert(sizeof(void*) != 4 || sizeof(BinaryTreeNode) == 24, "the header tells the cost");
 
-// Marks a block of the first dump for which to_ignore had no memory. No group gets that large.
+// The addresses of all blocks that were live at one time, highest first; a block of the heap.
+struct Snapshot {
+    uintptr_t* addresses;
+    size_t count;
+};
+
+// Goes through a snapshot beside a walk over the live blocks.
+class Beside {
+public:
+    explicit Beside(const Snapshot& snapshot)
+        : next_(snapshot.addresses), end_(snapshot.addresses + snapshot.count) {}
+
+    // True if the snapshot has the address, which is lower than that of the last call.
+    bool has(uintptr_t address) {
+        while (next_ != end_ && *next_ > address) ++next_;
+        return next_ != end_ && *next_ == address;
+    }
+
+private:
+    const uintptr_t* next_;
+    const uintptr_t* end_;
+};
+
+// Marks a block of the first dump for whose addresses there was no memory. No group is that large.
 constexpr unsigned int kExcused = UINT_MAX;
 
 constexpr size_t kLineLimit = 254;
 
 constinit bool dumped_before = false;
-constinit BinaryTree* to_ignore = nullptr;            // Addresses of the first dump.
-constinit BinaryTree* old_allocation_tree = nullptr;  // Addresses of the latest dump.
-constinit BinaryTree* allocation_tree = nullptr;      // Records of all live blocks.
+constinit Snapshot to_ignore = {nullptr, 0};        // Addresses of the first dump.
+constinit Snapshot old_allocations = {nullptr, 0};  // Addresses of the latest dump.
+constinit BinaryTree* allocation_tree = nullptr;    // Records of all live blocks.
+
+constexpr int compare(uintptr_t a, uintptr_t b) {
+    return static_cast<int>(a > b) - static_cast<int>(a < b);
+}
 
 int compare_keys(void* a, void* b) {
-    return p_compare(std::bit_cast<uintptr_t>(a), std::bit_cast<uintptr_t>(b));
+    return compare(std::bit_cast<uintptr_t>(a), std::bit_cast<uintptr_t>(b));
 }
 
 void* key_of(const char* file) { return const_cast<char*>(file); }
@@ -55,18 +84,23 @@ void delete_tree(BinaryTree* tree) {
     if (tree != nullptr) BT_delete(tree);
 }
 
-// Calls visit for each entry's data, highest key first. Needs no memory, unlike a cursor.
-template <class Data, class Visit>
-void for_each(BinaryTree* tree, Visit visit) {
+// Calls visit for each node, highest key first. Needs no memory, unlike a cursor.
+template <class Visit>
+void for_each_node(BinaryTree* tree, Visit visit) {
     if (tree == nullptr) return;
     for (BinaryTreeNode* node = leftmost(tree); node != nullptr; node = inordernext(node)) {
-        visit(static_cast<Data*>(node->data));
+        visit(node);
     }
 }
 
-bool survives(const _allocation* record) {
-    return BT_find(old_allocation_tree, record->pointer) != nullptr && record->count != kExcused &&
-           BT_find(to_ignore, record->pointer) == nullptr;
+template <class Data, class Visit>
+void for_each(BinaryTree* tree, Visit visit) {
+    for_each_node(tree, [&visit](BinaryTreeNode* node) { visit(static_cast<Data*>(node->data)); });
+}
+
+BinaryTreeNode* find_allocation(void* pointer, int& comparison) {
+    return search_by(allocation_tree, pointer, comparison,
+                     [](void* a, void* b) { return compare_keys(a, b); });
 }
 
 // The tree of the file's groups, made on first use; null if memory is short.
@@ -93,38 +127,52 @@ bool count_record(BinaryTree* allocations_by_file, _allocation* record) {
     return enter(allocations_by_line, key_of(record->line), record);
 }
 
-// Groups what the report will list. False if memory is short and sites may be missing.
-bool group_survivors(BinaryTree* allocations_by_file) {
+// Room for the addresses of all live blocks; none if memory is short.
+Snapshot new_snapshot() {
+    const size_t count = allocation_tree != nullptr ? allocation_tree->itemcount : 0;
+    if (count == 0) return {nullptr, 0};
+    auto* addresses = static_cast<uintptr_t*>(new_block(count * sizeof(uintptr_t)));
+    return {addresses, count};
+}
+
+// False if there was no room. Such a snapshot isn't taken: the old one stays, and what has come
+// since enters the next.
+bool replace(Snapshot& old, const Snapshot& latest) {
+    if (latest.addresses == nullptr && latest.count != 0) return false;
+    free(old.addresses);
+    old = latest;
+    return true;
+}
+
+// One walk over the live blocks: groups what the report will list, and notes all addresses, if
+// there is room. False if memory is short and sites may be missing.
+bool group_survivors(BinaryTree* allocations_by_file, const Snapshot& latest) {
     bool complete = allocations_by_file != nullptr;
-    for_each<_allocation>(allocation_tree, [&](_allocation* record) {
-        if (survives(record) && !count_record(allocations_by_file, record)) complete = false;
+    Beside old(old_allocations), ignored(to_ignore);
+    uintptr_t* next = latest.addresses;
+    for_each_node(allocation_tree, [&](const BinaryTreeNode* node) {
+        const auto address = std::bit_cast<uintptr_t>(node->key);
+        if (next != nullptr) *next++ = address;
+        if (!old.has(address) || ignored.has(address)) return;
+        auto* record = static_cast<_allocation*>(node->data);
+        if (record->count == kExcused) return;
+        if (!count_record(allocations_by_file, record)) complete = false;
     });
     return complete;
 }
 
-// Excuses every live block. An address that finds no room is excused by a mark in its record.
+// Excuses every live block, by a mark in its record if there is no room for the addresses.
 bool excuse_all() {
-    to_ignore = new_tree();
-    bool complete = to_ignore != nullptr;
-    for_each<_allocation>(allocation_tree, [&](_allocation* record) {
-        if (enter(to_ignore, record->pointer, record->pointer)) return;
-        record->count = kExcused;
-        complete = false;
+    const Snapshot first = new_snapshot();
+    uintptr_t* next = first.addresses;
+    for_each_node(allocation_tree, [&](const BinaryTreeNode* node) {
+        if (next != nullptr) {
+            *next++ = std::bit_cast<uintptr_t>(node->key);
+        } else {
+            static_cast<_allocation*>(node->data)->count = kExcused;
+        }
     });
-    return complete;
-}
-
-// Notes the addresses of all live blocks. A snapshot that would miss some isn't taken; the old one
-// stays, and what has come since enters the next.
-bool take_snapshot() {
-    BinaryTree* new_allocation_tree = new_tree();
-    bool complete = new_allocation_tree != nullptr;
-    for_each<_allocation>(allocation_tree, [&](_allocation* record) {
-        complete = complete && enter(new_allocation_tree, record->pointer, record->pointer);
-    });
-    delete_tree(complete ? old_allocation_tree : new_allocation_tree);
-    if (complete) old_allocation_tree = new_allocation_tree;
-    return complete;
+    return replace(to_ignore, first);
 }
 
 void report_group(int log_level, pLog logfunc, const _allocation* record) {
@@ -159,21 +207,30 @@ char* track_text(char* copy, const char* file, unsigned int line) {
 
 using namespace tessra;
 
-int p_compare(uintptr_t a, uintptr_t b) {
-    return static_cast<int>(a > b) - static_cast<int>(a < b);
-}
+int p_compare(uintptr_t a, uintptr_t b) { return compare(a, b); }
 
 void add_allocation(void* pointer, const char* file, unsigned int line, unsigned int size) {
     if (allocation_tree == nullptr) allocation_tree = new_tree();
     auto* record = new_record<_allocation>();
     if (record == nullptr) return;  // errno tells.
     *record = {pointer, size, file, line, 0};
-    const bool entered =
-        allocation_tree != nullptr && BT_insert(allocation_tree, pointer, record) == 1;
+    int comparison = 0;
+    BinaryTreeNode* parent = nullptr;
+    if (allocation_tree != nullptr) parent = find_allocation(pointer, comparison);
+    const bool known = parent != nullptr && comparison == 0;
+    const bool entered = allocation_tree != nullptr && !known &&
+                         insert_at(allocation_tree, parent, comparison, pointer, record);
     if (!entered) free(record);
 }
 
-void remove_allocation(void* pointer) { free(BT_remove(allocation_tree, pointer)); }
+void remove_allocation(void* pointer) {
+    if (allocation_tree == nullptr) return;
+    int comparison;
+    BinaryTreeNode* node = find_allocation(pointer, comparison);
+    if (node == nullptr || comparison != 0) return;
+    free(node->data);
+    BT_deletenode(allocation_tree, node);
+}
 
 void* memchk_calloc(unsigned int size, unsigned int count, const char* file, unsigned int line) {
     void* block = calloc(count, size);
@@ -201,8 +258,9 @@ void dump_allocation_tree(int log_level, pLog logfunc) {
     const bool excused = dumped_before || excuse_all();
     dumped_before = true;
     BinaryTree* allocations_by_file = new_tree();
-    const bool counted = group_survivors(allocations_by_file);
-    const bool noted = take_snapshot();
+    const Snapshot latest = new_snapshot();
+    const bool counted = group_survivors(allocations_by_file, latest);
+    const bool noted = replace(old_allocations, latest);
     report(log_level, logfunc, allocations_by_file);
     logfunc(log_level, const_cast<char*>("allocation tree - end"));
     errno = excused && counted && noted ? errno_before : ENOMEM;

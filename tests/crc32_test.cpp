@@ -47,6 +47,9 @@ TEST(Crc32, TheKernelIsChosenWhereTheProcessorHasIt) {
     if (!tessra::cpu_has_clmul()) GTEST_SKIP() << "no carry-less multiplication here";
     EXPECT_EQ(crc_by_definition(0, bytes.data(), 256),
               ~tessra::crc32_by_clmul(0xffffffff, bytes.data(), 256));
+    if (!tessra::cpu_has_wide_clmul()) GTEST_SKIP() << "none of twice the width";
+    EXPECT_EQ(crc_by_definition(0, bytes.data(), 256),
+              ~tessra::crc32_by_wide_clmul(0xffffffff, bytes.data(), 256));
 }
 #endif
 

@@ -129,6 +129,8 @@ struct Model {
     std::vector<Timer> timers;
     unsigned long long phase_time = 0;
     int waits = 0, fired = 0;
+    size_t largest = 0;
+    unsigned most = 12, args = 3, spread = 20;  // Few timers, or more than a walk serves.
 
     unsigned below(unsigned bound) { return static_cast<unsigned>(random() % bound); }
     unsigned long long now() const { return fakes.clock_ns / 1000000; }
@@ -144,15 +146,16 @@ void fire_modelled(void* arg) {
 constexpr timer_handler_t kHandlers[] = {fire_modelled<0>, fire_modelled<1>};
 
 void Model::change() {
-    static char args[3];
+    static char places[60];
     const int handler = static_cast<int>(below(2));
-    void* const arg = below(4) ? &args[below(3)] : nullptr;
+    void* const arg = below(args + 1) ? &places[below(args)] : nullptr;
     const auto matches = [&](const Timer& timer) {
         return timer.handler == handler && (!arg || timer.arg == arg);
     };
-    const unsigned action = below(timers.size() < 12 ? 8 : 3);
+    largest = std::max(largest, timers.size());
+    const unsigned action = below(timers.size() < most ? 8 : 3);
     if (action >= 3) {
-        const unsigned timeout = below(3) * below(20);
+        const unsigned timeout = below(3) * below(spread);
         const Timer timer = {now() + timeout, handler, arg};
         timers.insert(std::upper_bound(
                           timers.begin(), timers.end(), timer,
@@ -202,10 +205,12 @@ int Model::wait(const timeval* tv) {
 }
 
 // Jumps, early wake-ups, EINTR and changes at every moment against a sorted vector.
-ISOLATED_TEST(Timers, RandomChangesFireTheWrongOnes) {
+void compare_with_model(unsigned most, unsigned args) {
     const unsigned seed = std::random_device()();
     SCOPED_TRACE(seed);
     model.random.seed(seed);
+    model.most = most;
+    model.args = args;
     set_clock(kNow);
     fakes.on_select = [](int, fd_set* rset, fd_set*, fd_set*, timeval* tv) {
         FD_ZERO(rset);
@@ -213,6 +218,15 @@ ISOLATED_TEST(Timers, RandomChangesFireTheWrongOnes) {
     };
     EXPECT_EQ(0, et_event_loop());
     EXPECT_GT(model.fired, 5000);
+}
+
+ISOLATED_TEST(Timers, RandomChangesFireTheWrongOnes) { compare_with_model(12, 3); }
+
+// Enough of them for the express lanes and for a table that grows.
+ISOLATED_TEST(Timers, RandomChangesOfManyFireTheWrongOnes) {
+    model.spread = 2000;
+    compare_with_model(600, 60);
+    EXPECT_GT(model.largest, 64u);
 }
 
 }  // namespace

@@ -167,7 +167,10 @@ hashtable_t* hashtable_alloc(int elements);
 
 /** Returns the head of the bucket of @p hash, number @p hash modulo size, for a dll_foreach(). */
 static inline list_t* hashtable_get_bucket(hashtable_t* ht, unsigned int hash) {
-    return &ht->hashlist[hash % (unsigned int)ht->size].list;
+    const unsigned int size = (unsigned int)ht->size;
+    const unsigned int mask =
+        size - 1; /* Of a power of two; small processors divide in software. */
+    return &ht->hashlist[(size & mask) == 0 ? hash & mask : hash % size].list;
 }
 
 /**

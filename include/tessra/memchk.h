@@ -41,9 +41,9 @@
  * Cost. A wrapper's allocation and its memchk_free() take, besides their own, two more pairs of
  * malloc() and free(), and two ways down and up a balanced tree of all live blocks, of about log2
  * of their number steps each. With 32-bit pointers a live block takes 44 bytes in two blocks of the
- * allocator, 24 more in another if the latest dump found it, and again 24 if the first one did; a
- * dump takes 24 per live block and a little per call site while it runs. The records go with their
- * block, what dumps remember stays until the process ends.
+ * allocator, 4 more if the latest dump found it, and again 4 if the first one did, in one block per
+ * dump; a dump takes 4 per live block and a little per call site while it runs. The records go with
+ * their block, what dumps remember stays until the process ends.
  *
  * Threads: no locks. A daemon with several threads holds one mutex of its own around every call,
  * the dump included; p_compare() alone may run anywhere, any time. Signal handlers: never, since

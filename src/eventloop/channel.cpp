@@ -216,6 +216,7 @@ void channel_end(event_loop_ctx_t& el_ctx) {
 void channel_discard_leftover(event_loop_ctx_t& el_ctx) { close_if_open(el_ctx.pong_fd); }
 
 void ping_eventloop(event_loop_ctx_tp el_ctx, char data) {
+    if (el_ctx->ping_fd.load() == kNoFd) return;
     const ErrnoKeeper keep_errno;
     const InsideGate inside(channel_gate);
     const int fd = el_ctx->ping_fd.load();

@@ -42,6 +42,17 @@ struct WatchedSets {
     bool stale;
 };
 
+// Ways past most timers of a long list; see timers.cpp. Every timer has a bucket once there is a
+// table, and one in four is on the first express lane, one in four of those on the next.
+constexpr unsigned int kTimerLanes = 6;
+struct TimerIndex {
+    list_t lanes[kTimerLanes];
+    list_t* buckets;  // Null while timers are few, and if memory is short.
+    unsigned int bucket_count;
+    unsigned int adds_to_check;  // Until the table is looked at again.
+    uint32_t dice;
+};
+
 }  // namespace tessra
 
 struct event_loop_ctx {
@@ -55,7 +66,7 @@ struct event_loop_ctx {
     std::atomic<pthread_t> eloopthread;
     std::atomic<unsigned char> async_loop_started;
     std::atomic<pthread_t> async_loop;
-    recursive_mutex timerlist_mutex;    // Guards timer_queue.
+    recursive_mutex timerlist_mutex;    // Guards timer_queue and timer_index.
     recursive_mutex eventlists_mutex;   // Guards fd_queue, signal_queue and watched.
     recursive_mutex processlist_mutex;  // Guards process_queue.
     int do_events_reentrance;           // The loop's thread only.
@@ -63,6 +74,7 @@ struct event_loop_ctx {
     tessra::WatchedSets watched;
     tessra::PendingSignals* pending;  // Beside the context; for as long as it lives.
     bool pending_turn;  // Let one of them go before the next message. The loop's thread only.
+    tessra::TimerIndex timer_index;
 };
 
 namespace tessra {
@@ -76,8 +88,10 @@ struct event_timer_t {
     timer_handler_t handler;
     void* arg;
     Milliseconds time;
+    list_t bucket;  // Node among the timers with the same hash of handler and argument.
     int locked;
     int to_be_deleted;
+    unsigned int lanes;  // Nodes on express lanes follow the record.
 };
 
 struct event_fd_t {
@@ -119,6 +133,7 @@ int channel_take_message(const event_loop_ctx_t& el_ctx, siginfo_t& info);
 void channel_send_signal(int sig, const siginfo_t& info);
 
 // timers.cpp
+void unlink_entry(event_timer_t* timer);
 bool timer_add(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg, Milliseconds timeout);
 void update_timers(event_loop_ctx_tp el_ctx, long long int tdiff);
 timeval* timer_timeout(event_loop_ctx_tp el_ctx, Milliseconds now, timeval& timeout);

@@ -9,7 +9,7 @@ pthread_mutex_t rec_mutex = PTHREAD_MUTEX_INITIALIZER;
 void recursive_mutex_lock(recursive_mutex* tolock) {
     const pthread_t self = pthread_self();
     (void)pthread_mutex_lock(&rec_mutex);
-    if (!pthread_equal(tolock->owner, self)) {
+    if (!pthread_equal(tolock->owner, self) && pthread_mutex_trylock(&tolock->mutex) != 0) {
         // The wait for another holder must not stop the bookkeeping of all other locks.
         (void)pthread_mutex_unlock(&rec_mutex);
         (void)pthread_mutex_lock(&tolock->mutex);

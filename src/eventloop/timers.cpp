@@ -1,4 +1,10 @@
 // Timers: one list per context, sorted by deadline, those with equal deadlines in order of adding.
+//
+// The list is all that counts: walks, pins and marks are as on the other lists. Beside it stand two
+// ways to find a place in it when it is long. Express lanes are sorted lists of ever fewer of the
+// timers (W. Pugh, "Skip Lists", 1990), by which a place is found in logarithmic time. A table finds
+// the timers of a handler and an argument. Both are made of nodes in the records, so that a timer
+// leaves them without being looked for, and a table that finds no memory is done without.
 
 #include "eventloop/eventloop_private.h"
 #include "eventloop/watch_list.h"
@@ -20,31 +26,137 @@ long long int clamp_distance(long long int tdiff) {
     return tdiff;
 }
 
-// The entry behind which a timer with this deadline belongs; the head if it comes first. Searched
-// from the tail, where nearly every new timer belongs.
-list_t* place_for(list_t& queue, Milliseconds deadline) {
-    list_t* before = queue.prev;
-    while (before != &queue && entry_of<event_timer_t>(before)->time > deadline) {
-        before = before->prev;
+constexpr unsigned int kFewTimers = 32;  // Up to here a walk costs less than a table.
+constexpr unsigned int kFirstBuckets = 64;
+
+// Lane 0 is the queue itself.
+list_t* node_on(event_timer_t* timer, unsigned int lane) {
+    return lane == 0 ? &timer->list : reinterpret_cast<list_t*>(timer + 1) + (lane - 1);
+}
+
+event_timer_t* timer_on(list_t* node, unsigned int lane) {
+    if (lane == 0) return entry_of<event_timer_t>(node);
+    return reinterpret_cast<event_timer_t*>(node - (lane - 1)) - 1;
+}
+
+// One timer in four gets a lane more. Any generator does that has no rhythm.
+unsigned int throw_lanes(TimerIndex& index) {
+    index.dice = index.dice * 1664525U + 1013904223U;
+    return static_cast<unsigned int>(__builtin_ctz(index.dice >> 16 | 1U << 2 * kTimerLanes)) / 2;
+}
+
+list_t* lane_head(event_loop_ctx_tp el_ctx, unsigned int lane) {
+    return lane == 0 ? &el_ctx->timer_queue : &el_ctx->timer_index.lanes[lane - 1];
+}
+
+// Links a timer in behind all that aren't later. The search begins at the tail, where nearly every
+// new timer belongs, and on the lane with the longest steps; the last one seen to be later is where
+// the next lane goes on.
+void enqueue_locked(event_loop_ctx_tp el_ctx, event_timer_t* timer) {
+    list_t& queue = el_ctx->timer_queue;
+    const bool is_last =
+        queue.prev == &queue || entry_of<event_timer_t>(queue.prev)->time <= timer->time;
+    if (is_last && timer->lanes == 0) return list_add_tail(&queue, &timer->list);
+    event_timer_t* later = nullptr;
+    for (unsigned int lane = kTimerLanes + 1; lane-- > 0;) {
+        list_t* const head = lane_head(el_ctx, lane);
+        list_t* after = later != nullptr ? node_on(later, lane) : head;
+        while (after->prev != head && timer_on(after->prev, lane)->time > timer->time) {
+            after = after->prev;
+            later = timer_on(after, lane);
+        }
+        if (lane <= timer->lanes) list_insert(node_on(timer, lane), after->prev, after);
     }
-    return before;
+}
+
+list_t& bucket_of(TimerIndex& index, timer_handler_t handler, const void* arg) {
+    const auto bits = reinterpret_cast<uintptr_t>(handler) + reinterpret_cast<uintptr_t>(arg);
+    const auto hash = static_cast<uint32_t>(bits >> 2) * 0x9e3779b1U;
+    return index.buckets[(hash >> 16 ^ hash) & (index.bucket_count - 1)];
+}
+
+event_timer_t* timer_of_bucket(list_t* node) {
+    return reinterpret_cast<event_timer_t*>(reinterpret_cast<char*>(node) -
+                                            offsetof(event_timer_t, bucket));
+}
+
+void enter_bucket(TimerIndex& index, event_timer_t* timer) {
+    if (index.buckets == nullptr) {
+        list_init(&timer->bucket);
+    } else {
+        list_add_tail(&bucket_of(index, timer->handler, timer->arg), &timer->bucket);
+    }
+}
+
+void grow_table_locked(event_loop_ctx_tp el_ctx, unsigned int bucket_count) {
+    TimerIndex& index = el_ctx->timer_index;
+    const ErrnoKeeper keep_errno;
+    auto* buckets = static_cast<list_t*>(new_block(bucket_count * sizeof(list_t)));
+    if (buckets == nullptr) return;
+    free(index.buckets);
+    index.buckets = buckets;
+    index.bucket_count = bucket_count;
+    for (unsigned int n = 0; n < bucket_count; ++n) list_init(&buckets[n]);
+    list_t* node;
+    dll_foreach(node, &el_ctx->timer_queue) enter_bucket(index, entry_of<event_timer_t>(node));
+}
+
+// Every so many adds the timers are counted, and two in a bucket are enough. Nothing else counts
+// them, so that a timer can leave without knowing its context.
+void check_table_locked(event_loop_ctx_tp el_ctx) {
+    TimerIndex& index = el_ctx->timer_index;
+    if (index.adds_to_check-- != 0) return;
+    unsigned int count = 0;
+    list_t* node;
+    dll_foreach(node, &el_ctx->timer_queue) ++count;
+    const unsigned int doubled = index.bucket_count != 0 ? 2 * index.bucket_count : kFirstBuckets;
+    if (count > kFewTimers && count > index.bucket_count) grow_table_locked(el_ctx, doubled);
+    index.adds_to_check = count > kFewTimers ? count / 2 : kFewTimers / 2;
+}
+
+void start_index_locked(TimerIndex& index) {
+    for (list_t& lane : index.lanes) list_init(&lane);
+    index.adds_to_check = kFewTimers;
 }
 
 bool matches(const event_timer_t* timer, timer_handler_t handler, const void* arg) {
     return timer->handler == handler && (arg == nullptr || timer->arg == arg);
 }
 
+// Calls visit() for the armed and the marked timers of a handler and an argument.
+template <class Visit>
+void for_each_match(event_loop_ctx_tp el_ctx, timer_handler_t handler, const void* arg,
+                    Visit visit) {
+    TimerIndex& index = el_ctx->timer_index;
+    const bool by_bucket = arg != nullptr && index.buckets != nullptr;
+    list_t* node;
+    dll_foreach(node, by_bucket ? &bucket_of(index, handler, arg) : &el_ctx->timer_queue) {
+        auto* timer = by_bucket ? timer_of_bucket(node) : entry_of<event_timer_t>(node);
+        if (matches(timer, handler, arg)) visit(timer);
+    }
+}
+
 }  // namespace
 
 bool timer_add(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg, Milliseconds timeout) {
-    auto* timer = new_record<event_timer_t>();
-    if (timer == nullptr) return false;
-    *timer = {{}, handler, arg, event_get_time() + timeout, 0, 0};
     const RecursiveLock lock(el_ctx->timerlist_mutex);
-    list_t* before = place_for(el_ctx->timer_queue, timer->time);
-    list_insert(&timer->list, before, before->next);
+    TimerIndex& index = el_ctx->timer_index;
+    if (index.lanes[0].next == nullptr) start_index_locked(index);
+    const unsigned int lanes = throw_lanes(index);
+    auto* timer =
+        static_cast<event_timer_t*>(new_block(sizeof(event_timer_t) + lanes * sizeof(list_t)));
+    if (timer == nullptr) return false;
+    *timer = {{}, handler, arg, event_get_time() + timeout, {}, 0, 0, lanes};
+    enqueue_locked(el_ctx, timer);
+    enter_bucket(index, timer);
+    check_table_locked(el_ctx);
     ping_eventloop(el_ctx, kWakeUp);
     return true;
+}
+
+void unlink_entry(event_timer_t* timer) {
+    for (unsigned int lane = 0; lane <= timer->lanes; ++lane) list_delete(node_on(timer, lane));
+    list_delete(&timer->bucket);
 }
 
 void update_timers(event_loop_ctx_tp el_ctx, long long int tdiff) {
@@ -76,7 +188,7 @@ void run_due_timers(event_loop_ctx_tp el_ctx) {
     bool fired;
     auto fire_if_due = [&](event_timer_t* timer) {
         if (timer->time > current_time) return false;
-        list_delete(&timer->list);
+        unlink_entry(timer);
         lock.unlock();
         timer->handler(timer->arg);
         free(timer);
@@ -93,6 +205,8 @@ void run_due_timers(event_loop_ctx_tp el_ctx) {
 void event_timer_free(event_loop_ctx_tp el_ctx) {
     const RecursiveLock lock(el_ctx->timerlist_mutex);
     free_all<event_timer_t>(el_ctx->timer_queue);
+    free(el_ctx->timer_index.buckets);
+    el_ctx->timer_index = {};
 }
 
 }  // namespace tessra
@@ -110,11 +224,7 @@ void event_timer_add(timer_handler_t handler, void* arg, long long unsigned int 
 
 void event_timer_del_mc(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg) {
     const RecursiveLock lock(el_ctx->timerlist_mutex);
-    list_t* node;
-    dll_foreach(node, &el_ctx->timer_queue) {
-        auto* timer = entry_of<event_timer_t>(node);
-        if (matches(timer, handler, arg)) delete_or_mark(timer);
-    }
+    for_each_match(el_ctx, handler, arg, [](event_timer_t* timer) { delete_or_mark(timer); });
     ping_eventloop(el_ctx, kWakeUp);
 }
 
@@ -124,10 +234,11 @@ void event_timer_del(timer_handler_t handler, void* arg) {
 
 int event_timer_exists_mc(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg) {
     const RecursiveLock lock(el_ctx->timerlist_mutex);
-    const auto* armed = find_first<event_timer_t>(el_ctx->timer_queue, [=](event_timer_t* timer) {
-        return matches(timer, handler, arg) && !timer->to_be_deleted;
+    int armed = 0;
+    for_each_match(el_ctx, handler, arg, [&armed](const event_timer_t* timer) {
+        if (!timer->to_be_deleted) armed = 1;
     });
-    return armed != nullptr ? 1 : 0;
+    return armed;
 }
 
 int event_timer_exists(timer_handler_t handler, void* arg) {

@@ -26,9 +26,15 @@ Entry* entry_of(list_t* node) {
     return reinterpret_cast<Entry*>(node);
 }
 
+// Timers are on other lists too, and have their own.
+template <class Entry>
+void unlink_entry(Entry* entry) {
+    list_delete(&entry->list);
+}
+
 template <class Entry>
 void unlink_and_free(Entry* entry) {
-    list_delete(&entry->list);
+    unlink_entry(entry);
     free(entry);
 }
 

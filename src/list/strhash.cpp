@@ -11,7 +11,6 @@ namespace tessra {
 namespace {
 
 constexpr size_t kBlock = 12;
-constexpr size_t kWordsWithoutLength = 8;  // Bytes of a and b; c's lowest byte has the length.
 
 struct Words {
     uint32_t a, b, c;
@@ -29,14 +28,14 @@ constexpr void mix(Words& w) {
     w.c -= w.a, w.c -= w.b, w.c ^= w.b >> 15;
 }
 
-// Byte by byte: a string begins anywhere, and the result is the same on every machine.
-template <class Byte>
-constexpr uint32_t little_endian(const Byte* bytes) {
-    uint32_t word = 0;
-    for (unsigned int n = 0; n < 4; n++) {
-        word |= uint32_t{static_cast<unsigned char>(bytes[n])} << 8 * n;
-    }
-    return word;
+constexpr uint32_t byte_at(const char* byte, unsigned int place) {
+    return uint32_t{static_cast<unsigned char>(*byte)} << 8 * place;
+}
+
+// Byte by byte: a string begins anywhere, and the result is the same on every machine. Written out,
+// since compilers make one load of that where they may.
+constexpr uint32_t little_endian(const char* b) {
+    return byte_at(b, 0) | byte_at(b + 1, 1) | byte_at(b + 2, 2) | byte_at(b + 3, 3);
 }
 
 constexpr void add_block(Words& w, const char* bytes) {
@@ -46,14 +45,54 @@ constexpr void add_block(Words& w, const char* bytes) {
     mix(w);
 }
 
+// The last 0 to 11 bytes. The lowest one of c is for the length.
+constexpr void add_tail(Words& w, const char* b, size_t rest) {
+    switch (rest) {
+        case 11:
+            w.c += byte_at(b + 10, 3);
+            [[fallthrough]];
+        case 10:
+            w.c += byte_at(b + 9, 2);
+            [[fallthrough]];
+        case 9:
+            w.c += byte_at(b + 8, 1);
+            [[fallthrough]];
+        case 8:
+            w.b += byte_at(b + 7, 3);
+            [[fallthrough]];
+        case 7:
+            w.b += byte_at(b + 6, 2);
+            [[fallthrough]];
+        case 6:
+            w.b += byte_at(b + 5, 1);
+            [[fallthrough]];
+        case 5:
+            w.b += byte_at(b + 4, 0);
+            [[fallthrough]];
+        case 4:
+            w.a += byte_at(b + 3, 3);
+            [[fallthrough]];
+        case 3:
+            w.a += byte_at(b + 2, 2);
+            [[fallthrough]];
+        case 2:
+            w.a += byte_at(b + 1, 1);
+            [[fallthrough]];
+        case 1:
+            w.a += byte_at(b, 0);
+            break;
+        default:
+            break;
+    }
+    mix(w);
+}
+
 constexpr uint32_t lookup2(const char* bytes, size_t length) {
     Words w = {0x9e3779b9, 0x9e3779b9, 0xdeadbeef};
     size_t rest = length;
     for (; rest >= kBlock; rest -= kBlock, bytes += kBlock) add_block(w, bytes);
     w.c += static_cast<uint32_t>(length);
-    char tail[kBlock] = {};
-    for (size_t n = 0; n < rest; n++) tail[n < kWordsWithoutLength ? n : n + 1] = bytes[n];
-    add_block(w, tail);
+    add_tail(w, bytes, rest);
     return w.c;
 }
 

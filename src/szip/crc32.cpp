@@ -10,7 +10,14 @@ namespace tessra {
 namespace {
 
 constexpr uint32_t kPolynomial = 0xedb88320;  // Bit-reversed: x^31 is bit 0.
-constexpr size_t kStep = 8;                   // Bytes that one round takes: 8 KiB of tables.
+
+// Bytes that one round takes, and KiB of tables. On the device 8 would save under 3 % of the
+// instructions, and take twice the place in a small cache.
+#if defined(__arm__)
+constexpr size_t kStep = 4;
+#else
+constexpr size_t kStep = 8;
+#endif
 
 using Row = std::array<uint32_t, 256>;
 
@@ -59,6 +66,13 @@ uint32_t load_le32(const uint8_t* p) {
     return word;
 }
 
+// The effect of four bytes that kBehind more follow.
+template <size_t kBehind>
+uint32_t add_word(uint32_t word) {
+    return kRows[kBehind + 3][word & 0xff] ^ kRows[kBehind + 2][word >> 8 & 0xff] ^
+           kRows[kBehind + 1][word >> 16 & 0xff] ^ kRows[kBehind][word >> 24];
+}
+
 }  // namespace
 
 uint32_t crc32_by_tables(uint32_t state, const uint8_t* p, size_t size) {
@@ -66,11 +80,12 @@ uint32_t crc32_by_tables(uint32_t state, const uint8_t* p, size_t size) {
         state = add_byte(state, *p++);
     }
     for (; size >= kStep; size -= kStep, p += kStep) {
-        const uint32_t a = state ^ load_le32(p);
-        const uint32_t b = load_le32(p + 4);
-        state = kRows[7][a & 0xff] ^ kRows[6][a >> 8 & 0xff] ^ kRows[5][a >> 16 & 0xff] ^
-                kRows[4][a >> 24] ^ kRows[3][b & 0xff] ^ kRows[2][b >> 8 & 0xff] ^
-                kRows[1][b >> 16 & 0xff] ^ kRows[0][b >> 24];
+        const uint32_t a = add_word<kStep - 4>(state ^ load_le32(p));
+        if constexpr (kStep == 8) {
+            state = a ^ add_word<0>(load_le32(p + 4));
+        } else {
+            state = a;
+        }
     }
     for (; size > 0; size--) {
         state = add_byte(state, *p++);
@@ -84,7 +99,8 @@ u_int32_t calc_crc32(u_int32_t crc, const void* buf, size_t size) {
 #if defined(__x86_64__)
     if (size >= kClmulMin && cpu_has_clmul()) {
         const size_t blocks = size - size % kClmulBlock;
-        state = crc32_by_clmul(state, p, blocks);
+        const bool wide = blocks >= kWideClmulMin && cpu_has_wide_clmul();
+        state = wide ? crc32_by_wide_clmul(state, p, blocks) : crc32_by_clmul(state, p, blocks);
         p += blocks;
         size -= blocks;
     }

@@ -21,6 +21,11 @@ inline constexpr size_t kClmulBlock = 16;
 inline constexpr size_t kClmulMin = 64;
 bool cpu_has_clmul();
 uint32_t crc32_by_clmul(uint32_t state, const uint8_t* p, size_t size);
+
+// The same on registers of twice the width, from 128 bytes on.
+inline constexpr size_t kWideClmulMin = 128;
+bool cpu_has_wide_clmul();
+uint32_t crc32_by_wide_clmul(uint32_t state, const uint8_t* p, size_t size);
 #endif
 
 }  // namespace tessra

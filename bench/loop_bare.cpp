@@ -1,0 +1,101 @@
+// The raw limit: select() on sets that are built once, and a walk over what is ready.
+#include <sys/select.h>
+#include <sys/signalfd.h>
+
+#include <cstring>
+
+#include "loop_operations.h"
+
+namespace bench {
+
+namespace {
+
+struct Bare {
+    static constexpr bool kBlockedSignals = true;
+
+    struct Watcher {
+        int fd;
+        Hook hook;
+    };
+    std::vector<Watcher> watchers;
+    fd_set kept;
+    int max_fd = -1;
+    bool running = false;
+    Pipe channel;
+
+    Bare() {
+        FD_ZERO(&kept);
+        watch(channel.ends[0], hook<Bare, &Bare::awake>(this));
+    }
+    void awake() { channel.take(); }
+    void watch(int fd, Hook hook) {
+        watchers.push_back({fd, hook});
+        FD_SET(fd, &kept);
+        max_fd = std::max(max_fd, fd);
+    }
+    void run() {
+        for (running = true; running;) {
+            fd_set ready = kept, write_ready, except_ready;
+            FD_ZERO(&write_ready);
+            FD_ZERO(&except_ready);
+            if (select(max_fd + 1, &ready, &write_ready, &except_ready, nullptr) <= 0) continue;
+            for (const Watcher& watcher : watchers) {
+                if (FD_ISSET(watcher.fd, &ready)) watcher.hook();
+            }
+        }
+    }
+    void stop() { running = false; }
+};
+
+// A byte to a thread in select() and an answer.
+void wake(Loop& loop) {
+    Pipe up, down;
+    std::thread thread([&] {
+        fd_set set;
+        FD_ZERO(&set);
+        for (char byte = 0; byte != 'e';) {
+            FD_SET(up.ends[0], &set);
+            if (select(up.ends[0] + 1, &set, nullptr, nullptr, nullptr) <= 0) continue;
+            (void)!read(up.ends[0], &byte, 1);
+            down.put();
+        }
+    });
+    fcntl(down.ends[0], F_SETFL, 0);
+    loop.each([&] { up.put(), down.take(); });
+    (void)!write(up.ends[1], "e", 1);
+    thread.join();
+}
+
+void signals(Loop& loop) {
+    sigset_t set;
+    sigemptyset(&set), sigaddset(&set, SIGUSR1);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    const int fd = signalfd(-1, &set, SFD_CLOEXEC);
+    loop.each([&] {
+        kill(getpid(), SIGUSR1);
+        fd_set ready;
+        FD_ZERO(&ready);
+        FD_SET(fd, &ready);
+        signalfd_siginfo info;
+        if (select(fd + 1, &ready, nullptr, nullptr, nullptr) == 1)
+            (void)!read(fd, &info, sizeof info);
+    });
+    close(fd);
+    sigprocmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+}  // namespace
+
+void add_bare() {
+    add_loop<Bare>("bare select");
+    add("wake-up from another thread", "bare pipes", wake, {1, Clock::kWall});
+    add("signal", "bare signalfd", signals);
+    add("child", "bare waitpid", [](Loop& loop) {
+        loop.each([] {
+            int status;
+            (void)waitpid(short_child(), &status, 0);
+        });
+    });
+}
+
+}  // namespace bench

@@ -1,0 +1,30 @@
+// What the tree offers to modules that stand on it and know their comparison.
+#ifndef TESSRA_BINARYTREE_PRIVATE_H
+#define TESSRA_BINARYTREE_PRIVATE_H
+
+#include "tessra/binarytree.h"
+
+namespace tessra {
+
+// The node where the search for a key ends, and how it compares: 0 if it has that key. Null on an
+// empty tree.
+template <class Compare>
+BinaryTreeNode* search_by(const BinaryTree* tree, void* key, int& comparison, Compare compare) {
+    comparison = 0;
+    BinaryTreeNode* node = nullptr;
+    BinaryTreeNode* next = tree->root;
+    while (next != nullptr) {
+        node = next;
+        comparison = compare(node->key, key);
+        if (comparison == 0) break;
+        next = comparison < 0 ? node->left : node->right;
+    }
+    return node;
+}
+
+// Inserts where such a search has ended without finding the key. False if memory is short.
+bool insert_at(BinaryTree* tree, BinaryTreeNode* parent, int comparison, void* key, void* data);
+
+}  // namespace tessra
+
+#endif
