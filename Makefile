@@ -1,11 +1,16 @@
 # The commands of everyday work; each does its own set-up. CMake does the building.
-.PHONY: help test demo check bench format clean
+.PHONY: help test demo cross check bench size docs abi packages format clean
 
 help:
 	@echo 'make test     build (preset dev) and run the test suite'
 	@echo 'make demo     build (preset release) and run the demonstration'
+	@echo 'make cross    build and test for ARM and for other C libraries'
 	@echo 'make check    everything that CI runs'
 	@echo 'make bench    build (preset bench) and measure beside peers; prints a table of ratios'
+	@echo 'make size     text, data, stack and heap on 32-bit ARM, beside the recorded ones'
+	@echo 'make docs     build (preset release) the reference: pages to browse and manual pages'
+	@echo 'make abi      compare names and layouts with those of the last release'
+	@echo 'make packages build Debian packages into build/packages'
 	@echo 'make format   format all sources'
 	@echo 'make clean    remove everything that was built'
 	@echo 'cmake --list-presets names the other builds.'
@@ -22,11 +27,35 @@ demo:
 	cmake --build --preset release
 	@examples/bundled/demo.sh build/release
 
+cross:
+	@scripts/setup cross
+	@scripts/cross/check
+
 check:
 	@scripts/check
 
 bench:
 	@scripts/bench
+
+size:
+	@scripts/setup check cross
+	@scripts/size
+
+docs:
+	@scripts/setup check
+	cmake --preset release
+	cmake --build --preset release
+	cmake --build --preset release --target docs
+	@echo 'To browse: build/release/docs/html/index.html'
+	@echo 'To read:   man -M build/release/docs/man 7 tessra'
+
+abi:
+	@scripts/setup check cross
+	@scripts/abi
+
+packages:
+	@scripts/setup check
+	@scripts/packages
 
 format:
 	@scripts/setup check

@@ -56,6 +56,7 @@ extern "C" {
  */
 typedef int (*BTCompare)(void* stored, void* wanted);
 
+/** An entry of a tree. */
 typedef struct BTNodeStruct BinaryTreeNode;
 
 /** One entry; a heap block that the tree owns. The fields are there to be read. */

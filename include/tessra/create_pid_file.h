@@ -11,8 +11,10 @@ extern "C" {
 
 #pragma GCC visibility push(default)
 
-/** For @c flags of createPidFile(): the descriptor is closed on exec. */
-enum { PID_FILE_CLOEXEC = 1 };
+/** For @c flags of createPidFile(). */
+enum {
+    PID_FILE_CLOEXEC = 1 /**< The descriptor is closed on exec. */
+};
 
 /**
  * Locks the PID file, creating it with mode 0600 (less the umask) if there is none, and writes the

@@ -48,21 +48,21 @@ typedef struct __attribute__((packed, may_alias)) {
         unsigned short raw; /**< All flags. */
         struct __attribute__((packed)) {
             unsigned int reply_code : 4; /**< 0: no error, 2: server failed, 3: no such name. */
-            unsigned int accept_unauthenticated : 1;
-            unsigned int answer_authenticated : 1;
-            unsigned int zero : 1;
-            unsigned int recursion_available : 1;
-            unsigned int recursion_desired : 1;
-            unsigned int truncated : 1; /**< Records are missing: ask again over TCP. */
-            unsigned int authoritative : 1;
-            unsigned int opcode : 4; /**< 0: a query. */
-            unsigned int response : 1;
-        } flags; /**< The flags one by one, from the lowest bit of raw. */
-    } f;
-    unsigned short question_count;
-    unsigned short answer_count;
-    unsigned short authority_count;
-    unsigned short additional_count;
+            unsigned int accept_unauthenticated : 1; /**< CD: the requester checks by itself. */
+            unsigned int answer_authenticated : 1;   /**< AD: the server has checked the answers. */
+            unsigned int zero : 1;                   /**< Reserved. */
+            unsigned int recursion_available : 1;    /**< RA: the server asks others. */
+            unsigned int recursion_desired : 1;      /**< RD: the server is to ask others. */
+            unsigned int truncated : 1;     /**< TC: records are missing, ask again over TCP. */
+            unsigned int authoritative : 1; /**< AA: the server answers for the zone. */
+            unsigned int opcode : 4;        /**< 0: a query. */
+            unsigned int response : 1;      /**< QR: 1 in a reply. */
+        } flags;                     /**< The flags one by one, from the lowest bit of raw. */
+    } f;                             /**< The flags in both forms. */
+    unsigned short question_count;   /**< Questions, the first section of records. */
+    unsigned short answer_count;     /**< Answers. */
+    unsigned short authority_count;  /**< Records about name servers. */
+    unsigned short additional_count; /**< Further records. */
 } dns_header_t;
 
 /** Returns the big-endian 16-bit value at @p data, which needs no alignment. */

@@ -44,7 +44,10 @@
 #include <signal.h>
 #include <time.h>
 
-/* Strict ISO C hides siginfo_t in <signal.h>; a handler's type needs it all the same. */
+/*
+ * Strict ISO C hides siginfo_t in <signal.h>; a handler's type needs it all the same. With other C
+ * libraries than glibc, strict programs define _POSIX_C_SOURCE or _GNU_SOURCE.
+ */
 #if !defined(__USE_POSIX199309) && defined(__GLIBC__) && !defined(__UCLIBC__)
 #include <bits/types/siginfo_t.h>
 #endif

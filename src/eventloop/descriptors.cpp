@@ -46,9 +46,9 @@ void rebuild_sets_locked(event_loop_ctx_tp el_ctx) {
     dll_foreach(node, &el_ctx->fd_queue) {
         const auto* watcher = entry_of<event_fd_t>(node);
         if (watcher->to_be_deleted) continue;
-        if (watcher->type & EVENT_FD_READ) FD_SET(watcher->fd, &watched.sets.read);
-        if (watcher->type & EVENT_FD_WRITE) FD_SET(watcher->fd, &watched.sets.write);
-        if (watcher->type & EVENT_FD_EXCEPT) FD_SET(watcher->fd, &watched.sets.except);
+        if (watcher->type & EVENT_FD_READ) insert_fd(watcher->fd, watched.sets.read);
+        if (watcher->type & EVENT_FD_WRITE) insert_fd(watcher->fd, watched.sets.write);
+        if (watcher->type & EVENT_FD_EXCEPT) insert_fd(watcher->fd, watched.sets.except);
         if ((watcher->type & kAllConditions) == 0) watched.has_unselected = true;
         if (watcher->fd > watched.max_fd) watched.max_fd = watcher->fd;
     }
@@ -56,9 +56,9 @@ void rebuild_sets_locked(event_loop_ctx_tp el_ctx) {
 }
 
 bool is_ready(const event_fd_t* watcher, const SelectSets& ready) {
-    return ((watcher->type & EVENT_FD_READ) && FD_ISSET(watcher->fd, &ready.read)) ||
-           ((watcher->type & EVENT_FD_WRITE) && FD_ISSET(watcher->fd, &ready.write)) ||
-           ((watcher->type & EVENT_FD_EXCEPT) && FD_ISSET(watcher->fd, &ready.except));
+    return ((watcher->type & EVENT_FD_READ) && contains_fd(watcher->fd, ready.read)) ||
+           ((watcher->type & EVENT_FD_WRITE) && contains_fd(watcher->fd, ready.write)) ||
+           ((watcher->type & EVENT_FD_EXCEPT) && contains_fd(watcher->fd, ready.except));
 }
 
 }  // namespace
@@ -73,7 +73,7 @@ int fill_select_sets(event_loop_ctx_tp el_ctx, SelectSets& sets) {
         test_descriptors_locked(el_ctx, true);
     }
     sets = watched.sets;
-    FD_SET(el_ctx->pong_fd, &sets.read);
+    insert_fd(el_ctx->pong_fd, sets.read);
     return watched.max_fd > el_ctx->pong_fd ? watched.max_fd : el_ctx->pong_fd;
 }
 

@@ -26,6 +26,13 @@ inline const pthread_t kNoThread = (pthread_t)-1;
 constexpr int kNoFd = -1;
 constexpr char kWakeUp = '-';
 
+// The macros of some C libraries mix the descriptor with sizes.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wsign-conversion"
+inline void insert_fd(int fd, fd_set& set) { FD_SET(fd, &set); }
+inline bool contains_fd(int fd, const fd_set& set) { return FD_ISSET(fd, &set) != 0; }
+#pragma GCC diagnostic pop
+
 // The three sets of select(), as built from the descriptor watchers or as select() returned them.
 struct SelectSets {
     fd_set read;

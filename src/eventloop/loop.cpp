@@ -36,7 +36,7 @@ void take_message_locked(event_loop_ctx_tp el_ctx, bool has_message) {
 void event_handle_events(event_loop_ctx_tp el_ctx, const SelectSets& ready, int ready_count) {
     if (ready_count > 0 || el_ctx->pending->any()) {
         const RecursiveLock lock(el_ctx->eventlists_mutex);
-        const bool has_message = FD_ISSET(el_ctx->pong_fd, &ready.read);
+        const bool has_message = contains_fd(el_ctx->pong_fd, ready.read);
         // Marked watchers can't be waiting for this walk: it reaps within the pass what it marks.
         if (ready_count > (has_message ? 1 : 0)) run_ready_descriptors_locked(el_ctx, ready);
         take_message_locked(el_ctx, has_message);

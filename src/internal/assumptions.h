@@ -18,11 +18,14 @@ static_assert(SIGCHLD == 17 && SA_SIGINFO == 0x4 && SA_RESTART == 0x10000000,
               "the signal numbers and flags of ARM and x86");
 
 // The signal catcher and the wake-up use atomics where a lock would deadlock. No libatomic is there
-// to help.
+// to help. ARM before version 6 has no instructions for them: the compiler then promises nothing,
+// but calls what the kernel offers to every process, which takes no lock either.
+#if !defined(__ARM_ARCH) || __ARM_ARCH >= 6
 static_assert(std::atomic<int>::is_always_lock_free);
 static_assert(std::atomic<unsigned char>::is_always_lock_free);
 static_assert(std::atomic<pthread_t>::is_always_lock_free);
 static_assert(std::atomic<void*>::is_always_lock_free);
+#endif
 static_assert(sizeof(std::atomic<int>) == sizeof(int));
 static_assert(sizeof(std::atomic<unsigned char>) == 1);
 static_assert(sizeof(std::atomic<pthread_t>) == sizeof(pthread_t));

@@ -7,7 +7,8 @@
 #   tests/install/run.sh subproject   as part of another project; then installed without liblog
 #
 # The environment says what to work with: TESSRA_BUILD (the build folder), WORK (a scratch folder),
-# CMAKE, CC, CXX, READELF, and for a cross build TOOLCHAIN (a file) and EMULATOR (a command).
+# CMAKE, CC, CXX, READELF, and for a cross build TOOLCHAIN (a file), EMULATOR (a command), and what
+# the compilers want to be told, C_FLAGS and CXX_FLAGS.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -79,11 +80,11 @@ use_pkg_config() {
     mkdir -p "$out"
     export PKG_CONFIG_LIBDIR=$libdir/pkgconfig
     flags=$(pkg-config --cflags --libs tessra) || fail "pkg-config doesn't find tessra"
-    $CC -std=c11 -o "$out/c-shared" "$here/consumer/consumer.c" $flags
-    $CXX -std=c++17 -o "$out/cxx-shared" "$here/consumer/consumer.cpp" $flags
+    $CC ${C_FLAGS:-} -std=c11 -o "$out/c-shared" "$here/consumer/consumer.c" $flags
+    $CXX ${CXX_FLAGS:-} -std=c++17 -o "$out/cxx-shared" "$here/consumer/consumer.cpp" $flags
     flags=$(pkg-config --static --cflags --libs tessra)
-    $CC -std=c11 -static -o "$out/c-static" "$here/consumer/consumer.c" $flags
-    $CXX -std=c++17 -static -o "$out/cxx-static" "$here/consumer/consumer.cpp" $flags
+    $CC ${C_FLAGS:-} -std=c11 -static -o "$out/c-static" "$here/consumer/consumer.c" $flags
+    $CXX ${CXX_FLAGS:-} -std=c++17 -static -o "$out/cxx-static" "$here/consumer/consumer.cpp" $flags
     for program in c-shared cxx-shared c-static cxx-static; do
         check_linkage "$out/$program"
         run "$out/$program" "$libdir"

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Compiles every C snippet of some pages as a program of its own, as a reader would who pastes it.
+# Compiles every C snippet of some pages as a program of its own, as a reader would who pastes it; once
+# more with what it shows of another library, if that is here.
 #
 #   tests/install/snippets.sh COMPILER PAGE...
 set -euo pipefail
@@ -20,6 +21,12 @@ for page in "$@"; do
     for snippet in "$work"/*.c; do
         [[ -e $snippet ]] || { echo "snippets: none in $page" >&2 && exit 1; }
         "$compiler" -std=gnu11 -Wall -Wextra -Werror -I"$include" -c "$snippet" -o "$work/snippet.o"
+        for other in libevent=WITH_LIBEVENT glib-2.0=WITH_GLIB; do
+            grep -q "ifdef ${other#*=}" "$snippet" && flags=$(pkg-config --cflags "${other%=*}" 2>/dev/null) ||
+                continue
+            "$compiler" -std=gnu11 -Wall -Wextra -Werror -D"${other#*=}" -I"$include" $flags -c "$snippet" \
+                -o "$work/snippet.o"
+        done
         rm "$snippet"
         count=$((count + 1))
     done

@@ -39,6 +39,11 @@
 #define TIME64(plain, renamed) plain
 #endif
 
+// Older headers take a void* there, for the sake of an older type.
+#ifndef __WAIT_STATUS
+#define __WAIT_STATUS int*
+#endif
+
 struct fakes fakes;
 __thread int fail_allocation;
 
@@ -63,7 +68,12 @@ PLAIN void* malloc(size_t size) __THROW {
 }
 
 PLAIN void* calloc(size_t count, size_t size) __THROW {
-    return allocation_fails() ? nullptr : REAL(calloc)(count, size);
+    if (allocation_fails()) return nullptr;
+    const int countdown = fail_allocation;
+    fail_allocation = 0;  // It may well call malloc().
+    void* const block = REAL(calloc)(count, size);
+    fail_allocation = countdown;
+    return block;
 }
 
 PLAIN int real_select(int nfds, fd_set* rset, fd_set* wset, fd_set* eset, timeval* tv) {
@@ -112,7 +122,7 @@ pid_t waitpid(pid_t pid, int* status, int options) {
     return result;
 }
 
-pid_t wait4(pid_t pid, int* status, int options, struct rusage* usage) __THROW {
+pid_t wait4(pid_t pid, __WAIT_STATUS status, int options, struct rusage* usage) __THROW {
     if (fakes.fail[FAKE_WAIT4] == 0) return REAL(wait4)(pid, status, options, usage);
     errno = fakes.fail[FAKE_WAIT4];
     return -1;

@@ -1,0 +1,83 @@
+/* What one of each thing keeps on the heap: as asked for, and with what glibc's allocator adds.
+   Linked with --wrap, so that every call of the library comes by here. */
+#include <malloc.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <tessra/binarytree.h>
+#include <tessra/eventloop.h>
+#include <tessra/linkedlist.h>
+#include <tessra/list.h>
+#include <tessra/memchk.h>
+#include <tessra/szip.h>
+
+static size_t asked, taken;
+
+static void* count(void* block, size_t size) {
+    asked += size;
+    taken += malloc_usable_size(block) + sizeof(size_t);
+    return block;
+}
+
+void* __real_malloc(size_t size);
+void* __real_calloc(size_t n, size_t size);
+void* __real_realloc(void* block, size_t size);
+void* __wrap_malloc(size_t size) { return count(__real_malloc(size), size); }
+void* __wrap_calloc(size_t n, size_t size) { return count(__real_calloc(n, size), n * size); }
+void* __wrap_realloc(void* block, size_t size) {
+    if (block) abort(); /* Nothing here resizes. */
+    return count(__real_realloc(block, size), size);
+}
+
+static int compare(void* stored, void* wanted) { return stored < wanted ? 1 : stored > wanted; }
+static void on_timer(void* arg) { (void)arg; }
+static void on_fd(int fd, void* arg) { (void)fd, (void)arg; }
+static void on_signal(int signal, siginfo_t* info, void* arg) {
+    (void)signal, (void)info, (void)arg;
+}
+static int on_child(int pid, void* arg, int status) { return (void)pid, (void)arg, status; }
+
+/* Prints what the statement keeps. */
+#define MEASURE(name, ...)                            \
+    do {                                              \
+        asked = taken = 0;                            \
+        __VA_ARGS__;                                  \
+        printf("%s\t%zu\t%zu\n", name, asked, taken); \
+    } while (0)
+
+int main(void) {
+    event_loop_ctx_tp loop;
+    LinkedList* list;
+    BinaryTree* tree;
+    hashtable_t *strings, *flags = hashtable_alloc(7);
+    setvbuf(stdout, NULL, _IONBF, 0); /* A buffer would be counted. */
+    MEASURE("loop context beside the default one", loop = event_mc_init());
+    MEASURE("timer", event_timer_add_mc(loop, on_timer, NULL, 1000));
+    MEASURE("watcher of a descriptor", event_fd_add_mc(loop, on_fd, NULL, 0, EVENT_FD_READ));
+    MEASURE("watcher of a signal", event_signal_add_mc(loop, on_signal, NULL, SIGUSR1));
+    event_process_add_mc(loop, 1, on_child, NULL); /* The first one adds the watcher of SIGCHLD. */
+    MEASURE("watcher of a child", event_process_add_mc(loop, 1, on_child, NULL));
+    MEASURE("linked list", list = LL_create());
+    MEASURE("linked list element", LL_push(list, NULL));
+    MEASURE("linked list cursor", if (!LL_newenum(list)) return 1);
+    MEASURE("balanced tree", tree = BT_create(compare));
+    MEASURE("balanced tree node", BT_insert(tree, NULL, NULL));
+    MEASURE("balanced tree cursor", if (!BT_newenum(tree)) return 1);
+    MEASURE("hash table of 64 buckets", strings = hashtable_alloc(64));
+    char* key = strdup("key");
+    MEASURE("string hash table entry, without key and value", str_hashtable_put(strings, key, key));
+    MEASURE("named flag of 7 characters", named_flag_set(flags, "1234567"));
+    add_allocation(list, "first", 1, 1); /* Makes the tracker's tree. */
+    MEASURE("tracked block, besides itself", add_allocation(tree, "next", 1, 1));
+    const char* files[] = {"/usr", "/usr"};
+    size_t asked_before = 0, taken_before = 0;
+    for (unsigned int n = 0; n < 3; n++) { /* The first reads the time zone. */
+        asked_before = asked, taken_before = taken;
+        asked = taken = 0;
+        szip_free_info(szip_create_info(files, n ? n : 1, "/", ""));
+    }
+    printf("ZIP plan entry, path of 4 characters\t%zu\t%zu\n", asked - asked_before,
+           taken - taken_before);
+}
