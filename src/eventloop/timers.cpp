@@ -3,8 +3,8 @@
 // The list is all that counts: walks, pins and marks are as on the other lists. Beside it stand two
 // ways to find a place in it when it is long. Express lanes are sorted lists of ever fewer of the
 // timers (W. Pugh, "Skip Lists", 1990), by which a place is found in logarithmic time. A table
-// finds the timers of a handler and an argument. Both are made of nodes in the records, so that a timer
-// leaves them without being looked for, and a table that finds no memory is done without.
+// finds the timers of a handler and an argument. Both are made of nodes in the records, so that a
+// timer leaves them without being looked for, and a table that finds no memory is done without.
 
 #include "eventloop/eventloop_private.h"
 #include "eventloop/watch_list.h"
