@@ -1,11 +1,12 @@
 # The commands of everyday work; each does its own set-up. CMake does the building.
-.PHONY: help test demo cross check bench size docs abi packages format clean
+.PHONY: help test demo cross check soak bench size docs abi packages format clean
 
 help:
 	@echo 'make test     build (preset dev) and run the test suite'
 	@echo 'make demo     build (preset release) and run the demonstration'
 	@echo 'make cross    build and test for ARM and for other C libraries'
 	@echo 'make check    everything that CI runs'
+	@echo 'make soak     random operations from several threads, five minutes each under two sanitizers'
 	@echo 'make bench    build (preset bench) and measure beside peers; prints a table of ratios'
 	@echo 'make size     text, data, stack and heap on 32-bit ARM, beside the recorded ones'
 	@echo 'make docs     build (preset release) the reference: pages to browse and manual pages'
@@ -33,6 +34,10 @@ cross:
 
 check:
 	@scripts/check
+
+soak:
+	@scripts/setup build
+	@scripts/soak
 
 bench:
 	@scripts/bench

@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <map>
+#include <random>
 #include <utility>
 
 #include "support/harness.h"
@@ -117,6 +119,47 @@ TEST(Children, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
                 EXPECT_EQ(strchr(row.uncollected, 'A' + n) != nullptr, uncollected(pids[n]));
         });
     }
+}
+
+// Some stop and are continued, and commands run in between, while SIGCHLD has its default action.
+ISOLATED_TEST(Children, OneOfManyIsMissedOrReportedTwice) {
+    constexpr int kChildren = 500;
+    static std::map<int, int> codes, reports;
+    static int reported;
+    static std::vector<pid_t> stoppers;
+    const unsigned seed = std::random_device()();
+    SCOPED_TRACE(seed);
+    static std::mt19937 random(seed);
+    const process_handler_t check = [](int pid, void*, int status) {
+        EXPECT_EQ(codes[pid], status);
+        reports[pid]++;
+        return ++reported;
+    };
+    static Step tick = [] {
+        for (const pid_t pid : stoppers) kill(pid, SIGCONT);
+        if (random() % 8 == 0) EXPECT_EQ(0, event_system("true"));
+        if (codes.size() == kChildren) raise(SIGCHLD);  // For those that a command has hidden.
+        if (reported == kChildren) return cancel_loop();
+        event_timer_add(run_timer, &tick, 1);
+    };
+    static Step start = [check] {
+        const unsigned life_us = random() % 3000, stops = random() % 3, code = random() % 256;
+        const pid_t pid = fork_process([=] {
+            for (unsigned n = 0; n < stops; n++) raise(SIGSTOP);
+            usleep(life_us);
+            _exit(static_cast<int>(code));
+        });
+        codes[pid] = static_cast<int>(code << 8);
+        if (stops) stoppers.push_back(pid);
+        event_process_add(pid, check, nullptr);
+        if (codes.size() < kChildren) event_timer_add(run_timer, &start, 0);
+    };
+    event_timer_add(run_timer, &start, 0);
+    event_timer_add(run_timer, &tick, 0);
+    EXPECT_EQ(0, et_event_loop());
+    EXPECT_EQ(kChildren, reported);
+    for (const auto& [pid, count] : reports) EXPECT_EQ(1, count) << pid;
+    EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));  // No zombie is left.
 }
 
 TEST(Children, WatchersFireOnTheWrongContext) {

@@ -173,24 +173,4 @@ TEST(NamedFlags, KeepTheCallersStringOrMixNames) {
     hashtable_free(ht, nullptr);
 }
 
-TEST(Tables, ExhaustedMemoryChangesOrLeaksSomething) {
-    hashtable_t* ht = table_of("klk");
-    char* key = strdup("new");
-    list_t list = {};
-    for (int call = 0; call < 4; call++) {
-        errno = 0;
-        fail_allocation = call == 3 ? 2 : 1;
-        if (call == 0) EXPECT_FALSE(hashtable_alloc(4));
-        if (call == 1) EXPECT_FALSE(str_hashtable_put(ht, key, key));
-        if (call == 2) named_flag_set(ht, "new");
-        if (call == 3) str_hashtable_values(ht, &list);
-        EXPECT_EQ(ENOMEM, errno) << call;
-        EXPECT_EQ("123", values(ht)) << call;
-    }
-    EXPECT_TRUE(list.next == &list && list.prev == &list);
-    errno = 0;
-    EXPECT_FALSE(str_hashtable_put(ht, key, nullptr) || errno != 0);
-    str_hashtable_free(ht);
-}
-
 }  // namespace

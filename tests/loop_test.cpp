@@ -10,10 +10,14 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <fstream>
 #include <regex>
 #include <thread>
 
 #include "support/harness.h"
+#include "tessra/create_pid_file.h"
+#include "tessra/misc.h"
+#include "tessra/szip.h"
 
 using namespace tessra_test;
 
@@ -137,50 +141,12 @@ ISOLATED_TEST(Loop, EndDropsOrKeepsTheWrongWatchers) {
     event_mc_free(own);
 }
 
-ISOLATED_TEST(Loop, FailedAddRegistersOrChangesErrno) {
-    Pipe pipe;
-    const int fd = ready_descriptor();
-    Step once = [&] {
-        trace += "f";
-        event_fd_del(fd);
-    };
-    const Step adds[] = {
-        [] { event_timer_add(note_timer, arg("t"), 0); },
-        [&] { event_fd_add(run_fd, &once, fd, EVENT_FD_READ); },
-        [] { event_signal_add(note_signal, arg("s"), SIGUSR1); },
-        [] { event_process_add(getpid(), note_process, nullptr); },
-        [] {
-            if (event_loop_ctx_tp context = event_mc_init()) event_mc_free(context);
-        },
-    };
-    for (const Step& add : adds) {
-        for (int nth = 1, failed = 1; failed; nth++) {
-            fail_allocation = nth;
-            errno = 77;
-            add();
-            failed = fail_allocation == 0;
-            fail_allocation = 0;
-            EXPECT_EQ(failed ? ENOMEM : 77, errno) << nth << " of add " << &add - adds;
-            ASSERT_LT(nth, 5);
-        }
-    }
-    event_mc_free(nullptr);
-    drive(nullptr, {[] { raise(SIGUSR1); }});
-    EXPECT_EQ("fts", trace);  // Each once.
-}
-
 std::string logged(const std::string& format, const std::string& text) {
     return "6/1 <%x> %s:%s(%d) - " + format + "|<1> src/eventloop:et_event_loop_mc(LINE) - " + text;
 }
 
 std::string without_line(const std::string& output) {
     return std::regex_replace(output, std::regex("loop_mc\\([1-9][0-9]*\\)"), "loop_mc(LINE)");
-}
-
-int lowest_free() {
-    const int fd = dup(0);
-    close(fd);
-    return fd;
 }
 
 void limit_descriptors(int limit) {
@@ -190,32 +156,21 @@ void limit_descriptors(int limit) {
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &now));
 }
 
-TEST(Start, FailureLeavesDescriptorsOrLogsTheWrongLine) {
+TEST(Start, FailureLogsTheWrongLine) {
     const struct {
-        Step prepare;
-        int left_open;
-        bool fifo_left;
+        int call;
         const char* text;
     } rows[] = {
-        {[] { fakes.fail[FAKE_MKFIFO] = EACCES; }, 0, false, "Failed to create fifo\n"},
-        {[] { limit_descriptors(lowest_free()); }, 0, true,
-         "Failed to open pingpong fifo for reading\n"},
-        {[] { limit_descriptors(lowest_free() + 1); }, 1, true,
-         "Failed to open pingpong fifo for writing\n"},
-        {[] { fakes.log_off = 1, fakes.fail[FAKE_MKFIFO] = EACCES; }, 0, false, nullptr},
+        {FAKE_MKFIFO, "Failed to create fifo\n"},
+        {FAKE_OPEN, "Failed to open pingpong fifo for reading\n"},
+        {FAKE_MKFIFO, nullptr},
     };
     for (const auto& row : rows) {
         const ChildEnd end = run_child([&row] {
-            const int before = open_descriptors();
-            row.prepare();
+            fakes.log_off = !row.text;
+            fakes.fail[row.call] = EACCES;
             EXPECT_EQ(-1, et_event_loop());
-            fakes.fail[FAKE_MKFIFO] = 0;
-            limit_descriptors(1024);
-            EXPECT_EQ(before + row.left_open, open_descriptors());
-            EXPECT_EQ(row.fifo_left, fifo_exists());
-            EXPECT_EQ(0, drive(nullptr).result);  // A later start neither fails nor leaks.
-            EXPECT_EQ(before, open_descriptors());
-            EXPECT_FALSE(fifo_exists());
+            (void)unlink(fifo_path().c_str());
         });
         EXPECT_TRUE(end.completed);
         EXPECT_EQ(row.text ? logged(row.text, row.text) : "", without_line(end.output));
@@ -235,21 +190,124 @@ ISOLATED_TEST(Start, ChannelBeyondFdSetsizeOverrunsTheSets) {
     EXPECT_EQ(0, drive(nullptr).result);
 }
 
-ISOLATED_TEST(Start, NameInTmpStaysOrIsNoFifo) {
-    const Step gone = [] { EXPECT_FALSE(fifo_exists()); };
-    EXPECT_EQ(0, drive(nullptr, {gone}).result);
-    ASSERT_EQ(0, mkfifo(fifo_path().c_str(), 0666));  // As a dead process of this id leaves it.
-    EXPECT_EQ(0, drive(nullptr, {gone, [] { event_fd_del(777); }, gone}).result);
-    const int before = open_descriptors();
-    for (const bool is_link : {false, true}) {
-        if (is_link)
-            ASSERT_EQ(0, symlink("/dev/null", fifo_path().c_str()));
-        else
-            close(open(fifo_path().c_str(), O_CREAT | O_WRONLY, 0600));
-        EXPECT_EQ(-1, et_event_loop());
-        EXPECT_EQ(before, open_descriptors());
-        EXPECT_EQ(0, unlink(fifo_path().c_str()));
+// Someone else knows the name beforehand.
+TEST(Start, PlantedNameIsUsed) {
+    static std::string path, other;
+    const auto file = [](const std::string& name) {
+        close(open(name.c_str(), O_CREAT | O_WRONLY, 0600));
+    };
+    const auto link = [](const char* to) { ASSERT_EQ(0, symlink(to, path.c_str())); };
+    const auto fifo = [](const std::string& name) { ASSERT_EQ(0, mkfifo(name.c_str(), 0666)); };
+    const Step own = [=] { fifo(path); };
+    const char* const reading = "Failed to open pingpong fifo for reading\n";
+    const struct {
+        const char* what;
+        Step plant;
+        const char* text;  // Null for a start that succeeds.
+        int error;
+    } rows[] = {
+        {"nothing", [] {}, nullptr, 0},
+        {"a FIFO of ours, as a dead process of this id leaves it", own, nullptr, 0},
+        {"a file", [=] { file(path); }, reading, EPERM},
+        {"a directory", [] { ASSERT_EQ(0, mkdir(path.c_str(), 0700)); }, reading, EPERM},
+        {"a link to a FIFO", [=] { fifo(other), link(other.c_str()); }, reading, ELOOP},
+        {"a link to a device", [=] { link("/dev/null"); }, reading, ELOOP},
+        {"a link to nothing", [=] { link(other.c_str()); }, reading, ELOOP},
+        {"a FIFO of somebody else",
+         [=] {
+             own();
+             ASSERT_EQ(0, chown(path.c_str(), 65534, 65534));
+         },
+         reading, EPERM},
+        {"another FIFO at the second open",
+         [=] {
+             fifo(other);
+             close(open(other.c_str(), O_RDONLY | O_NONBLOCK));
+             fakes.before_open = [](int nth) {
+                 static const int reader = open(other.c_str(), O_RDWR);
+                 if (nth == 2) EXPECT_TRUE(reader >= 0 && !rename(other.c_str(), path.c_str()));
+             };
+         },
+         reading, EPERM},
+    };
+    for (const auto& row : rows) {
+        if (geteuid() != 0 && strstr(row.what, "somebody")) continue;
+        const ChildEnd end = run_child([&row] {
+            path = fifo_path();
+            other = path + "-other";
+            row.plant();
+            const int before = open_descriptors() + (fakes.before_open ? 1 : 0);
+            if (row.text) {
+                EXPECT_EQ(-1, et_event_loop());
+                EXPECT_EQ(row.error, errno);
+                EXPECT_EQ(before, open_descriptors());
+                for (const std::string& name : {path, other}) (void)remove(name.c_str());
+                fakes.before_open = nullptr;
+            }
+            const Step gone = [] { EXPECT_FALSE(fifo_exists()); };
+            EXPECT_EQ(0, drive(nullptr, {gone, [] { event_fd_del(777); }, gone}).result);
+            EXPECT_EQ(before, open_descriptors());
+        });
+        EXPECT_TRUE(end.completed) << row.what << "\n" << end.output;
+        EXPECT_EQ(row.text ? logged(row.text, row.text) : "", without_line(end.output)) << row.what;
     }
+}
+
+// With the loop under way: who gets a descriptor of the library, and whether all come back.
+ISOLATED_TEST(Descriptors, OneIsInheritedOrLeftOpen) {
+    // Numbers from 3 on that a shell has. The listing's own is gone when it is looked at.
+    static const char kList[] = "for i in $(seq 3 60); do [ ! -e /proc/$$/fd/$i ] || echo $i; done";
+    static const auto inherited = [] {
+        char* const list = system_output("%s", kList);
+        const std::string text = list;
+        free(list);
+        return text;
+    };
+    for (int fd = 3; fd < 60; fd++) fcntl(fd, F_SETFD, FD_CLOEXEC);  // The test's own.
+    char name[] = "/tmp/tessra-inherit-XXXXXX";
+    close(mkstemp(name));
+    std::ofstream(name) << "0123456789";
+    Step look = [&] {
+        EXPECT_EQ("", inherited()) << "the channel";
+        const int spare = dup2(0, 50);
+        EXPECT_EQ("50", inherited()) << "one of the daemon's";
+        close(spare);
+        const char* files[] = {name};
+        szip_info_t* const plan = szip_create_info(files, 1, "/", "/");
+        const szip_write_func write_and_look = [](void*, const void*, size_t count) {
+            EXPECT_EQ("", inherited()) << "the archive's file";
+            return static_cast<ssize_t>(count);
+        };
+        EXPECT_EQ(1, szip_stream_zip(plan, write_and_look, nullptr, 100));
+        szip_free_info(plan);
+        for (const int flags : {0, static_cast<int>(PID_FILE_CLOEXEC)}) {
+            const int fd = createPidFile("prog", name, flags);
+            EXPECT_EQ(flags ? "" : std::to_string(fd), inherited()) << "the PID file";
+            close(fd);
+        }
+    };
+    event_timer_add(run_timer, &look, 0);
+    drive(nullptr);
+
+    const int before = open_descriptors();
+    event_loop_ctx_tp own = event_mc_init();
+    const char* files[] = {name};
+    szip_info_t* const plan = szip_create_info(files, 1, "/", "/");
+    const int null = open("/dev/null", O_WRONLY);
+    for (int round = 0; round < 1000; round++) {
+        EXPECT_EQ(0, drive(own).result);
+        EXPECT_EQ(1, szip_stream_zip_fd(null, plan, 100));
+        if (round % 2 == 0) EXPECT_EQ(0, event_system(":"));
+        if (round % 2 == 1) free(system_output(":"));
+        if (round % 4 != 0) continue;
+        EXPECT_EQ(0, event_loop_async_start());
+        EXPECT_EQ(0, event_loop_async_stop());
+    }
+    close(null);
+    szip_free_info(plan);
+    event_mc_free(own);
+    EXPECT_EQ(before, open_descriptors());
+    unlink(name);
 }
 
 TEST(Loop, SelectFailureGoesUnreportedOrSpins) {

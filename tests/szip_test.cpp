@@ -455,34 +455,9 @@ TEST(Szip, WritesToADescriptor) {
     EXPECT_EQ(0, szip_stream_zip_fd(pipe.out, plan.get(), 64));
 }
 
-TEST(Szip, ShortMemory) {
-    const Tree tree;
-    tree.put("f", "0123456789");
-    tree.put("d/", "");
-    const std::string file = tree.path("f"), directory = tree.path("d");
-    const char* files[] = {file.c_str(), directory.c_str()};
-    int failures = 0;
-    for (;; failures++) {
-        fail_allocation = failures + 1;
-        szip_info_t* info = szip_create_info(files, 2, "/", "/");
-        fail_allocation = 0;
-        const Plan plan(info, szip_free_info);
-        if (plan) break;
-        EXPECT_EQ(ENOMEM, errno);
-    }
-    EXPECT_EQ(4, failures);
-    const Plan plan = tree.plan({"f", "d"});
-    const int descriptors = open_descriptors();
-    size_t taken = 0;
-    const auto fail_behind_name = [](void* arg, const void*, size_t count) {
-        *static_cast<size_t*>(arg) += count;
-        fail_allocation = count == 1;
-        return ssize_t(count);
-    };
-    EXPECT_EQ(0, szip_stream_zip(plan.get(), fail_behind_name, &taken, 4));
-    EXPECT_EQ(31u, taken);
-    EXPECT_EQ(descriptors, open_descriptors());
-    if (sizeof(size_t) == 4) EXPECT_EQ(nullptr, szip_create_info(files, UINT_MAX, "/", "/"));
+TEST(Szip, MoreEntriesThanMemory) {
+    const char* file = "f";
+    if (sizeof(size_t) == 4) EXPECT_EQ(nullptr, szip_create_info(&file, UINT_MAX, "/", "/"));
 }
 
 }  // namespace

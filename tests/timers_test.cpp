@@ -2,11 +2,11 @@
  * @file timers_test.cpp
  * Deadlines, their order, clock jumps and the wait for them, all on a fake clock.
  */
-#include <algorithm>
 #include <cerrno>
 #include <random>
 
 #include "support/harness.h"
+#include "support/timer_model.h"
 
 using namespace tessra_test;
 
@@ -118,115 +118,35 @@ ISOLATED_TEST(Timers, PinLeftBehindBringsADeletedTimerBack) {
     }
 }
 
-/** The timers as a sorted vector, and a loop whose waits end as the random numbers have it. */
-struct Model {
-    struct Timer {
-        unsigned long long deadline;
-        int handler;
-        void* arg;
-    };
-    std::mt19937 random;
-    std::vector<Timer> timers;
-    unsigned long long phase_time = 0;
-    int waits = 0, fired = 0;
-    size_t largest = 0;
-    unsigned most = 12, args = 3, spread = 20;  // Few timers, or more than a walk serves.
-
-    unsigned below(unsigned bound) { return static_cast<unsigned>(random() % bound); }
-    unsigned long long now() const { return fakes.clock_ns / 1000000; }
-    void fire(int handler, void* arg);
-    void change();
-    int wait(const timeval* tv);
-} model;
-
-template <int kHandler>
-void fire_modelled(void* arg) {
-    model.fire(kHandler, arg);
-}
-constexpr timer_handler_t kHandlers[] = {fire_modelled<0>, fire_modelled<1>};
-
-void Model::change() {
-    static char places[60];
-    const int handler = static_cast<int>(below(2));
-    void* const arg = below(args + 1) ? &places[below(args)] : nullptr;
-    const auto matches = [&](const Timer& timer) {
-        return timer.handler == handler && (!arg || timer.arg == arg);
-    };
-    largest = std::max(largest, timers.size());
-    const unsigned action = below(timers.size() < most ? 8 : 3);
-    if (action >= 3) {
-        const unsigned timeout = below(3) * below(spread);
-        const Timer timer = {now() + timeout, handler, arg};
-        timers.insert(std::upper_bound(
-                          timers.begin(), timers.end(), timer,
-                          [](const Timer& a, const Timer& b) { return a.deadline < b.deadline; }),
-                      timer);
-        event_timer_add(kHandlers[handler], arg, timeout);
-    } else if (action > 0) {
-        EXPECT_EQ(std::any_of(timers.begin(), timers.end(), matches),
-                  event_timer_exists(kHandlers[handler], arg) != 0);
-    } else {
-        timers.erase(std::remove_if(timers.begin(), timers.end(), matches), timers.end());
-        event_timer_del(kHandlers[handler], arg);
-    }
-}
-
-void Model::fire(int handler, void* arg) {
-    ASSERT_FALSE(timers.empty()) << "a deleted timer fires";
-    EXPECT_TRUE(timers[0].handler == handler && timers[0].arg == arg) << "wrong order";
-    EXPECT_LE(timers[0].deadline, phase_time) << "early";
-    timers.erase(timers.begin());
-    fired++;
-    advance_clock(below(2) * below(3));
-    for (unsigned n = below(3); n > 0; n--) change();
-}
-
-int Model::wait(const timeval* tv) {
-    const long long sleep_ms = tv ? tv->tv_sec * 1000LL + tv->tv_usec / 1000 : below(50);
-    if (!timers.empty()) {
-        EXPECT_GT(timers[0].deadline, phase_time) << "a due timer was left out";
-        const auto ahead = static_cast<long long>(timers[0].deadline - now());
-        EXPECT_TRUE(tv && sleep_ms <= std::max(ahead, 0LL)) << "overslept";
-    }
-    for (unsigned n = below(3); n > 0; n--) change();  // As another thread would.
-    if (++waits == 20000 || testing::Test::HasFailure()) cancel_loop();
-    const unsigned outcome = below(20);
-    if (outcome < 2) {
-        const long long jump =
-            outcome ? kDay + 1 + below(5) : -1 - static_cast<long long>(below(500));
-        advance_clock(jump);
-        for (Timer& timer : timers) timer.deadline += static_cast<unsigned long long>(jump);
-    } else {
-        advance_clock(outcome < 8 ? below(static_cast<unsigned>(sleep_ms) + 1) : sleep_ms);
-    }
-    phase_time = outcome == 19 ? 0 : now();
-    if (outcome == 19) return errno = EINTR, -1;  // No pass.
-    return 0;
-}
-
 // Jumps, early wake-ups, EINTR and changes at every moment against a sorted vector.
-void compare_with_model(unsigned most, unsigned args) {
+size_t compare_with_model(unsigned most, unsigned args, unsigned spread) {
     const unsigned seed = std::random_device()();
     SCOPED_TRACE(seed);
-    model.random.seed(seed);
+    static TimerModel model;
+    static int waits;
+    static std::mt19937 random(seed);
     model.most = most;
     model.args = args;
-    set_clock(kNow);
+    model.spread = spread;
+    model.below = [](unsigned bound) { return static_cast<unsigned>(random() % bound); };
+    model.clock = set_clock;
+    model.check = [](bool holds, const char* what) { EXPECT_TRUE(holds) << what; };
+    model.begin(kNow);
     fakes.on_select = [](int, fd_set* rset, fd_set*, fd_set*, timeval* tv) {
         FD_ZERO(rset);
+        if (++waits == 20000 || testing::Test::HasFailure()) cancel_loop();
         return model.wait(tv);
     };
     EXPECT_EQ(0, et_event_loop());
     EXPECT_GT(model.fired, 5000);
+    return model.largest;
 }
 
-ISOLATED_TEST(Timers, RandomChangesFireTheWrongOnes) { compare_with_model(12, 3); }
+ISOLATED_TEST(Timers, RandomChangesFireTheWrongOnes) { compare_with_model(12, 4, 20); }
 
 // Enough of them for the express lanes and for a table that grows.
 ISOLATED_TEST(Timers, RandomChangesOfManyFireTheWrongOnes) {
-    model.spread = 2000;
-    compare_with_model(600, 60);
-    EXPECT_GT(model.largest, 64u);
+    EXPECT_GT(compare_with_model(600, TimerModel::kMaxArgs, 2000), 64u);
 }
 
 }  // namespace

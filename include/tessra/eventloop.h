@@ -420,7 +420,7 @@ void event_loop_wait_for_async_loop_ready(void* arg);
  * RLIMIT_NOFILE (1024 if there is none) are closed. Signals that the library catches are back at
  * their default in it; ignored and blocked ones stay so. While it runs, the whole process ignores
  * SIGINT and SIGQUIT, and SIGCHLD has its default action: watchers of these three miss what happens
- * meanwhile.
+ * meanwhile. A disposition that another thread sets meanwhile, as by a first watcher, stays.
  *
  * Threads: any, but one call at a time, event_system_env() included. Blocks: until the shell ends;
  * on a loop's thread that holds up the whole loop.

@@ -85,7 +85,8 @@ void recursive_mutex_unlock(recursive_mutex* tounlock);
  * command runs; then nothing stays open.
  *
  * The command inherits descriptors and signal dispositions as popen() hands them on, without the
- * care of event_system(): open what it must not have with O_CLOEXEC.
+ * care of event_system(): open what it must not have with O_CLOEXEC. The library's end of the pipe
+ * is closed on exec.
  *
  * Memory: the whole output, in steps of 1024 bytes and without a limit; trust the command or let
  * it end in "| head -c N". Blocks: until the command has closed its output and its shell has ended.

@@ -131,11 +131,16 @@ int open_end(const char* path, int access) {
 
 // The name is predictable and lies where everybody can write, so what has been opened is looked at:
 // it must be one FIFO at both ends, and this user's own if it was there before.
-bool is_our_fifo(int read_end, int write_end, bool existed) {
-    struct stat reading, writing;
-    if (fstat(read_end, &reading) != 0 || fstat(write_end, &writing) != 0) return false;
-    return S_ISFIFO(reading.st_mode) && reading.st_dev == writing.st_dev &&
-           reading.st_ino == writing.st_ino && (!existed || reading.st_uid == geteuid());
+bool is_our_fifo(int end, bool existed) {
+    struct stat status;
+    return fstat(end, &status) == 0 && S_ISFIFO(status.st_mode) &&
+           (!existed || status.st_uid == geteuid());
+}
+
+bool is_same_file(int end, int other_end) {
+    struct stat one, other;
+    return fstat(end, &one) == 0 && fstat(other_end, &other) == 0 && one.st_dev == other.st_dev &&
+           one.st_ino == other.st_ino;
 }
 
 bool open_channel_locked(event_loop_ctx_t& el_ctx) {
@@ -151,6 +156,10 @@ bool open_channel_locked(event_loop_ctx_t& el_ctx) {
     }
     // The read end first: without a reader a non-blocking open for writing fails.
     el_ctx.pong_fd = open_end(path, O_RDONLY);
+    if (el_ctx.pong_fd != kNoFd && !is_our_fifo(el_ctx.pong_fd, !made)) {
+        close_if_open(el_ctx.pong_fd);
+        errno = EPERM;
+    }
     if (el_ctx.pong_fd == kNoFd) {
         log_start_failure("<%x> %s:%s(%d) - Failed to open pingpong fifo for reading\n", __LINE__);
         return false;
@@ -160,7 +169,7 @@ bool open_channel_locked(event_loop_ctx_t& el_ctx) {
         log_start_failure("<%x> %s:%s(%d) - Failed to open pingpong fifo for writing\n", __LINE__);
         return false;
     }
-    const bool ours = is_our_fifo(el_ctx.pong_fd, ping_fd, !made);
+    const bool ours = is_same_file(el_ctx.pong_fd, ping_fd);
     if (ours) (void)unlink(path);
     if (!ours || el_ctx.pong_fd >= FD_SETSIZE) {
         errno = ours ? EMFILE : EPERM;
@@ -174,11 +183,15 @@ bool open_channel_locked(event_loop_ctx_t& el_ctx) {
 }
 
 bool read_exactly(int fd, void* into, size_t size_bytes) {
-    ssize_t got;
-    do {
-        got = read(fd, into, size_bytes);
-    } while (got == -1 && errno == EINTR);
-    return got >= 0 && static_cast<size_t>(got) == size_bytes;
+    auto* rest = static_cast<char*>(into);
+    while (size_bytes > 0) {
+        const ssize_t got = read(fd, rest, size_bytes);
+        if (got == -1 && errno == EINTR) continue;
+        if (got <= 0) return false;
+        rest += got;
+        size_bytes -= static_cast<size_t>(got);
+    }
+    return true;
 }
 
 }  // namespace

@@ -32,8 +32,14 @@ public:
             (void)sigaction(kSignals[i], &action, &before_[i]);
         }
     }
+    // What another thread has set meanwhile stays, above all the catcher of a first watcher.
     ~CommandDispositions() {
-        for (int i = 0; i < kCount; ++i) (void)sigaction(kSignals[i], &before_[i], nullptr);
+        for (int i = 0; i < kCount; ++i) {
+            struct sigaction replaced = {};
+            (void)sigaction(kSignals[i], &before_[i], &replaced);
+            const auto ours = kSignals[i] == SIGCHLD ? SIG_DFL : SIG_IGN;
+            if (replaced.sa_handler != ours) (void)sigaction(kSignals[i], &replaced, nullptr);
+        }
     }
 
 private:

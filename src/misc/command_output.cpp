@@ -1,5 +1,7 @@
 // What a shell command prints, and the device's variables, which tools print.
 
+#include <fcntl.h>
+
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
@@ -44,7 +46,9 @@ private:
 // The standard output of a shell command, which has ended when this has.
 class Command : NotCopyable {
 public:
-    explicit Command(const char* text) : stream_(popen(text, "r")) {}  // NOLINT(cert-env33-c)
+    explicit Command(const char* text) : stream_(popen(text, "r")) {  // NOLINT(cert-env33-c)
+        if (stream_ != nullptr) (void)fcntl(fileno(stream_), F_SETFD, FD_CLOEXEC);
+    }
     ~Command() {
         const ErrnoKeeper keep_errno;
         if (stream_ != nullptr) (void)pclose(stream_);

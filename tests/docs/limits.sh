@@ -4,7 +4,7 @@ set -euo pipefail
 cd "$(dirname "$0")/../.."
 status=0 count=0
 while IFS=. read -r suite name; do
-    grep -qE "TEST\($suite, $name\)" tests/*_test.cpp || { echo "limits: no test $suite.$name" >&2 && status=1; }
+    grep -qE "TEST(_P)?\($suite, $name\)" tests/*_test.cpp || { echo "limits: no test $suite.$name" >&2 && status=1; }
     count=$((count + 1))
 done < <(grep -oE '`[A-Z][A-Za-z0-9]+\.[A-Z][A-Za-z0-9]+`' docs/limits.md | tr -d '`')
 # Each row of the two tables names one.

@@ -6,7 +6,10 @@
 #include "fakes.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <link.h>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/sysinfo.h>
 #include <sys/wait.h>
@@ -47,14 +50,59 @@
 struct fakes fakes;
 __thread int fail_allocation;
 
-static PLAIN bool allocation_fails() {
-    if (fail_allocation == 0 || --fail_allocation > 0) return false;
-    errno = ENOMEM;
-    return true;
+// Where the code of the library and of the C library lies. Their calls are the ones that count:
+// GoogleTest and the C++ runtime have no answer to a fault.
+static struct Code { uintptr_t begin, end; } code_of[2];
+
+static int note_code(dl_phdr_info* object, size_t, void*) {
+    const char* const name = strrchr(object->dlpi_name, '/');
+    const int n = name && strncmp(name, "/libtessra.so", 13) == 0 ? 0 : 1;
+    if (n == 1 && (!name || strncmp(name, "/libc.so", 8) != 0)) return 0;
+    for (int i = 0; i < object->dlpi_phnum; i++) {
+        const auto& segment = object->dlpi_phdr[i];
+        if (segment.p_type != PT_LOAD || !(segment.p_flags & PF_X)) continue;
+        code_of[n].begin = object->dlpi_addr + segment.p_vaddr;
+        code_of[n].end = code_of[n].begin + segment.p_memsz;
+    }
+    return 0;
 }
+
+__attribute__((constructor)) static void find_code() { dl_iterate_phdr(note_code, nullptr); }
+
+static PLAIN bool made_by_library(const void* caller) {
+    const auto at = reinterpret_cast<uintptr_t>(caller);
+    for (const Code& code : code_of)
+        if (code.begin <= at && at < code.end) return true;
+    return false;
+}
+
+PLAIN int fault_hits(int call, const void* caller) {
+    int error = fakes.fail[call];
+    struct fault* const fault = fakes.fault;
+    if (fault && made_by_library(caller)) {
+        const int nth = __atomic_add_fetch(&fault->calls[call], 1, __ATOMIC_RELAXED);
+        if (call == fault->call && nth == fault->nth) error = fault->error;
+    }
+    if (error > 0) errno = error;
+    return error;
+}
+
+static PLAIN void* counted(void* block) {
+    if (block) __atomic_add_fetch(&fakes.blocks, 1, __ATOMIC_RELAXED);
+    return block;
+}
+
+// ENOMEM, if this allocation is to fail.
+static PLAIN bool allocation_fails(const void* caller) {
+    const bool nth = fail_allocation != 0 && --fail_allocation == 0;
+    if (nth) errno = ENOMEM;
+    return fault_hits(FAKE_ALLOC, caller) || nth;
+}
+#define ALLOCATION_FAILS() allocation_fails(__builtin_return_address(0))
 
 static void record_syslog(int priority, const char* format, va_list args) {
     char* end = strchr(fakes.syslog_text, 0);
+    if (end > fakes.syslog_text + sizeof fakes.syslog_text / 2) *(end = fakes.syslog_text) = 0;
     const auto room = [&] { return sizeof fakes.syslog_text - size_t(end - fakes.syslog_text); };
     end += snprintf(end, room(), "%d ", priority);
     end += vsnprintf(end, room(), format, args);
@@ -64,16 +112,34 @@ static void record_syslog(int priority, const char* format, va_list args) {
 extern "C" {
 
 PLAIN void* malloc(size_t size) __THROW {
-    return allocation_fails() ? nullptr : REAL(malloc)(size);
+    return ALLOCATION_FAILS() ? nullptr : counted(REAL(malloc)(size));
 }
 
 PLAIN void* calloc(size_t count, size_t size) __THROW {
-    if (allocation_fails()) return nullptr;
+    if (ALLOCATION_FAILS()) return nullptr;
     const int countdown = fail_allocation;
     fail_allocation = 0;  // It may well call malloc().
     void* const block = REAL(calloc)(count, size);
     fail_allocation = countdown;
-    return block;
+    return counted(block);
+}
+
+PLAIN void* realloc(void* block, size_t size) __THROW {
+    if (ALLOCATION_FAILS()) return nullptr;
+    void* const moved = REAL(realloc)(block, size);
+    return block ? moved : counted(moved);
+}
+
+PLAIN void free(void* block) __THROW {
+    static void (*real)(void*);
+    static bool looking;  // dlsym() itself frees the text of an older error.
+    if (!real) {
+        if (looking) return;
+        looking = true;
+        real = REAL(free);
+    }
+    if (block) __atomic_sub_fetch(&fakes.blocks, 1, __ATOMIC_RELAXED);
+    real(block);
 }
 
 PLAIN int real_select(int nfds, fd_set* rset, fd_set* wset, fd_set* eset, timeval* tv) {
@@ -81,23 +147,39 @@ PLAIN int real_select(int nfds, fd_set* rset, fd_set* wset, fd_set* eset, timeva
 }
 
 PLAIN int select(int nfds, fd_set* rset, fd_set* wset, fd_set* eset, timeval* tv) {
+    if (FAULT_HITS(FAKE_SELECT)) return -1;
     return (fakes.on_select ? fakes.on_select : real_select)(nfds, rset, wset, eset, tv);
 }
 
 PLAIN ssize_t real_read(int fd, void* bytes, size_t count) { return REAL(read)(fd, bytes, count); }
 
+// Half of what a short read or write is asked for; one byte is all or nothing.
+static PLAIN size_t cut(int error, size_t count) {
+    return error == FAKE_SHORT && count > 1 ? count / 2 : count;
+}
+
 PLAIN ssize_t read(int fd, void* bytes, size_t count) {
+    const int error = FAULT_HITS(FAKE_READ);
+    if (error > 0) return -1;
+    count = cut(error, count);
     return (fakes.on_read ? fakes.on_read : real_read)(fd, bytes, count);
 }
 
 PLAIN ssize_t write(int fd, const void* bytes, size_t count) {
     constexpr size_t kSignalMessage = 1 + sizeof(siginfo_t);
     if (count == kSignalMessage && fakes.before_message) fakes.before_message(fd);
-    return REAL(write)(fd, bytes, count);
+    const int error = FAULT_HITS(FAKE_WRITE);
+    return error > 0 ? -1 : REAL(write)(fd, bytes, cut(error, count));
 }
 
 PLAIN int clock_gettime(clockid_t clock, timespec* now) __THROW {
-    if (clock == CLOCK_MONOTONIC_RAW) __atomic_add_fetch(&fakes.clock_reads, 1, __ATOMIC_RELAXED);
+    if (clock == CLOCK_MONOTONIC_RAW) {
+        __atomic_add_fetch(&fakes.clock_reads, 1, __ATOMIC_RELAXED);
+        const int saved = errno;
+        const long long minutes = FAULT_HITS(FAKE_CLOCK);
+        if (minutes) fakes.clock_ns += static_cast<unsigned long long>(minutes * 60000000000LL);
+        errno = saved;
+    }
     if (clock != CLOCK_MONOTONIC_RAW || fakes.clock_ns == 0)
         return REAL_AS(clock_gettime, TIME64("clock_gettime", "__clock_gettime64"))(clock, now);
     now->tv_sec = static_cast<time_t>(fakes.clock_ns / 1000000000);
@@ -106,30 +188,21 @@ PLAIN int clock_gettime(clockid_t clock, timespec* now) __THROW {
 }
 
 int sysinfo(struct sysinfo* info) __THROW {
+    if (FAULT_HITS(FAKE_SYSINFO)) return -1;
     const int result = REAL(sysinfo)(info);
     if (fakes.clock_ns != 0) info->uptime = static_cast<long>(fakes.clock_ns / 1000000000);
     return result;
 }
 
-int mkfifo(const char* path, mode_t mode) __THROW {
-    if ((errno = fakes.fail[FAKE_MKFIFO]) != 0) return -1;
-    return REAL(mkfifo)(path, mode);
-}
-
 pid_t waitpid(pid_t pid, int* status, int options) {
+    if (FAULT_HITS(FAKE_WAITPID)) return -1;
     const pid_t result = REAL(waitpid)(pid, status, options);
     if (result > 0 && status && *status && *status == fakes.core_dumped_by) *status |= WCOREFLAG;
     return result;
 }
 
-pid_t wait4(pid_t pid, __WAIT_STATUS status, int options, struct rusage* usage) __THROW {
-    if (fakes.fail[FAKE_WAIT4] == 0) return REAL(wait4)(pid, status, options, usage);
-    errno = fakes.fail[FAKE_WAIT4];
-    return -1;
-}
-
 PLAIN long syscall(long number, ...) __THROW {
-    if ((errno = fakes.fail[FAKE_SYSCALL]) != 0) return -1;
+    if (FAULT_HITS(FAKE_SYSCALL)) return -1;
     long arg[6];
     va_list args;
     va_start(args, number);
@@ -138,10 +211,56 @@ PLAIN long syscall(long number, ...) __THROW {
     return REAL(syscall)(number, arg[0], arg[1], arg[2], arg[3], arg[4], arg[5]);
 }
 
+// The names with 64 are what the library's calls become with 64-bit offsets.
+PLAIN int open64(const char* path, int flags, ...) {
+    va_list args;
+    va_start(args, flags);
+    const unsigned mode = flags & O_CREAT ? va_arg(args, unsigned) : 0;
+    va_end(args);
+    if (made_by_library(__builtin_return_address(0)) && fakes.before_open)
+        fakes.before_open(++fakes.opens);
+    return FAULT_HITS(FAKE_OPEN) ? -1 : REAL(open64)(path, flags, mode);
+}
+
+PLAIN int fcntl64(int fd, int command, ...) {
+    va_list args;
+    va_start(args, command);
+    void* const arg = va_arg(args, void*);
+    va_end(args);
+    return FAULT_HITS(FAKE_FCNTL) ? -1 : REAL(fcntl64)(fd, command, arg);
+}
+
+PLAIN int close(int fd) {
+    const int result = REAL(close)(fd);
+    return FAULT_HITS(FAKE_CLOSE) ? -1 : result;
+}
+
+#define FAIL_AS(index, type, failed, call, parameters, arguments) \
+    PLAIN type call parameters {                                  \
+        if (FAULT_HITS(index)) return failed;                     \
+        return REAL(call) arguments;                              \
+    }
+#define FAIL_ON_DEMAND(index, call, parameters, arguments) \
+    FAIL_AS(index, int, -1, call, parameters, arguments)
+
+FAIL_ON_DEMAND(FAKE_MKFIFO, mkfifo, (const char* path, mode_t mode)__THROW, (path, mode))
+FAIL_ON_DEMAND(FAKE_STAT, stat64, (const char* path, struct stat64* into)__THROW, (path, into))
+FAIL_ON_DEMAND(FAKE_FSTAT, fstat64, (int fd, struct stat64* into)__THROW, (fd, into))
+FAIL_ON_DEMAND(FAKE_FTRUNCATE, ftruncate64, (int fd, off64_t length)__THROW, (fd, length))
+FAIL_ON_DEMAND(FAKE_UNLINK, unlink, (const char* path)__THROW, (path))
+FAIL_ON_DEMAND(FAKE_GETRLIMIT, getrlimit64,
+               (__rlimit_resource_t resource, struct rlimit64* limit)__THROW, (resource, limit))
+FAIL_ON_DEMAND(FAKE_WAIT4, wait4,
+               (pid_t pid, __WAIT_STATUS status, int options, rusage* usage)__THROWNL,
+               (pid, status, options, usage))
+FAIL_AS(FAKE_POPEN, FILE*, nullptr, popen, (const char* command, const char* mode), (command, mode))
+FAIL_AS(FAKE_FREAD, size_t, 0, fread, (void* into, size_t size, size_t count, FILE* file),
+        (into, size, count, file))
+
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*start)(void*),
                    void* arg) __THROWNL {
-    if (fakes.fail[FAKE_PTHREAD_CREATE]) return fakes.fail[FAKE_PTHREAD_CREATE];
-    const int error = REAL(pthread_create)(thread, attributes, start, arg);
+    int error = FAULT_HITS(FAKE_PTHREAD_CREATE);
+    if (!error) error = REAL(pthread_create)(thread, attributes, start, arg);
     if (!error) __atomic_add_fetch(&fakes.threads, 1, __ATOMIC_RELAXED);
     return error;
 }
@@ -152,22 +271,22 @@ int pthread_join(pthread_t thread, void** result) {
     return error;
 }
 
-#define FAIL_ON_DEMAND(index, call, parameters, arguments) \
+#define FAIL_BY_RESULT(index, call, parameters, arguments) \
     int call parameters {                                  \
-        if (fakes.fail[index]) return fakes.fail[index];   \
-        return REAL(call) arguments;                       \
+        const int error = FAULT_HITS(index);               \
+        return error ? error : REAL(call) arguments;       \
     }
 
-FAIL_ON_DEMAND(FAKE_MUTEX_INIT, pthread_mutex_init,
+FAIL_BY_RESULT(FAKE_MUTEX_INIT, pthread_mutex_init,
                (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes) __THROW,
                (mutex, attributes))
-FAIL_ON_DEMAND(FAKE_MUTEX_DESTROY, pthread_mutex_destroy, (pthread_mutex_t * mutex) __THROW,
+FAIL_BY_RESULT(FAKE_MUTEX_DESTROY, pthread_mutex_destroy, (pthread_mutex_t * mutex) __THROW,
                (mutex))
-FAIL_ON_DEMAND(FAKE_COND_INIT, pthread_cond_init,
+FAIL_BY_RESULT(FAKE_COND_INIT, pthread_cond_init,
                (pthread_cond_t * cond, const pthread_condattr_t* attributes) __THROW,
                (cond, attributes))
-FAIL_ON_DEMAND(FAKE_COND_DESTROY, pthread_cond_destroy, (pthread_cond_t * cond) __THROW, (cond))
-FAIL_ON_DEMAND(FAKE_COND_SIGNAL, pthread_cond_signal, (pthread_cond_t * cond) __THROWNL, (cond))
+FAIL_BY_RESULT(FAKE_COND_DESTROY, pthread_cond_destroy, (pthread_cond_t * cond) __THROW, (cond))
+FAIL_BY_RESULT(FAKE_COND_SIGNAL, pthread_cond_signal, (pthread_cond_t * cond) __THROWNL, (cond))
 
 __attribute__((format(printf, 2, 3))) void syslog(int priority, const char* format, ...) {
     va_list args;
