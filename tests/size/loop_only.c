@@ -14,8 +14,9 @@ static int on_end(int pid, void* arg, int status) {
 static void on_signal(int signal, siginfo_t* info, void* arg) {
     (void)signal, (void)info, (void)arg;
     const int pid = fork();
-    if (pid == 0) _exit(0);
+    while (pid == 0) pause(); /* One that ends before it is watched may go unnoticed. */
     event_process_add(pid, on_end, NULL);
+    kill(pid, SIGKILL);
 }
 static void on_fd(int fd, void* arg) {
     (void)arg;
