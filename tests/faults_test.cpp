@@ -474,6 +474,8 @@ class Faults : public testing::TestWithParam<Operation> {};
 int all_points;
 
 TEST_P(Faults, CrashLeakOrLoseSomething) {
+    if (getenv("TESSRA_EMULATED"))
+        GTEST_SKIP() << "qemu-user's child of fork() now and then hangs, and this forks a lot";
     const int points = drive_faults(GetParam());
     printf("%s: %d faults, %d so far\n", GetParam().name, points, all_points += points);
     EXPECT_GT(points, 0);
