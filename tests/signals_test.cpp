@@ -217,7 +217,8 @@ constexpr unsigned kCatchable = ~(1u | 1u << SIGKILL | 1u << SIGSTOP | kUnsafe);
 // runs, which then floods the channel and sends every kind for the last time. What is delivered
 // after that is due to its last sending, and a kind that got lost would never come.
 void storm_over_a_full_channel() {
-    constexpr int kRounds = 2000, kSenders = 2;
+    constexpr int kRounds = sizeof(void*) == 4 ? 200 : 2000;  // Emulated machines are slow.
+    constexpr int kSenders = 2;
     static std::atomic<int> sent[32], round, bursts;
     static int delivered[32], torn;
     static unsigned awaited;

@@ -111,22 +111,27 @@ static void record_syslog(int priority, const char* format, va_list args) {
 
 extern "C" {
 
+// What calloc() and realloc() of some C libraries call is neither counted nor made to fail.
+static __thread bool inside_allocator;
+
 PLAIN void* malloc(size_t size) __THROW {
+    if (inside_allocator) return REAL(malloc)(size);
     return ALLOCATION_FAILS() ? nullptr : counted(REAL(malloc)(size));
 }
 
 PLAIN void* calloc(size_t count, size_t size) __THROW {
     if (ALLOCATION_FAILS()) return nullptr;
-    const int countdown = fail_allocation;
-    fail_allocation = 0;  // It may well call malloc().
+    inside_allocator = true;
     void* const block = REAL(calloc)(count, size);
-    fail_allocation = countdown;
+    inside_allocator = false;
     return counted(block);
 }
 
 PLAIN void* realloc(void* block, size_t size) __THROW {
     if (ALLOCATION_FAILS()) return nullptr;
+    inside_allocator = true;
     void* const moved = REAL(realloc)(block, size);
+    inside_allocator = false;
     return block ? moved : counted(moved);
 }
 
@@ -138,7 +143,7 @@ PLAIN void free(void* block) __THROW {
         looking = true;
         real = REAL(free);
     }
-    if (block) __atomic_sub_fetch(&fakes.blocks, 1, __ATOMIC_RELAXED);
+    if (block && !inside_allocator) __atomic_sub_fetch(&fakes.blocks, 1, __ATOMIC_RELAXED);
     real(block);
 }
 

@@ -90,6 +90,7 @@ void warm_up(const Operation& operation) {
     std::thread([] {}).join();
     trace.reserve(1000);
     fprintf(stderr, "%s", "");
+    errno = 0;
     if (operation.warm) EXPECT_EQ(0, operation.run());
 }
 
