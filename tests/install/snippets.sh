@@ -22,7 +22,7 @@ for page in "$@"; do
         [[ -e $snippet ]] || { echo "snippets: none in $page" >&2 && exit 1; }
         "$compiler" -std=gnu11 -Wall -Wextra -Werror -I"$include" -c "$snippet" -o "$work/snippet.o"
         for other in libevent=WITH_LIBEVENT glib-2.0=WITH_GLIB; do
-            grep -q "ifdef ${other#*=}" "$snippet" && flags=$(pkg-config --cflags "${other%=*}" 2>/dev/null) ||
+            [[ -n ${NATIVE:-} ]] && grep -q "ifdef ${other#*=}" "$snippet" && flags=$(pkg-config --cflags "${other%=*}" 2>/dev/null) ||
                 continue
             "$compiler" -std=gnu11 -Wall -Wextra -Werror -D"${other#*=}" -I"$include" $flags -c "$snippet" \
                 -o "$work/snippet.o"
