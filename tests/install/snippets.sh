@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Compiles every C snippet of some pages as a program of its own, as a reader would who pastes it; once
-# more with what it shows of another library, if that is here.
+# more with what it shows of another library, if that is here and NATIVE is set, as a cross compiler
+# has none.
 #
 #   tests/install/snippets.sh COMPILER PAGE...
 set -euo pipefail
