@@ -1,4 +1,4 @@
-# 32-bit ARM (ARMv7-A, Thumb-2, hard float) with uClibc-ng: Debian's cross compiler, turned by specs
+# 32-bit ARM (ARMv7-A, Thumb-2, hard float) with uClibc-ng: Debian's cross compiler, turned by GCC's -specs
 # to the sysroot that scripts/cross/setup makes.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
