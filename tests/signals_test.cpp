@@ -231,7 +231,7 @@ void storm_over_a_full_channel() {
             queue_signal(signal, signal);
         }
     };
-    fakes.before_message = [](int fd) {
+    fakes.before_message = [](int fd, size_t) {
         if (!shrunk.exchange(true)) EXPECT_EQ(4096, fcntl(fd, F_SETPIPE_SZ, 4096));
     };
     static const timer_handler_t next_round = [](void*) {
@@ -301,33 +301,42 @@ ISOLATED_TEST(Signals, ForkedChildSendsIntoTheParentsChannel) {
     EXPECT_EQ("", trace);
 }
 
-// Holds the catcher before its write while the loop ends, which must not close the channel yet.
-ISOLATED_TEST(Signals, CatcherWritesToAChannelClosedMeanwhile) {
+// Holds a writer before its write while the loop ends, which must not close the channel yet; nor
+// must the lock of the list be taken by then.
+ISOLATED_TEST(Signals, WriterMeetsAClosedChannelOrKeepsTheLock) {
     static event_loop_ctx_tp context = event_mc_init();
     static std::atomic<bool> running, writing, ended, same_channel;
+    static std::atomic<int> found;
     event_signal_add_mc(context, note_signal, arg(""), SIGUSR1);
-    event_timer_add_mc(
-        context, [](void*) { running = true; }, nullptr, 0);
-    fakes.before_message = [](int fd) {
+    fakes.before_message = [](int fd, size_t) {
+        if (!running || writing.exchange(true)) return;
         struct stat before = {}, after = {};
         fstat(fd, &before);
-        writing = true;
         for (int n = 0; n < 20000 && !ended; n++) sched_yield();
-        same_channel = fstat(fd, &after) == 0 && after.st_ino == before.st_ino;
+        same_channel = fstat(fd, &after) == 0 && after.st_ino == before.st_ino && found != -1;
     };
-    std::thread runner([] {
-        EXPECT_EQ(0, et_event_loop_mc(context));
-        ended = true;
-    });
-    while (!running) std::this_thread::yield();
-    std::thread ender([] {
-        while (!writing) std::this_thread::yield();
-        cancel_loop_mc(context);
-    });
-    raise(SIGUSR1);
-    EXPECT_TRUE(same_channel);
-    ender.join();
-    runner.join();
+    const Step writers[] = {[] { raise(SIGUSR1); },
+                            [] { event_timer_add_mc(context, note_timer, nullptr, 1000); }};
+    for (const Step& write : writers) {
+        running = writing = ended = same_channel = false;
+        found = -1;
+        event_timer_add_mc(
+            context, [](void*) { running = true; }, nullptr, 0);
+        std::thread runner([] {
+            EXPECT_EQ(0, et_event_loop_mc(context));
+            ended = true;
+        });
+        while (!running) std::this_thread::yield();
+        std::thread ender([] {
+            while (!writing) std::this_thread::yield();
+            found = event_timer_exists_mc(context, note_timer, nullptr);
+            cancel_loop_mc(context);
+        });
+        write();
+        EXPECT_TRUE(same_channel);
+        ender.join();
+        runner.join();
+    }
     event_mc_free(context);
 }
 

@@ -182,6 +182,11 @@ bool open_channel_locked(event_loop_ctx_t& el_ctx) {
     return true;
 }
 
+// A full channel loses the byte; the bytes in it wake the loop all the same.
+void write_wake_up(int fd) {
+    if (fd != kNoFd) (void)!write(fd, &kWakeUp, 1);
+}
+
 bool read_exactly(int fd, void* into, size_t size_bytes) {
     auto* rest = static_cast<char*>(into);
     while (size_bytes > 0) {
@@ -228,13 +233,28 @@ void channel_end(event_loop_ctx_t& el_ctx) {
 
 void channel_discard_leftover(event_loop_ctx_t& el_ctx) { close_if_open(el_ctx.pong_fd); }
 
-void ping_eventloop(event_loop_ctx_tp el_ctx, char data) {
+void ping_eventloop(event_loop_ctx_tp el_ctx) {
     if (el_ctx->ping_fd.load() == kNoFd) return;
     const ErrnoKeeper keep_errno;
     const InsideGate inside(channel_gate);
-    const int fd = el_ctx->ping_fd.load();
-    // A full channel loses the byte; the bytes in it wake the loop all the same.
-    if (fd != kNoFd) (void)!write(fd, &data, 1);
+    write_wake_up(el_ctx->ping_fd.load());
+}
+
+ChangeLock::ChangeLock(event_loop_ctx_tp el_ctx, recursive_mutex& mutex)
+    : el_ctx_(el_ctx), mutex_(mutex) {
+    recursive_mutex_lock(&mutex);
+}
+
+ChangeLock::~ChangeLock() {
+    if (el_ctx_->ping_fd.load() == kNoFd) {
+        recursive_mutex_unlock(&mutex_);
+        return;
+    }
+    const ErrnoKeeper keep_errno;
+    const InsideGate inside(channel_gate);
+    const int fd = el_ctx_->ping_fd.load();
+    recursive_mutex_unlock(&mutex_);
+    write_wake_up(fd);
 }
 
 void channel_send_signal(int sig, const siginfo_t& info) {
@@ -251,7 +271,7 @@ void channel_send_signal(int sig, const siginfo_t& info) {
         if (fd == kNoFd || write(fd, &message, sizeof message) == sizeof message) continue;
         el_ctx->pending->keep(sig, info);
         // By now the channel may be empty and the loop asleep. If it is still full, it isn't.
-        (void)!write(fd, &kWakeUp, 1);
+        write_wake_up(fd);
     }
 }
 

@@ -86,9 +86,8 @@ void event_process_add_mc(event_loop_ctx_tp el_ctx, int pid, process_handler_t h
         free(child);
         return;
     }
-    const RecursiveLock lock(el_ctx->processlist_mutex);
+    const ChangeLock lock(el_ctx, el_ctx->processlist_mutex);
     list_add_tail(&el_ctx->process_queue, &child->list);
-    ping_eventloop(el_ctx, kWakeUp);
 }
 
 void event_process_add(int pid, process_handler_t handler, void* arg) {
@@ -96,12 +95,11 @@ void event_process_add(int pid, process_handler_t handler, void* arg) {
 }
 
 void event_process_del_mc(event_loop_ctx_tp el_ctx, int pid) {
-    const RecursiveLock lock(el_ctx->processlist_mutex);
+    const ChangeLock lock(el_ctx, el_ctx->processlist_mutex);
     auto* child = find_first<process_t>(el_ctx->process_queue, [pid](const process_t* candidate) {
         return candidate->pid == pid && candidate->to_be_deleted != kReported;
     });
     if (child != nullptr) delete_or_mark(child);
-    ping_eventloop(el_ctx, kWakeUp);
 }
 
 void event_process_del(int pid) { event_process_del_mc(&default_el_ctx, pid); }

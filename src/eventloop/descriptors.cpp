@@ -108,10 +108,9 @@ void event_fd_add_mc(event_loop_ctx_tp el_ctx, fd_handler_t handler, void* arg, 
     auto* watcher = new_record<event_fd_t>();
     if (watcher == nullptr) return;
     *watcher = {{}, handler, arg, fd, type, 0, 0};
-    const RecursiveLock lock(el_ctx->eventlists_mutex);
+    const ChangeLock lock(el_ctx, el_ctx->eventlists_mutex);
     list_add_tail(&el_ctx->fd_queue, &watcher->list);
     el_ctx->watched.stale = true;
-    ping_eventloop(el_ctx, kWakeUp);
 }
 
 void event_fd_add(fd_handler_t handler, void* arg, int fd, int type) {
@@ -119,14 +118,13 @@ void event_fd_add(fd_handler_t handler, void* arg, int fd, int type) {
 }
 
 void event_fd_del_mc(event_loop_ctx_tp el_ctx, int fd) {
-    const RecursiveLock lock(el_ctx->eventlists_mutex);
+    const ChangeLock lock(el_ctx, el_ctx->eventlists_mutex);
     auto* watcher = find_first<event_fd_t>(
         el_ctx->fd_queue, [fd](const event_fd_t* candidate) { return candidate->fd == fd; });
     if (watcher != nullptr) {
         delete_or_mark(watcher);
         el_ctx->watched.stale = true;
     }
-    ping_eventloop(el_ctx, kWakeUp);
 }
 
 void event_fd_del(int fd) { event_fd_del_mc(&default_el_ctx, fd); }

@@ -57,7 +57,7 @@ struct TimerIndex {
     list_t* buckets;  // Null while timers are few, and if memory is short.
     unsigned int bucket_count;
     unsigned int adds_to_check;  // Until the table is looked at again.
-    uint32_t dice;
+    std::atomic<uint32_t> adds;
 };
 
 }  // namespace tessra
@@ -134,7 +134,22 @@ bool channel_start(event_loop_ctx_t& el_ctx);
 void channel_end(event_loop_ctx_t& el_ctx);
 // Closes what a failed start has left open.
 void channel_discard_leftover(event_loop_ctx_t& el_ctx);
-void ping_eventloop(event_loop_ctx_tp el_ctx, char data);
+void ping_eventloop(event_loop_ctx_tp el_ctx);
+
+// Holds a list's mutex for a change, and wakes the loop in the end. The byte is written once the
+// mutex is free, so that the loop doesn't wake only to wait for it: with one processor those are
+// two switches for nothing. The loop may see the change at once and end, and its owner free the
+// context, so the writer enters the gate that the end waits at before it lets go of the mutex.
+class ChangeLock : NotCopyable {
+public:
+    ChangeLock(event_loop_ctx_tp el_ctx, recursive_mutex& mutex);
+    ~ChangeLock();
+
+private:
+    event_loop_ctx_tp el_ctx_;
+    recursive_mutex& mutex_;
+};
+
 // Takes a message, and returns the number of its signal; 0 for a wake-up or nothing.
 int channel_take_message(const event_loop_ctx_t& el_ctx, siginfo_t& info);
 void channel_send_signal(int sig, const siginfo_t& info);
@@ -144,7 +159,7 @@ void unlink_entry(event_timer_t* timer);
 bool timer_add(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg, Milliseconds timeout);
 void update_timers(event_loop_ctx_tp el_ctx, long long int tdiff);
 timeval* timer_timeout(event_loop_ctx_tp el_ctx, Milliseconds now, timeval& timeout);
-void run_due_timers(event_loop_ctx_tp el_ctx);
+bool run_due_timers(event_loop_ctx_tp el_ctx, Milliseconds current_time);
 void event_timer_free(event_loop_ctx_tp el_ctx);
 
 // descriptors.cpp

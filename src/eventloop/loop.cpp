@@ -19,34 +19,46 @@ void follow_clock_jump(event_loop_ctx_tp el_ctx, Milliseconds older, Millisecond
     if (before > after || after > before + kLargestPause) update_timers(el_ctx, after - before);
 }
 
-// Takes at most one message from the channel, and runs at most one signal. Those that are kept
-// beside a full channel go when the message was a wake-up, and take turns with other signals.
-void take_message_locked(event_loop_ctx_tp el_ctx, bool has_message) {
-    siginfo_t info;
+// Takes at most one message from the channel, and returns the number of at most one signal. Those
+// that are kept beside a full channel go when the message was a wake-up, and take turns with others.
+int take_signal(event_loop_ctx_tp el_ctx, bool has_message, siginfo_t& info) {
     int signal = 0;
     if (has_message && !(el_ctx->pending_turn && el_ctx->pending->any())) {
         signal = channel_take_message(*el_ctx, info);
     }
     el_ctx->pending_turn = signal != 0;
-    if (signal == 0) signal = el_ctx->pending->take(info);
+    return signal != 0 ? signal : el_ctx->pending->take(info);
+}
+
+// The descriptor handlers, then one message. Returns whether a handler may have run.
+bool run_ready_watchers(event_loop_ctx_tp el_ctx, const SelectSets& ready, int ready_count) {
+    const bool has_message = ready_count > 0 && contains_fd(el_ctx->pong_fd, ready.read);
+    const bool has_descriptor = ready_count > (has_message ? 1 : 0);
+    siginfo_t info;
+    // A wake-up alone, of which there is one for each change of a list, needs no lock.
+    const int first_signal = has_descriptor ? 0 : take_signal(el_ctx, has_message, info);
+    if (!has_descriptor && first_signal == 0) return false;
+
+    const RecursiveLock lock(el_ctx->eventlists_mutex);
+    // Marked watchers can't be waiting for this walk: it reaps within the pass what it marks.
+    if (has_descriptor) run_ready_descriptors_locked(el_ctx, ready);
+    const int signal = has_descriptor ? take_signal(el_ctx, has_message, info) : first_signal;
     if (signal != 0) run_signal_watchers_locked(el_ctx, signal, info);
+    return true;
 }
 
-// One pass over what select() returned: `ready_count` bits in `ready`.
-void event_handle_events(event_loop_ctx_tp el_ctx, const SelectSets& ready, int ready_count) {
-    if (ready_count > 0 || el_ctx->pending->any()) {
-        const RecursiveLock lock(el_ctx->eventlists_mutex);
-        const bool has_message = contains_fd(el_ctx->pong_fd, ready.read);
-        // Marked watchers can't be waiting for this walk: it reaps within the pass what it marks.
-        if (ready_count > (has_message ? 1 : 0)) run_ready_descriptors_locked(el_ctx, ready);
-        take_message_locked(el_ctx, has_message);
-    }
-    run_due_timers(el_ctx);
+// One pass over what select() returned: `ready_count` bits in `ready`, at `now`. Returns whether a
+// handler may have run; while none has, one reading of the clock is as good as the next.
+bool event_handle_events(event_loop_ctx_tp el_ctx, const SelectSets& ready, int ready_count,
+                         Milliseconds now) {
+    const bool ran = run_ready_watchers(el_ctx, ready, ready_count);
+    return run_due_timers(el_ctx, ran ? event_get_time() : now) || ran;
 }
 
-// One wait and pass of the main loop; `ptime` is the reading after the last wait.
-void iterate(event_loop_ctx_tp el_ctx, Milliseconds& ptime) {
-    const Milliseconds ntime = event_get_time();
+// One wait and pass of the main loop; `ptime` is the reading after the last wait. Takes and returns
+// whether a handler may have run since that reading.
+bool iterate(event_loop_ctx_tp el_ctx, Milliseconds& ptime, bool ran) {
+    const Milliseconds ntime = ran ? event_get_time() : ptime;
     follow_clock_jump(el_ctx, ptime, ntime);
 
     timeval storage;
@@ -59,13 +71,13 @@ void iterate(event_loop_ctx_tp el_ctx, Milliseconds& ptime) {
 
     ptime = event_get_time();
     follow_clock_jump(el_ctx, ntime, ptime);
-    if (count >= 0) {
-        event_handle_events(el_ctx, sets, count);
-    } else if (error != EINTR) {
+    if (count >= 0) return event_handle_events(el_ctx, sets, count, ptime);
+    if (error != EINTR) {
         if (error == EBADF) exit_if_descriptor_closed(el_ctx);
         log_select_failure(error, __LINE__);
         exit(1);
     }
+    return false;
 }
 
 // select() for the nested pass: a failure that lasts must not turn into a loop of its own.
@@ -90,7 +102,8 @@ using namespace tessra;
 int et_event_loop_mc(event_loop_ctx_tp el_ctx) {
     if (!channel_start(*el_ctx)) return -1;
     Milliseconds ptime = event_get_time();
-    while (el_ctx->async_loop_started.load() != 0) iterate(el_ctx, ptime);
+    bool ran = false;
+    while (el_ctx->async_loop_started.load() != 0) ran = iterate(el_ctx, ptime, ran);
 
     if (el_ctx == &default_el_ctx) {
         event_timer_free(el_ctx);
@@ -106,7 +119,7 @@ int et_event_loop(void) { return et_event_loop_mc(&default_el_ctx); }
 
 void cancel_loop_mc(event_loop_ctx_tp el_ctx) {
     el_ctx->async_loop_started.store(0);
-    ping_eventloop(el_ctx, kWakeUp);
+    ping_eventloop(el_ctx);
 }
 
 void cancel_loop(void) { cancel_loop_mc(&default_el_ctx); }
@@ -125,7 +138,7 @@ int do_events_mc(event_loop_ctx_tp el_ctx, unsigned int timeout) {
     SelectSets sets;
     const int max_fd = fill_select_sets(el_ctx, sets);
     const int count = select_with_retries(el_ctx, max_fd, sets, wait);
-    if (count >= 0) event_handle_events(el_ctx, sets, count);
+    if (count >= 0) (void)event_handle_events(el_ctx, sets, count, event_get_time());
     el_ctx->do_events_reentrance = 0;
     return count >= 0 ? 0 : -1;
 }

@@ -39,10 +39,9 @@ bool signal_add(event_loop_ctx_tp el_ctx, signal_handler_t handler, void* arg, i
     auto* watcher = new_record<event_signal_t>();
     if (watcher == nullptr) return false;
     *watcher = {{}, handler, arg, signal, 0, 0};
-    const RecursiveLock lock(el_ctx->eventlists_mutex);
+    const ChangeLock lock(el_ctx, el_ctx->eventlists_mutex);
     list_add_tail(&el_ctx->signal_queue, &watcher->list);
     catch_signal(signal);
-    ping_eventloop(el_ctx, kWakeUp);
     return true;
 }
 
@@ -91,12 +90,11 @@ void event_signal_add(signal_handler_t handler, void* arg, int signal) {
 }
 
 void event_signal_del_mc(event_loop_ctx_tp el_ctx, int signal) {
-    const RecursiveLock lock(el_ctx->eventlists_mutex);
+    const ChangeLock lock(el_ctx, el_ctx->eventlists_mutex);
     auto* watcher = find_first<event_signal_t>(
         el_ctx->signal_queue,
         [signal](const event_signal_t* candidate) { return candidate->signal == signal; });
     if (watcher != nullptr) delete_or_mark(watcher);
-    ping_eventloop(el_ctx, kWakeUp);
 }
 
 void event_signal_del(int signal) { event_signal_del_mc(&default_el_ctx, signal); }

@@ -41,8 +41,9 @@ event_timer_t* timer_on(list_t* node, unsigned int lane) {
 
 // One timer in four gets a lane more. Any generator does that has no rhythm.
 unsigned int throw_lanes(TimerIndex& index) {
-    index.dice = index.dice * 1664525U + 1013904223U;
-    return static_cast<unsigned int>(__builtin_ctz(index.dice >> 16 | 1U << 2 * kTimerLanes)) / 2;
+    uint32_t dice = index.adds.fetch_add(1, std::memory_order_relaxed) * 0x9e3779b1U;
+    dice = (dice ^ dice >> 15) * 0x85ebca6bU;
+    return static_cast<unsigned int>(__builtin_ctz(dice >> 16 | 1U << 2 * kTimerLanes)) / 2;
 }
 
 list_t* lane_head(event_loop_ctx_tp el_ctx, unsigned int lane) {
@@ -141,18 +142,17 @@ void for_each_match(event_loop_ctx_tp el_ctx, timer_handler_t handler, const voi
 }  // namespace
 
 bool timer_add(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg, Milliseconds timeout) {
-    const RecursiveLock lock(el_ctx->timerlist_mutex);
     TimerIndex& index = el_ctx->timer_index;
-    if (index.lanes[0].next == nullptr) start_index_locked(index);
     const unsigned int lanes = throw_lanes(index);
     auto* timer =
         static_cast<event_timer_t*>(new_block(sizeof(event_timer_t) + lanes * sizeof(list_t)));
     if (timer == nullptr) return false;
     *timer = {{}, handler, arg, event_get_time() + timeout, {}, 0, 0, lanes};
+    const ChangeLock lock(el_ctx, el_ctx->timerlist_mutex);
+    if (index.lanes[0].next == nullptr) start_index_locked(index);
     enqueue_locked(el_ctx, timer);
     enter_bucket(index, timer);
     check_table_locked(el_ctx);
-    ping_eventloop(el_ctx, kWakeUp);
     return true;
 }
 
@@ -182,11 +182,12 @@ timeval* timer_timeout(event_loop_ctx_tp el_ctx, Milliseconds now, timeval& time
 }
 
 // The timer phase. A handler runs with its timer off the list and the lock released, so after it
-// nothing that was remembered counts and the walk starts again. The clock is read once: a handler
-// that keeps arming itself with 0 can't hold the phase beyond this millisecond.
-void run_due_timers(event_loop_ctx_tp el_ctx) {
+// nothing that was remembered counts and the walk starts again. The clock isn't read again: a
+// handler that keeps arming itself with 0 can't hold the phase beyond this millisecond. Returns
+// whether a handler has run.
+bool run_due_timers(event_loop_ctx_tp el_ctx, Milliseconds current_time) {
     RecursiveLock lock(el_ctx->timerlist_mutex);
-    const Milliseconds current_time = event_get_time();
+    bool any_fired = false;
     bool fired;
     auto fire_if_due = [&](event_timer_t* timer) {
         if (timer->time > current_time) return false;
@@ -201,14 +202,19 @@ void run_due_timers(event_loop_ctx_tp el_ctx) {
     do {
         fired = false;
         pinned_walk<event_timer_t, FlagPins>(el_ctx->timer_queue, fire_if_due);
+        any_fired |= fired;
     } while (fired);
+    return any_fired;
 }
 
 void event_timer_free(event_loop_ctx_tp el_ctx) {
     const RecursiveLock lock(el_ctx->timerlist_mutex);
     free_all<event_timer_t>(el_ctx->timer_queue);
-    free(el_ctx->timer_index.buckets);
-    el_ctx->timer_index = {};
+    TimerIndex& index = el_ctx->timer_index;
+    free(index.buckets);
+    index.buckets = nullptr;
+    index.bucket_count = 0;
+    index.adds_to_check = kFewTimers;
 }
 
 }  // namespace tessra
@@ -225,9 +231,8 @@ void event_timer_add(timer_handler_t handler, void* arg, long long unsigned int 
 }
 
 void event_timer_del_mc(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg) {
-    const RecursiveLock lock(el_ctx->timerlist_mutex);
+    const ChangeLock lock(el_ctx, el_ctx->timerlist_mutex);
     for_each_match(el_ctx, handler, arg, [](event_timer_t* timer) { delete_or_mark(timer); });
-    ping_eventloop(el_ctx, kWakeUp);
 }
 
 void event_timer_del(timer_handler_t handler, void* arg) {

@@ -172,7 +172,8 @@ PLAIN ssize_t read(int fd, void* bytes, size_t count) {
 
 PLAIN ssize_t write(int fd, const void* bytes, size_t count) {
     constexpr size_t kSignalMessage = 1 + sizeof(siginfo_t);
-    if (count == kSignalMessage && fakes.before_message) fakes.before_message(fd);
+    const bool is_message = count == kSignalMessage || (count == 1 && *(const char*)bytes == '-');
+    if (is_message && fakes.before_message) fakes.before_message(fd, count);
     const int error = FAULT_HITS(FAKE_WRITE);
     return error > 0 ? -1 : REAL(write)(fd, bytes, cut(error, count));
 }

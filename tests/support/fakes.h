@@ -65,9 +65,10 @@ extern struct fakes {
     int fail[FAKE_CALLS]; /**< Error number that the call fails with; 0 lets it through. */
     struct fault* fault;  /**< The fault that is armed, if not null. */
     long blocks;          /**< Of the heap, that malloc() and its likes have made and not freed. */
-    select_call* on_select;         /**< Stands for select(), if not null. */
-    read_call* on_read;             /**< Stands for read(), if not null. */
-    void (*before_message)(int fd); /**< Called before a signal message is written, if not null. */
+    select_call* on_select; /**< Stands for select(), if not null. */
+    read_call* on_read;     /**< Stands for read(), if not null. */
+    /** Called before a message of this size is written, a signal or a wake-up, if not null. */
+    void (*before_message)(int fd, size_t size);
     void (*before_open)(int nth); /**< Called before the nth open() of the library, if not null. */
     int opens;                    /**< Made by the library so far. */
     unsigned long long clock_ns;  /**< CLOCK_MONOTONIC_RAW, and the uptime; 0 for the real ones. */
