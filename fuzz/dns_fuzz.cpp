@@ -27,6 +27,7 @@ static int expected(const uint8_t* data, size_t size, bool with_v6, std::string&
     for (int n = 0; n < ns_msg_count(message, ns_s_an); n++) {
         ns_rr record;
         if (ns_parserr(&message, ns_s_an, n, &record) != 0) return kUnknown;
+        if (ns_rr_type(record) == 0) return kUnknown;  // Its owner may be two blank bytes.
         const bool is_v4 = ns_rr_type(record) == ns_t_a;
         if (!is_v4 && (ns_rr_type(record) != ns_t_aaaa || !with_v6)) continue;
         if (ns_rr_rdlen(record) != (is_v4 ? 4 : 16)) return kUnknown;

@@ -20,7 +20,8 @@ void follow_clock_jump(event_loop_ctx_tp el_ctx, Milliseconds older, Millisecond
 }
 
 // Takes at most one message from the channel, and returns the number of at most one signal. Those
-// that are kept beside a full channel go when the message was a wake-up, and take turns with others.
+// that are kept beside a full channel go when the message was a wake-up, and take turns with other
+// signals.
 int take_signal(event_loop_ctx_tp el_ctx, bool has_message, siginfo_t& info) {
     int signal = 0;
     if (has_message && !(el_ctx->pending_turn && el_ctx->pending->any())) {
