@@ -1,6 +1,8 @@
 #include "bench.h"
 
+#include <sys/resource.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -35,21 +37,22 @@ std::vector<Entry>& entries() {
     return all;
 }
 
-// A system call that fails and that those who count look for.
-void mark(char kind, const std::string& name, double operations) {
-    char text[200];
-    const int length = snprintf(text, sizeof text, "%c %.0f %s", kind, operations, name.c_str());
+// A system call that fails and that those who count look for. The text is ready before, so that
+// only the call counts.
+void mark(char kind, std::string& text) {
+    text[0] = kind;
     if (kind == 'B') CALLGRIND_ZERO_STATS;
-    if (kind == 'E') CALLGRIND_DUMP_STATS_AT(text);
-    (void)syscall(SYS_write, -1, text, static_cast<size_t>(length));
-    if (kind == 'E') puts(text);
+    if (kind == 'E') CALLGRIND_DUMP_STATS_AT(text.c_str());
+    (void)syscall(SYS_write, -1, text.data(), text.size());
+    if (kind == 'E') puts(text.c_str());
 }
 
 void count_all(const char* wanted) {
     for (const Entry& entry : entries()) {
         if (entry.name.find(wanted) == std::string::npos) continue;
+        if (entry.settings.rounds == 0) continue;
         Loop loop(nullptr);
-        entry.operation(loop.named(entry.name, entry.settings.items, entry.settings.rounds));
+        entry.operation(loop.counted(entry.name, entry.settings.items, entry.settings.rounds));
     }
 }
 
@@ -59,7 +62,7 @@ void time_all(int argc, char** argv) {
         auto* timed =
             benchmark::RegisterBenchmark(entry.name.c_str(), [entry](benchmark::State& state) {
                 Loop loop(&state);
-                entry.operation(loop.named(entry.name, entry.settings.items, 0));
+                entry.operation(loop);
                 state.counters["items"] = entry.settings.items;
             });
         if (entry.settings.clock == Clock::kWall) timed->UseRealTime();
@@ -76,9 +79,10 @@ void time_all(int, char**) { fputs("no Google Benchmark: BENCH_COUNT only\n", st
 
 bool Loop::counting() { return getenv("BENCH_COUNT") != nullptr; }
 
-Loop& Loop::named(const std::string& name, double items, unsigned rounds) {
-    name_ = name;
-    items_ = items;
+Loop& Loop::counted(const std::string& name, double items, unsigned rounds) {
+    char operations[32];
+    (void)snprintf(operations, sizeof operations, "B %.0f ", rounds * items);
+    mark_ = operations + name;
     rounds_ = rounds;
     return *this;
 }
@@ -88,9 +92,9 @@ bool Loop::next() {
     if (state_ != nullptr) return state_->KeepRunning();
 #endif
     const unsigned warm_up = rounds_ < kWarmUpRounds ? 0 : kWarmUpRounds;
-    if (done_ == warm_up) mark('B', name_, rounds_ * items_);
+    if (done_ == warm_up) mark('B', mark_);
     if (done_ < warm_up + rounds_) return ++done_ != 0;
-    mark('E', name_, rounds_ * items_);
+    mark('E', mark_);
     return false;
 }
 
@@ -104,6 +108,33 @@ void Loop::peak([[maybe_unused]] double kib) {
 #ifdef TESSRA_BENCH_GOOGLE
     if (state_ != nullptr) state_->counters["peak"] = kib;
 #endif
+}
+
+Cost wait_for(pid_t pid) {
+    rusage usage;
+    int status;
+    wait4(pid, &status, 0, &usage);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) fputs("bench: a process failed\n", stderr);
+    const auto seconds = [](const timeval& time) {
+        return double(time.tv_sec) + double(time.tv_usec) * 1e-6;
+    };
+    return {seconds(usage.ru_utime) + seconds(usage.ru_stime), double(usage.ru_maxrss)};
+}
+
+Cost run_command(const char* command, const char* folder, int out) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        if (chdir(folder) != 0 || dup2(out, STDOUT_FILENO) < 0) _exit(1);
+        execl("/bin/sh", "sh", "-c", command, nullptr);
+        _exit(127);
+    }
+    return wait_for(pid);
+}
+
+bool has_program(const std::string& program) {
+    if (system(("command -v " + program + " >/dev/null").c_str()) == 0) return true;
+    fprintf(stderr, "bench: without %s\n", program.c_str());
+    return false;
 }
 
 void add(const std::string& row, const std::string& peer, std::function<void(Loop&)> operation,

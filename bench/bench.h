@@ -8,6 +8,7 @@
 #define TESSRA_BENCH_BENCH_H
 
 #include <fcntl.h>
+#include <sys/types.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -43,12 +44,11 @@ public:
 
     static bool counting();
 
-    Loop& named(const std::string& name, double items, unsigned rounds);
+    Loop& counted(const std::string& name, double items, unsigned rounds);
 
 private:
     benchmark::State* state_;
-    std::string name_;
-    double items_ = 1;
+    std::string mark_;
     unsigned rounds_ = 0;
     unsigned done_ = 0;
 };
@@ -62,7 +62,7 @@ enum class Clock {
 struct Settings {
     double items = 1;  // What one round does: the table tells the time of each.
     Clock clock = Clock::kCpu;
-    unsigned rounds = 20;  // When counted.
+    unsigned rounds = 20;  // When counted; 0 not to.
 };
 
 // Registers what `peer` does for a row of the table. The library goes by "tessra"; what nobody can
@@ -95,6 +95,19 @@ inline double thread_seconds() {
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
     return double(now.tv_sec) + double(now.tv_nsec) * 1e-9;
 }
+
+// What a process has used, CPU time with that of its children.
+struct Cost {
+    double seconds;
+    double kib;
+};
+Cost wait_for(pid_t pid);
+
+// A command of the shell in a folder, with `out` as its standard output.
+Cost run_command(const char* command, const char* folder, int out);
+
+// False, and a word about it, if there is no such program.
+bool has_program(const std::string& program);
 
 // The same numbers in every run.
 class Random {

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <vector>
 
@@ -214,6 +216,30 @@ void add_codecs(const std::string& row, const Codec (&codecs)[kCount],
     }
 }
 
+// The whole command of coreutils on the same bytes in a file.
+void add_base64_command(const std::string& size, const std::shared_ptr<Data>& data) {
+    if (Loop::counting() || !has_program("base64")) return;
+    const std::string folder = std::filesystem::temp_directory_path();
+    const auto add_one = [&](const char* what, const char* command, const char* file,
+                             const uint8_t* bytes, size_t count) {
+        std::ofstream(folder + "/" + file, std::ios::binary)
+            .write(reinterpret_cast<const char*>(bytes), std::streamsize(count));
+        add(std::string("Base64, ") + what + " " + size, "base64 as a command",
+            [folder, command](Loop& loop) {
+                const int out = open("/dev/null", O_WRONLY | O_CLOEXEC);
+                while (loop.next()) {
+                    loop.took(run_command(command, folder.c_str(), out).seconds);
+                }
+                close(out);
+            },
+            {1, Clock::kOwn, 0});
+    };
+    add_one("encode", "exec base64 -w0 tessra-bench-plain", "tessra-bench-plain", data->plain.get(),
+            data->size);
+    add_one("decode", "exec base64 -d tessra-bench-text", "tessra-bench-text", data->text.get(),
+            data->text_size);
+}
+
 // A reply with two aliases and an address, as a name server packs it: names as pointers.
 std::vector<uint8_t> reply() {
     std::vector<uint8_t> message = {0x12, 0x34, 0x81, 0x80, 0, 1, 0, 3, 0, 0, 0, 0};
@@ -327,6 +353,7 @@ void register_operations() {
         add_codecs(std::string("CRC-32 of ") + name, kCrc, data);
         add_codecs(std::string("Base64, encode ") + name, kEncode, data);
         add_codecs(std::string("Base64, decode ") + name, kDecode, data);
+        if (size == sizes[std::size(sizes) - 1].size) add_base64_command(name, data);
         // It changes the text.
         add_codecs(std::string("Base64, URL-safe and back ") + name, kUrlSafe,
                    std::make_shared<Data>(size));

@@ -78,7 +78,7 @@ void children(Loop& loop) {
         if (pid == 0) {
             Loop rounds(nullptr);
             const double begin = thread_seconds();
-            Children<Default>{rounds.named("", 1, kRounds)};
+            Children<Default>{rounds.counted("", 1, kRounds)};
             const double each = (thread_seconds() - begin) / kRounds;
             (void)!write(result.ends[1], &each, sizeof each);
             _exit(0);

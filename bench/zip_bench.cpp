@@ -3,8 +3,6 @@
 // counts and whose peak of memory is told.
 #include <dirent.h>
 #include <fcntl.h>
-#include <spawn.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -26,8 +24,6 @@
 #ifdef BENCH_HAS_minizip
 #include <minizip/zip.h>
 #endif
-
-extern char** environ;
 
 namespace bench {
 
@@ -152,22 +148,6 @@ void write_minizip(const Tree& tree, int) {
 }
 #endif
 
-struct Cost {
-    double seconds;
-    double kib;
-};
-
-Cost wait_for(pid_t pid) {
-    rusage usage;
-    int status;
-    wait4(pid, &status, 0, &usage);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) fputs("an archiver has failed\n", stderr);
-    const auto seconds = [](const timeval& time) {
-        return double(time.tv_sec) + double(time.tv_usec) * 1e-6;
-    };
-    return {seconds(usage.ru_utime) + seconds(usage.ru_stime), double(usage.ru_maxrss)};
-}
-
 // What /proc says of this process, in KiB.
 double memory(const char* field) {
     std::ifstream status("/proc/self/status");
@@ -240,30 +220,20 @@ void add_writer(const Tree& tree, bool piped, const char* peer, Writer writer) {
         {1, Clock::kOwn, 1});
 }
 
-// A command of the shell, in the folder, to a file that it makes anew.
-void add_command(const Tree& tree, const char* peer, const char* command) {
-    if (strcmp(peer, "tessra") != 0 &&
-        system(("command -v " + std::string(peer, strcspn(peer, " ")) + " >/dev/null").c_str()) !=
-            0) {
-        fprintf(stderr, "zip_bench: without %s\n", peer);
-        return;
-    }
+// A whole command in the folder. What it prints is the archive, if the archive goes to a pipe.
+void add_command(const Tree& tree, bool piped, const char* peer, const char* command) {
     if (Loop::counting()) return;
-    add("zip of " + tree.name + " to a file", peer,
-        [&tree, command](Loop& loop) {
+    if (strcmp(peer, "tessra") != 0 && !has_program({peer, strcspn(peer, " ")})) return;
+    add("zip of " + tree.name + " by a command to a " + (piped ? "pipe" : "file"), peer,
+        [&tree, piped, command](Loop& loop) {
+            const Output output(piped);
             while (loop.next()) {
-                const pid_t pid = fork();
-                if (pid == 0) {
-                    if (chdir(tree.folder.c_str()) != 0) _exit(1);
-                    execl("/bin/sh", "sh", "-c", command, nullptr);
-                    _exit(127);
-                }
-                const Cost cost = wait_for(pid);
+                const Cost cost = run_command(command, tree.folder.c_str(), output.fd());
                 loop.took(cost.seconds);
                 loop.peak(cost.kib);
             }
         },
-        {1, Clock::kOwn, 1});
+        {1, Clock::kOwn, 0});
 }
 
 void add_tree(const Tree& tree) {
@@ -278,16 +248,18 @@ void add_tree(const Tree& tree) {
 #endif
     }
     // The library's filter among the commands.
-    add_command(tree, "tessra", "ls -U | " TESSRA_BENCH_ZIPSTREAM " - >../bench.zip");
-    add_command(tree, "zip -0", "rm -f ../bench.zip; ls -U | exec zip -q -0 ../bench.zip -@");
-    add_command(
-        tree, "bsdtar",
-        "ls -U | exec bsdtar -cf ../bench.zip --format zip --options zip:compression=store -T -");
-    add_command(tree, "7z -mx0",
-                "rm -f ../bench.zip; exec 7z a -tzip -mx0 -bd -bso0 ../bench.zip . ");
-    add_command(tree, "python3",
-                "exec python3 -c 'import os, zipfile\nwith zipfile.ZipFile(\"../bench.zip\", "
+    add_command(tree, true, "tessra", "ls -U | " TESSRA_BENCH_ZIPSTREAM " - 2>/dev/null");
+    add_command(tree, true, "zip -0", "ls -U | exec zip -q -0 - -@");
+    add_command(tree, true, "bsdtar",
+                "ls -U | exec bsdtar -cf - --format zip --options zip:compression=store -T -");
+    add_command(tree, true, "python3 zipfile",
+                "exec python3 -c 'import os, sys, zipfile\nwith zipfile.ZipFile(sys.stdout.buffer, "
                 "\"w\") as z:\n for n in os.listdir(): z.write(n)'");
+    // This one goes back in what it has written.
+    add_command(tree, false, "tessra",
+                "ls -U | " TESSRA_BENCH_ZIPSTREAM " - 2>/dev/null >../bench.zip");
+    add_command(tree, false, "7zz -mx0",
+                "rm -f ../bench.zip; exec 7zz a -tzip -mx0 -bd -bso0 ../bench.zip .");
 }
 
 }  // namespace

@@ -95,7 +95,7 @@ Node* find(const BinaryTree* tree, void* key) {
     return comparison == 0 ? node : nullptr;
 }
 
-Node* new_leaf(Node* parent, void* key, void* data) {
+[[gnu::always_inline]] inline Node* new_leaf(Node* parent, void* key, void* data) {
     auto* leaf = static_cast<Node*>(new_block(sizeof(Node)));
     if (leaf != nullptr) *leaf = {key, data, nullptr, nullptr, parent, 1};
     return leaf;
@@ -121,11 +121,14 @@ Node* raise(Node* node, Side down, Side up, int inwards) {
 }
 
 // Balances a node whose subtrees are in order, and returns the top of what it was the top of.
-Node* balance(Node* node) {
-    const int lean = lean_of(node);
-    if (lean < -1) return raise(node, kRight, kLeft, 1);
-    if (lean > 1) return raise(node, kLeft, kRight, -1);
-    update_height(node);
+inline Node* balance(Node* node) {
+    const int left = height_of(node->left);
+    const int right = height_of(node->right);
+    const int lean = right - left;
+    if (static_cast<unsigned int>(lean + 1) > 2) {
+        return lean < 0 ? raise(node, kRight, kLeft, 1) : raise(node, kLeft, kRight, -1);
+    }
+    node->height = 1 + static_cast<unsigned int>(lean < 0 ? left : right);
     return node;
 }
 
@@ -134,11 +137,12 @@ enum class Climb { kToTheRoot, kWhileHeightsChange };
 // Where a height stays as it was, the nodes above see no change, if their own were exact.
 void climb(BinaryTree* tree, Node* node, Climb how) {
     for (;;) {
+        Node* above = node->parent;
         const unsigned int before = node->height;
         node = balance(node);
-        if (node->parent == nullptr) break;
-        if (how == Climb::kWhileHeightsChange && node->height == before) return;
-        node = node->parent;
+        if (above == nullptr) break;
+        if (node->height == before && how == Climb::kWhileHeightsChange) return;
+        node = above;
     }
     tree->root = node;
 }

@@ -11,15 +11,17 @@ namespace tessra {
 template <class Compare>
 BinaryTreeNode* search_by(const BinaryTree* tree, void* key, int& comparison, Compare compare) {
     comparison = 0;
-    BinaryTreeNode* node = nullptr;
     BinaryTreeNode* next = tree->root;
-    while (next != nullptr) {
-        node = next;
-        comparison = compare(node->key, key);
-        if (comparison == 0) break;
-        next = comparison < 0 ? node->left : node->right;
+    if (next == nullptr) return nullptr;
+    for (;;) {
+        BinaryTreeNode* node = next;
+        const int latest = compare(node->key, key);
+        if (latest != 0) next = latest < 0 ? node->left : node->right;
+        if (latest == 0 || next == nullptr) {
+            comparison = latest;
+            return node;
+        }
     }
-    return node;
 }
 
 // Inserts where such a search has ended without finding the key. False if memory is short.

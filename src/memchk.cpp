@@ -211,7 +211,7 @@ int p_compare(uintptr_t a, uintptr_t b) { return compare(a, b); }
 
 void add_allocation(void* pointer, const char* file, unsigned int line, unsigned int size) {
     if (allocation_tree == nullptr) allocation_tree = new_tree();
-    auto* record = new_record<_allocation>();
+    auto* record = static_cast<_allocation*>(new_block(sizeof(_allocation)));
     if (record == nullptr) return;  // errno tells.
     *record = {pointer, size, file, line, 0};
     int comparison = 0;
