@@ -1,6 +1,7 @@
 /**
  * @file faults_test.cpp
- * Every call that the library makes fails once, with each error that it can give.
+ * Every call that the library makes fails once, with each error that it can give, and memory also
+ * for good.
  */
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -30,15 +31,18 @@ using namespace tessra_test;
 // In this program a child of vfork() has memory of its own, and can't exec when it isn't to.
 extern "C" {
 pid_t vfork() __THROW { return FAULT_HITS(FAKE_VFORK) ? -1 : fork(); }
-int execl(const char* path, const char* sh, ...) __THROW {
-    va_list args;
-    va_start(args, sh);
-    const char* const dash_c = va_arg(args, const char*);
-    const char* const command = va_arg(args, const char*);
-    va_end(args);
-    const char* const argv[] = {sh, dash_c, command, nullptr};
-    return FAULT_HITS(FAKE_EXEC) ? -1 : execv(path, const_cast<char**>(argv));
-}
+#define EXEC(call, find_env)                                         \
+    int call(const char* path, const char* sh, ...) __THROW {        \
+        va_list args;                                                \
+        va_start(args, sh);                                          \
+        char* argv[4] = {const_cast<char*>(sh)};                     \
+        for (int n = 1; n < 4; n++) argv[n] = va_arg(args, char*);   \
+        char** const env = find_env;                                 \
+        va_end(args);                                                \
+        return FAULT_HITS(FAKE_EXEC) ? -1 : execve(path, argv, env); \
+    }
+EXEC(execl, environ)
+EXEC(execle, va_arg(args, char**))
 FILE* setmntent(const char*, const char* mode) __THROW {
     return FAULT_HITS(FAKE_SETMNTENT) ? nullptr : fopen("/proc/self/mounts", mode);
 }
@@ -192,19 +196,29 @@ int start_thread() {
     return result;
 }
 
+template <bool with_env>
 int run_command() {
+    static const char* env[] = {"N=3", nullptr};
     struct sigaction before = {}, after;
-    before.sa_handler = SIG_IGN;
-    for (const int signal : {SIGINT, SIGQUIT}) sigaction(signal, &before, nullptr);
-    const int status = event_system("exit %d", 3);
+    before.sa_handler = [](int) {};
+    for (const int signal : {SIGINT, SIGQUIT, SIGCHLD}) sigaction(signal, &before, nullptr);
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGUSR2);
+    pthread_sigmask(SIG_SETMASK, &blocked, nullptr);
+    const int status = with_env ? event_system_env(env, "exit $N") : event_system("exit %d", 3);
     const int error = errno;
-    for (const int signal : {SIGINT, SIGQUIT}) {
+    for (const int signal : {SIGINT, SIGQUIT, SIGCHLD}) {
         sigaction(signal, nullptr, &after);
-        EXPECT_EQ(SIG_IGN, after.sa_handler);
+        EXPECT_EQ(before.sa_handler, after.sa_handler) << signal;
     }
+    pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    for (int signal = 1; signal < 32; signal++)
+        EXPECT_EQ(signal == SIGUSR2, sigismember(&blocked, signal));
     while (waitpid(-1, nullptr, 0) > 0) {  // After a wait that failed it may still be there.
     }
-    EXPECT_TRUE(status == 3 << 8 || status == 127 << 8 || status == -1) << status;
+    const bool no_shell = fakes.fault && fakes.fault->call == FAKE_EXEC;
+    EXPECT_TRUE(status == 3 << 8 || status == (no_shell ? 127 << 8 : -1)) << status;
     return errno = error, status == 3 << 8 ? 0 : -1;
 }
 
@@ -410,6 +424,13 @@ constexpr Outcome kThreadFault = kCannotBe;
 constexpr Outcome kThreadFault = kFailsSilently;
 #endif
 
+/** What the system has let a command change it lets it change back. */
+const std::vector<Operation::Exception> kCommand = {
+    {FAKE_SIGACTION, kGoesOn}, {FAKE_SIGACTION, kCannotBe, {}, 4},
+    {FAKE_SIGMASK, kGoesOn},   {FAKE_SIGMASK, kCannotBe, {}, 2},
+    {FAKE_GETRLIMIT, kGoesOn}, {FAKE_SYSCALL, kGoesOn},
+    {FAKE_CLOSE, kGoesOn},     {FAKE_EXEC, kFailsSilently}};
+
 const Operation kOperations[] = {
     {"context", make_context, {{FAKE_MUTEX_INIT, kGoesOn}, {FAKE_MUTEX_DESTROY, kGoesOn}}},
     {"timer", add_timer, running({})},
@@ -433,15 +454,13 @@ const Operation kOperations[] = {
               {FAKE_COND_INIT, kAborts},
               {FAKE_COND_DESTROY, kAborts},
               {FAKE_COND_SIGNAL, kAborts}})},
-    {"command",
-     run_command,
-     {{FAKE_GETRLIMIT, kGoesOn},
-      {FAKE_SYSCALL, kGoesOn},
-      {FAKE_CLOSE, kGoesOn},
-      {FAKE_EXEC, kFailsSilently}}},
+    {"command", run_command<false>, kCommand, false},
+    {"command_env", run_command<true>, kCommand, false},
     {"task", run_task,
      running({{FAKE_GETRLIMIT, kGoesOn},
               {FAKE_SYSINFO, kGoesOn},
+              {FAKE_SIGACTION, kGoesOn},
+              {FAKE_SIGMASK, kGoesOn},
               {FAKE_SYSCALL, kGoesOn},
               {FAKE_VFORK, kGoesOn},
               {FAKE_WAIT4, kGoesOn},

@@ -294,12 +294,12 @@ ISOLATED_TEST(Descriptors, OneIsInheritedOrLeftOpen) {
     const char* files[] = {name};
     szip_info_t* const plan = szip_create_info(files, 1, "/", "/");
     const int null = open("/dev/null", O_WRONLY);
-    for (int round = 0; round < 1000; round++) {
+    const int rounds = sizeof(void*) == 4 ? 400 : 1000;  // An emulator takes its time.
+    for (int round = 0; round < rounds; round++) {
         EXPECT_EQ(0, drive(own).result);
         EXPECT_EQ(1, szip_stream_zip_fd(null, plan, 100));
-        if (round % 2 == 0) EXPECT_EQ(0, event_system(":"));
-        if (round % 2 == 1) free(system_output(":"));
-        if (round % 4 != 0) continue;
+        EXPECT_EQ(0, event_system(":"));
+        free(system_output(":"));
         EXPECT_EQ(0, event_loop_async_start());
         EXPECT_EQ(0, event_loop_async_stop());
     }

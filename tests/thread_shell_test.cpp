@@ -182,6 +182,8 @@ TEST(Shell, StatusIsWrong) {
     const std::string to_1017 = std::string(1017, ' ');
     static const char* const env[] = {"TESSRA_A=1 2", nullptr};
     static const char* const no_env[] = {nullptr};
+    static const std::string too_long(200000, '=');  // More than the kernel takes for a program.
+    static const char* const no_program[] = {too_long.c_str(), nullptr};
     const struct {
         int status;
         std::function<int()> run;
@@ -201,6 +203,7 @@ TEST(Shell, StatusIsWrong) {
          [] {
              return event_system_env(const_cast<const char**>(no_env), "test -z \"$TESSRA_B\"");
          }},
+        {127 << 8, [] { return event_system_env(const_cast<const char**>(no_program), ":"); }},
         {0, [] { return event_system_env(nullptr, "test \"$TESSRA_B\" = %s", "mine"); }},
         {0, [] { return event_system("kill -INT $PPID; kill -QUIT $PPID"); }},  // Ignored.
         {SIGINT, [] { return event_system("kill -INT $$; exit 1"); }},  // Not ignored there.

@@ -167,8 +167,11 @@ with tempfile.TemporaryDirectory() as work, open(f"{work}/log", "w+") as log:
     for name, data in [*tree.items()][1:] + [("config", config.encode())]:
         with open(f"{work}/{name}", "wb") as file:
             file.write(data)
+    # What AddressSanitizer keeps of freed blocks, by default 256 MB, each fork() would have to copy.
+    options = os.environ.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=4"
     daemon = subprocess.Popen([f"{sys.argv[1]}/bundled", "--config", f"{work}/config",
-                               "--max-connections", str(LIMIT)], stdout=subprocess.PIPE, stderr=log)
+                               "--max-connections", str(LIMIT)], stdout=subprocess.PIPE, stderr=log,
+                              env={**os.environ, "ASAN_OPTIONS": options})
     try:
         address = "127.0.0.1", int(daemon.stdout.readline().split(b":")[1])
         descriptors = len(os.listdir(f"/proc/{daemon.pid}/fd"))

@@ -294,8 +294,8 @@ typedef void (*signal_handler_t)(int signal, siginfo_t* info, void* arg);
  * running loop gets each caught signal and runs its own watchers of it, in order of adding.
  * Of signals that come faster than a loop takes them it keeps about 500; beyond that, as the kernel
  * does for a blocked signal, one of each number, the first, which may run before earlier others.
- * Failure: ENOMEM; EINVAL for a number outside 1 to 31. SIGKILL and SIGSTOP can't be caught: the
- * watcher stays and never runs, errno is EINVAL.
+ * Failure: ENOMEM; EINVAL for a number outside 1 to 31; that of sigaction(), should the system
+ * refuse it. SIGKILL and SIGSTOP can't be caught: the watcher stays and never runs, errno is EINVAL.
  * Threads: any; on another thread than the loop's it waits for running handlers.
  */
 void event_signal_add_mc(event_loop_ctx_tp el_ctx, signal_handler_t handler, void* arg, int signal);
@@ -347,7 +347,8 @@ typedef int (*process_handler_t)(int pid, void* arg, int status);
  * default context's loop has ended, SIGCHLD has been deleted there with event_signal_del(), or the
  * context of the first call has been freed. So use event_process_add() and run one default loop.
  *
- * Failure: ENOMEM. Threads: any; on another thread than the loop's it waits for running handlers.
+ * Failure: ENOMEM, and on the first call as event_signal_add().
+ * Threads: any; on another thread than the loop's it waits for running handlers.
  */
 void event_process_add_mc(event_loop_ctx_tp el_ctx, int pid, process_handler_t handler, void* arg);
 /** event_process_add_mc() on the default context. */
@@ -420,7 +421,8 @@ void event_loop_wait_for_async_loop_ready(void* arg);
  * RLIMIT_NOFILE (1024 if there is none) are closed. Signals that the library catches are back at
  * their default in it; ignored and blocked ones stay so. While it runs, the whole process ignores
  * SIGINT and SIGQUIT, and SIGCHLD has its default action: watchers of these three miss what happens
- * meanwhile. A disposition that another thread sets meanwhile, as by a first watcher, stays.
+ * meanwhile. A disposition that another thread sets meanwhile, as by a first watcher, stays, and so
+ * does one that the system refuses to change.
  *
  * Threads: any, but one call at a time, event_system_env() included. Blocks: until the shell ends;
  * on a loop's thread that holds up the whole loop.

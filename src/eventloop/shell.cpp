@@ -29,12 +29,13 @@ public:
         for (int i = 0; i < kCount; ++i) {
             struct sigaction action = {};
             action.sa_handler = kSignals[i] == SIGCHLD ? SIG_DFL : SIG_IGN;
-            (void)sigaction(kSignals[i], &action, &before_[i]);
+            changed_[i] = sigaction(kSignals[i], &action, &before_[i]) == 0;
         }
     }
     // What another thread has set meanwhile stays, above all the catcher of a first watcher.
     ~CommandDispositions() {
         for (int i = 0; i < kCount; ++i) {
+            if (!changed_[i]) continue;
             struct sigaction replaced = {};
             (void)sigaction(kSignals[i], &before_[i], &replaced);
             const auto ours = kSignals[i] == SIGCHLD ? SIG_DFL : SIG_IGN;
@@ -46,6 +47,7 @@ private:
     static constexpr int kCount = 3;
     static constexpr int kSignals[kCount] = {SIGQUIT, SIGINT, SIGCHLD};
     struct sigaction before_[kCount];
+    bool changed_[kCount];
 };
 
 void set_default(int signal) {

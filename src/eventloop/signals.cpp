@@ -20,13 +20,15 @@ void event_signal_cb(int sig, siginfo_t* info, void* /*ctx*/) {
     channel_send_signal(sig, *info);
 }
 
-void catch_signal(int signal) {
+bool catch_signal(int signal) {
     struct sigaction action = {};
     action.sa_sigaction = event_signal_cb;
     action.sa_flags = SA_SIGINFO | SA_RESTART;
     (void)sigemptyset(&action.sa_mask);
-    // SIGKILL and SIGSTOP are refused; their watcher stays and never runs.
-    if (sigaction(signal, &action, nullptr) == 0) caught_signals.fetch_or(bit_of(signal));
+    // SIGKILL and SIGSTOP are always refused; their watcher stays and never runs.
+    if (sigaction(signal, &action, nullptr) != 0) return signal == SIGKILL || signal == SIGSTOP;
+    caught_signals.fetch_or(bit_of(signal));
+    return true;
 }
 
 }  // namespace
@@ -40,8 +42,12 @@ bool signal_add(event_loop_ctx_tp el_ctx, signal_handler_t handler, void* arg, i
     if (watcher == nullptr) return false;
     *watcher = {{}, handler, arg, signal, 0, 0};
     const ChangeLock lock(el_ctx, el_ctx->eventlists_mutex);
+    if (!catch_signal(signal)) {
+        const ErrnoKeeper keep_errno;
+        free(watcher);
+        return false;
+    }
     list_add_tail(&el_ctx->signal_queue, &watcher->list);
-    catch_signal(signal);
     return true;
 }
 

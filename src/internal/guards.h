@@ -92,20 +92,23 @@ private:
     int fd_;
 };
 
-// Blocks every signal for the calling thread.
+// Blocks every signal for the calling thread, if the system lets it.
 class AllSignalsBlocked : NotCopyable {
 public:
     AllSignalsBlocked() {
         sigset_t all;
         (void)sigfillset(&all);
-        (void)pthread_sigmask(SIG_SETMASK, &all, &before_);
+        blocked_ = pthread_sigmask(SIG_SETMASK, &all, &before_) == 0;
     }
     ~AllSignalsBlocked() { restore(); }
 
-    void restore() const { (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    void restore() const {
+        if (blocked_) (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    }
 
 private:
     sigset_t before_;
+    bool blocked_;
 };
 
 }  // namespace tessra

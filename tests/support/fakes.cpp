@@ -81,7 +81,8 @@ PLAIN int fault_hits(int call, const void* caller) {
     struct fault* const fault = fakes.fault;
     if (fault && made_by_library(caller)) {
         const int nth = __atomic_add_fetch(&fault->calls[call], 1, __ATOMIC_RELAXED);
-        if (call == fault->call && nth == fault->nth) error = fault->error;
+        const bool hit = fault->lasts ? nth >= fault->nth : nth == fault->nth;
+        if (call == fault->call && hit) error = fault->error;
     }
     if (error > 0) errno = error;
     return error;
@@ -259,6 +260,9 @@ FAIL_ON_DEMAND(FAKE_GETRLIMIT, getrlimit64,
 FAIL_ON_DEMAND(FAKE_WAIT4, wait4,
                (pid_t pid, __WAIT_STATUS status, int options, rusage* usage)__THROWNL,
                (pid, status, options, usage))
+FAIL_ON_DEMAND(FAKE_SIGACTION, sigaction,
+               (int signal, const struct sigaction* action, struct sigaction* before)__THROW,
+               (signal, action, before))
 FAIL_AS(FAKE_POPEN, FILE*, nullptr, popen, (const char* command, const char* mode), (command, mode))
 FAIL_AS(FAKE_FREAD, size_t, 0, fread, (void* into, size_t size, size_t count, FILE* file),
         (into, size, count, file))
@@ -278,11 +282,13 @@ int pthread_join(pthread_t thread, void** result) {
 }
 
 #define FAIL_BY_RESULT(index, call, parameters, arguments) \
-    int call parameters {                                  \
+    PLAIN int call parameters {                            \
         const int error = FAULT_HITS(index);               \
         return error ? error : REAL(call) arguments;       \
     }
 
+FAIL_BY_RESULT(FAKE_SIGMASK, pthread_sigmask,
+               (int how, const sigset_t* signals, sigset_t* before)__THROW, (how, signals, before))
 FAIL_BY_RESULT(FAKE_MUTEX_INIT, pthread_mutex_init,
                (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes) __THROW,
                (mutex, attributes))

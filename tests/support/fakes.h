@@ -34,6 +34,8 @@ enum fake_call {
     FAKE_SYSINFO,
     FAKE_WAITPID,
     FAKE_WAIT4,
+    FAKE_SIGACTION,
+    FAKE_SIGMASK,
     FAKE_SYSCALL, /**< The way to calls that the C library may not have. */
     FAKE_VFORK,   /**< This and the next two only where the program asks fault_hits() itself. */
     FAKE_EXEC,
@@ -52,9 +54,10 @@ enum fake_call {
 /** The error of a read or write that comes up short. */
 enum { FAKE_SHORT = -1 };
 
-/** One call that fails, once. Only calls that the library or the C library makes count. */
+/** A call that fails. Only calls that the library or the C library makes count. */
 struct fault {
     int call, nth, error;      /**< The nth of these calls from now on, and its error number. */
+    int lasts;                 /**< All after it fail, too. */
     int calls[FAKE_CALLS + 1]; /**< Made so far, also by children of fork() if it is shared. */
 };
 

@@ -23,9 +23,11 @@ struct Errors {
     int call;
     const char* name;
     std::vector<int> errors;
+    int lasts = 0;  ///< From the one that fails first to the end of the operation.
 };
 const Errors kErrors[] = {
     {FAKE_ALLOC, "allocation", {ENOMEM}},
+    {FAKE_ALLOC, "all memory from allocation", {ENOMEM}, 1},
     {FAKE_MKFIFO,
      "mkfifo",
      {EACCES, EDQUOT, EEXIST, ELOOP, ENAMETOOLONG, ENOENT, ENOSPC, ENOTDIR, EROFS}},
@@ -47,6 +49,8 @@ const Errors kErrors[] = {
     {FAKE_SYSINFO, "sysinfo", {EFAULT}},
     {FAKE_WAITPID, "waitpid", {ECHILD, EINTR}},
     {FAKE_WAIT4, "wait4", {ECHILD, EINTR}},
+    {FAKE_SIGACTION, "sigaction", {EINVAL}},
+    {FAKE_SIGMASK, "pthread_sigmask", {EINVAL}},
     {FAKE_SYSCALL, "close_range", {EINVAL, EMFILE, ENOMEM, ENOSYS}},
     {FAKE_VFORK, "vfork", {EAGAIN, ENOMEM}},
     {FAKE_EXEC, "exec", {E2BIG, EACCES, EMFILE, ENOENT, ENOEXEC, ENOMEM}},
@@ -62,13 +66,13 @@ const Errors kErrors[] = {
     {FAKE_DESCRIPTORS, "descriptors", {EMFILE}},
 };
 
-Outcome outcome_of(const Operation& operation, int call, int error) {
+Outcome outcome_of(const Operation& operation, int call, int nth, int error) {
     Outcome outcome = Outcome::kFails;
     for (const auto& each : operation.exceptions) {
         const auto& errors = each.errors;
         const bool meant =
             errors.empty() || std::find(errors.begin(), errors.end(), error) != errors.end();
-        if (each.call == call && meant) outcome = each.outcome;
+        if (each.call == call && nth >= each.from && meant) outcome = each.outcome;
     }
     return outcome;
 }
@@ -146,14 +150,14 @@ int drive_faults(const Operation& operation) {
     auto* fault = static_cast<struct fault*>(mmap(
         nullptr, sizeof(struct fault), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     int points = 0;
-    for (const auto& [call, name, errors] : kErrors) {
+    for (const auto& [call, name, errors, lasts] : kErrors) {
         for (const int error : errors) {
-            const Outcome outcome = outcome_of(operation, call, error);
-            if (outcome == Outcome::kCannotBe) continue;
             for (int nth = 1; nth < kMostFaults; nth++, points++) {
+                const Outcome outcome = outcome_of(operation, call, nth, error);
+                if (outcome == Outcome::kCannotBe) break;
                 SCOPED_TRACE(std::string(operation.name) + ": " + name + " " + std::to_string(nth) +
                              ", error " + std::to_string(error));
-                *fault = {call, nth, error, {}};
+                *fault = {call, nth, error, lasts, {}};
                 if (!met(operation, outcome, fault) || testing::Test::HasFailure()) break;
             }
             if (fault->call == call && fault->calls[call] == 0)

@@ -37,6 +37,7 @@ struct Operation {
         int call;
         Outcome outcome;
         std::vector<int> errors = {};  ///< All if empty.
+        int from = 1;                  ///< The first of these calls for which this counts.
     };
     std::vector<Exception> exceptions;  ///< From Outcome::kFails; later ones count for more.
     bool warm = true;                   ///< Its first run may leave blocks for the process's life.
@@ -45,8 +46,9 @@ struct Operation {
 
 /**
  * Runs the operation in a process of its own for each call that it makes and each error of that
- * call, and with 0, 1... descriptors left. Afterwards it must succeed when it is run again, with
- * no block and no descriptor left behind. Returns the number of faults that were hit.
+ * call, with all memory gone from each allocation on, and with 0, 1... descriptors left. Afterwards
+ * it must succeed when it is run again, with no block and no descriptor left behind. Returns the
+ * number of faults that were hit.
  */
 int drive_faults(const Operation& operation);
 
