@@ -1,14 +1,11 @@
-/**
- * @file children_test.cpp
- * Ends of children. They die before the loop looks, so that it meets them in a known order.
- */
+// Ends of children. They die before the loop looks, so that it meets them in a known order.
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <map>
 #include <random>
-#include <utility>
+#include <vector>
 
 #include "support/harness.h"
 
@@ -16,7 +13,7 @@ using namespace tessra_test;
 
 namespace {
 
-/** A child that has ended but not been collected. */
+// A child that has ended but not been collected.
 pid_t dead_child(const Step& body = [] {}) {
     const pid_t pid = fork_process(body);
     await_child(pid);
@@ -168,30 +165,23 @@ TEST(Children, WatchersFireOnTheWrongContext) {
     const auto add = [] { event_process_add(pid, note_process, arg("d")); };
     const auto add_mc = [] { event_process_add_mc(other, pid, note_process, arg("o")); };
     const struct {
-        const char* what;
         Step prepare;
         bool run_other;
         const char* called;
     } rows[] = {
-        {"default first", [=] { add(), add_mc(); }, false, "d"},
-        {"other first", [=] { add_mc(), add(); }, false, "o"},
-        {"default first, other runs", [=] { add(), add_mc(); }, true, ""},
-        {"other first, other runs", [=] { add_mc(), add(); }, true, ""},
-        {"the older of two", [=] { add(), event_process_add(pid, note_process, arg("x")); }, false,
-         "d"},
-        {"SIGCHLD deleted", [=] { add(), event_signal_del(SIGCHLD), add(); }, false, ""},
-        {"after the end", [=] { add(), event_process_del(pid), drive(nullptr), add(); }, false, ""},
-        {"context of the first call freed, its memory used again",
-         [=] {
-             add_mc();
-             event_mc_free(other);
-             other = event_mc_init();
-             add_mc(), add();
-         },
-         false, ""},
+        {[=] { add(), add_mc(); }, false, "d"},
+        {[=] { add_mc(), add(); }, false, "o"},
+        {[=] { add(), add_mc(); }, true, ""},
+        {[=] { add_mc(), add(); }, true, ""},
+        {[=] { add(), event_process_add(pid, note_process, arg("x")); }, false, "d"},
+        {[=] { add(), event_signal_del(SIGCHLD), add(); }, false, ""},
+        {[=] { add(), event_process_del(pid), drive(nullptr), add(); }, false, ""},
+        // The context of the first call is freed, and its memory used again.
+        {[=] { add_mc(), event_mc_free(other), other = event_mc_init(), add_mc(), add(); }, false,
+         ""},
     };
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
+        SCOPED_TRACE(&row - rows);
         run_isolated([&row] {
             other = event_mc_init();
             pid = dead_child();

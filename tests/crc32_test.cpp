@@ -1,7 +1,4 @@
-/**
- * @file crc32_test.cpp
- * The checksum by every way that computes it, against the definition bit by bit.
- */
+// The checksum by every way that computes it, against the definition bit by bit.
 #include <gtest/gtest.h>
 
 #include <random>

@@ -1,16 +1,9 @@
-/**
- * @file descriptors_test.cpp
- * Descriptor watchers: who is called, and what survives the handlers' deletions and nested passes.
- */
+// Descriptor watchers: who is called, and what survives the handlers' deletions and nested passes.
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <random>
-#include <thread>
-#include <utility>
 
 #include "support/harness.h"
 
@@ -117,76 +110,6 @@ TEST(Descriptors, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
     }
 }
 
-/** Watchers whose handlers delete each other at random and run nested passes. */
-struct Crowd {
-    struct Watcher {
-        int fd = ready_descriptor();
-        bool live = false;
-        bool throughout = false;  // Since this pass's select().
-        int calls = 0;
-    };
-    std::mt19937 random;
-    std::vector<Watcher> watchers = std::vector<Watcher>(12);
-    bool in_nested = false;
-    int nested_passes = 0, passes = 0;
-
-    unsigned below(unsigned bound) { return static_cast<unsigned>(random() % bound); }
-    void remove(Watcher* watcher) {
-        if (watcher->live) event_fd_del(watcher->fd);
-        watcher->live = watcher->throughout = false;
-    }
-    void nest() {
-        const bool outermost = !std::exchange(in_nested, true);
-        EXPECT_EQ(outermost ? 0 : -1, do_events(0));
-        if (!outermost) return;
-        in_nested = false;
-        nested_passes++;
-    }
-    void begin_pass(const fd_set* rset);
-} * crowd;
-
-void crowd_handler(int, void* arg) {
-    auto* self = static_cast<Crowd::Watcher*>(arg);
-    EXPECT_TRUE(self->live) << "a deleted watcher is called";
-    self->calls++;
-    const size_t index = static_cast<size_t>(self - crowd->watchers.data());
-    for (unsigned n = crowd->below(3); n > 0; n--) {
-        const unsigned action = crowd->below(8);
-        if (action == 0)
-            crowd->nest();
-        else if (action < 4)
-            crowd->remove(&crowd->watchers[(index + action - 1) % 12]);
-    }
-}
-
-/** Each watcher that was there all the time was called once in each pass. */
-void Crowd::begin_pass(const fd_set* rset) {
-    for (Watcher& watcher : watchers) {
-        EXPECT_TRUE(!watcher.throughout || watcher.calls == 1 + nested_passes) << watcher.calls;
-        watcher.calls = 0;
-        watcher.throughout = watcher.live && FD_ISSET(watcher.fd, rset);
-        if (watcher.live || below(2)) continue;
-        event_fd_add(crowd_handler, &watcher, watcher.fd, EVENT_FD_READ);
-        watcher.live = true;
-    }
-    nested_passes = 0;
-    if (++passes == 5000 || testing::Test::HasFailure()) cancel_loop();
-}
-
-ISOLATED_TEST(Descriptors, RandomDeletionsInNestedPassesBreakTheWalk) {
-    const unsigned seed = std::random_device()();
-    SCOPED_TRACE(seed);
-    Crowd here;
-    crowd = &here;
-    here.random.seed(seed);
-    fakes.on_select = [](int nfds, fd_set* rset, fd_set* wset, fd_set* eset, timeval*) {
-        if (!crowd->in_nested) crowd->begin_pass(rset);
-        timeval poll = {0, 0};
-        return real_select(nfds, rset, wset, eset, &poll);
-    };
-    EXPECT_EQ(0, et_event_loop());
-}
-
 TEST(Descriptors, ClosedOneGoesUnnoticed) {
     static int fd;
     static const auto watch = [](int type) {
@@ -231,27 +154,6 @@ ISOLATED_TEST(Descriptors, NumberBeyondTheSetsOverrunsThem) {
     Step last = [] { cancel_loop(); };
     event_fd_add(run_fd, &last, dup2(ready_descriptor(), FD_SETSIZE - 1), EVENT_FD_READ);
     EXPECT_EQ(0, et_event_loop());
-}
-
-ISOLATED_TEST(Descriptors, DeleteReturnsWhileTheHandlerRuns) {
-    const int fd = ready_descriptor();
-    std::atomic<bool> running(false), deleting(false);
-    Step handler = [&] {
-        running = true;
-        while (!deleting) std::this_thread::yield();
-        for (int n = 0; n < 1000; n++) std::this_thread::yield();
-        running = false;
-    };
-    event_fd_add(run_fd, &handler, fd, EVENT_FD_READ);
-    std::thread deleter([&] {
-        while (!running) std::this_thread::yield();
-        deleting = true;
-        event_fd_del(fd);
-        EXPECT_FALSE(running);
-        cancel_loop();
-    });
-    EXPECT_EQ(0, et_event_loop());
-    deleter.join();
 }
 
 }  // namespace

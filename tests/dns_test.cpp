@@ -1,7 +1,4 @@
-/**
- * @file dns_test.cpp
- * The DNS codec on messages that end where the memory does.
- */
+// The DNS codec on messages that end where the memory does.
 #include <arpa/inet.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -21,7 +18,7 @@ constexpr size_t kMaxMessage = 65535;
 const string ip = "\1\2\3\4";
 constexpr unsigned kA = 1, kCname = 5, kAaaa = 28, kOther = 0x0101;
 
-/** A copy of some bytes, never unmapped, whose end is the end of the memory. */
+// A copy of some bytes, never unmapped, whose end is the end of the memory.
 char* at_edge(const string& bytes) {
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     const size_t usable = bytes.size() / page * page + page;
@@ -45,7 +42,7 @@ string reply(unsigned answers, const string& text, const string& name = "\1a\2bc
     return header(0xFFF0, answers) + name + be(1) + be(1) + text;
 }
 
-/** "RESULT ADDRESS COUNT NAME", where COUNT is of the answers left. */
+// "RESULT ADDRESS COUNT NAME", where COUNT is of the answers left.
 string parsed(const string& message, bool v6) {
     char* const edge = at_edge(message);
     char address[INET6_ADDRSTRLEN] = "-", untouched[] = "-", *name = untouched;

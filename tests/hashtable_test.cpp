@@ -1,7 +1,4 @@
-/**
- * @file hashtable_test.cpp
- * The string hash against a second computation, and the tables.
- */
+// The string hash against a second computation, and the tables.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -17,7 +14,7 @@ namespace {
 
 using tessra_test::trace;
 
-/** lookup2 as a stream of bytes, with the shifts in a table (right ones are negative). */
+// lookup2 as a stream of bytes, with the shifts in a table (right ones are negative).
 uint32_t hash_again(const std::string& text) {
     static const int kShifts[] = {-13, 8, -13, -12, 16, -5, -3, 10, -15};
     uint32_t word[] = {0x9e3779b9, 0x9e3779b9, 0xdeadbeef};
@@ -72,12 +69,12 @@ TEST(HashTable, SizesThatNoBlockHasAndNothingAtAll) {
                  str_hashtable_put(nullptr, nullptr, nullptr) || named_flag_clr(nullptr, ""));
 }
 
-/** x and X stand for two names with the same hash. */
+// x and X stand for two names with the same hash.
 std::string key_of(char letter) {
     return letter == 'x' ? "uaaaa" : letter == 'X' ? "lwzaa" : std::string(1, letter);
 }
 
-/** A key for each letter; the values are "1", "2"..., in blocks. f is alone in its bucket. */
+// A key for each letter; the values are "1", "2"..., in blocks. f is alone in its bucket.
 hashtable_t* table_of(const char* letters) {
     hashtable_t* ht = hashtable_alloc(3);
     for (int n = 0; letters[n]; n++)
@@ -96,22 +93,21 @@ int take_even_or_all(void* value, void* seen) {
     return seen && *text(value) % 2 ? 1 : (free(value), 0);
 }
 
-/** The values by the walk; their list must be the same. */
 std::string values(hashtable_t* ht) {
-    std::string walked, listed;
-    list_t list, *node;
+    std::string walked;
     str_hashtable_iterate(ht, note_value, &walked);
-    str_hashtable_values(ht, &list);
-    dll_foreach(node, &list) listed += text(reinterpret_cast<ptr_list_t*>(node)->pointer);
-    list_free_items(&list, nullptr);
-    EXPECT_EQ(walked, listed);
     return walked;
 }
 
 TEST(StrHashTable, FindsOrRemovesAnotherEntry) {
     hashtable_t* ht = table_of("klkkfx");
     EXPECT_EQ("512346", values(ht));
-    std::string found, with_hash;
+    list_t list, *node;
+    std::string listed, found, with_hash;
+    str_hashtable_values(ht, &list);
+    dll_foreach(node, &list) listed += text(reinterpret_cast<ptr_list_t*>(node)->pointer);
+    list_free_items(&list, nullptr);
+    EXPECT_EQ("512346", listed);
     for (const std::string& key : {key_of('k'), key_of('x'), key_of('X')}) {
         for (int index : {0, 1, 2, 3, -1, INT_MIN}) {
             found += text(str_hashtable_get_index(ht, key.c_str(), index));
@@ -136,13 +132,10 @@ TEST(StrHashTable, FindsOrRemovesAnotherEntry) {
 
 TEST(StrHashTable, FilterAsksOrRemovesAnotherEntry) {
     hashtable_t* ht = table_of("klkkm");
-    const char* cases[][3] = {{"n", "", "12345"}, {"k", "134", "1235"}, {nullptr, "1235", "135"}};
-    for (const auto& [key, asked, left] : cases) {
-        std::string seen;
-        str_hashtable_filter(ht, key, take_even_or_all, &seen);
-        EXPECT_EQ(asked, seen);
-        EXPECT_EQ(left, values(ht));
-    }
+    std::string seen;
+    str_hashtable_filter(ht, nullptr, take_even_or_all, &seen);
+    EXPECT_EQ("12345", seen);
+    EXPECT_EQ("135", values(ht));
     // A key block of the table's own is freed on the way.
     const char* key = record(hashtable_get_index(ht, strhash("k"), 0))->key;
     str_hashtable_filter(ht, key, take_even_or_all, nullptr);

@@ -13,11 +13,7 @@ namespace {
 constexpr int kZone = 6;
 
 void set_rules(const char* rules) {
-    if (rules == nullptr) {
-        unsetenv("TESSRA_LOG");
-    } else {
-        setenv("TESSRA_LOG", rules, 1);
-    }
+    rules ? setenv("TESSRA_LOG", rules, 1) : unsetenv("TESSRA_LOG");
 }
 
 std::string printed(const std::string& text) {
@@ -38,45 +34,31 @@ TEST(Liblog, RuleIsReadWrong) {
         {"6:2", 2},
         {"all:3", 3},
         {"7:2", 0},
-        {"60:2", 0},  // A zone is compared whole.
-        {"16:2", 0},
+        {"60:2", 0},
+        {"16:2", 0},  // A zone is compared whole.
         {"all:1,6:3", 3},
         {"6:3,all:1", 1},  // The last rule that fits counts, not the narrowest.
         {"6:3,off", 0},
         {"6:3,7:1", 3},
-        {"6:2x", 0},  // What can't be read changes nothing, and hides no other rule.
-        {"6:2,6:", 2},
+        {"6:2x", 0},
+        {"6:2,6:", 2},  // What can't be read changes nothing, and hides no other rule.
         {"6:2,:,,all:,all,offf,6:-1,6:,6", 2},
         {"6:99999999999999999999", 2147483647},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.rules != nullptr ? row.rules : "not set");
-        set_rules(row.rules);
-        EXPECT_EQ(row.highest >= 1, logzone_enabled(kZone, 1) != 0);
-        if (row.highest >= 1) {
-            EXPECT_TRUE(logzone_enabled(kZone, row.highest));
-        }
-        if (row.highest < 2147483647) {
-            EXPECT_FALSE(logzone_enabled(kZone, row.highest + 1));
-        }
+    for (const auto& [rules, highest] : rows) {
+        set_rules(rules);
+        for (const int level : {1, highest, highest == 2147483647 ? 1 : highest + 1})
+            EXPECT_EQ(level > 0 && level <= highest, logzone_enabled(kZone, level) != 0) << rules;
     }
 }
 
 TEST(Liblog, MessageIsNotOneWholeLine) {
-    const struct {
-        size_t length;
-        const char* end;
-        size_t expected;
-    } rows[] = {
-        {0, "", 1},         {5, "", 6},       {5, "\n", 6},       {1022, "", 1023},
-        {1022, "\n", 1023}, {1023, "", 1023}, {1023, "\n", 1023}, {5000, "\n", 1023},
-    };
     set_rules(nullptr);
-    for (const auto& row : rows) {
-        SCOPED_TRACE(std::to_string(row.length) + (*row.end != '\0' ? " and a newline" : ""));
-        const std::string text(row.length, 'x');
-        EXPECT_EQ(text.substr(0, row.expected - 1) + '\n', printed(text + row.end));
-    }
+    for (const size_t length : {0, 5, 1022, 1023, 5000})
+        for (const char* end : {"", "\n"}) {
+            const std::string text(length, 'x'), line = text.substr(0, 1022) + '\n';
+            EXPECT_EQ(line, printed(text + end)) << length;
+        }
 }
 
 TEST(Liblog, MessageIsPrintedUnwantedOrSpoilsErrno) {

@@ -1,7 +1,4 @@
-/**
- * @file linkedlist_test.cpp
- * The linked list and a cursor against a plain deque.
- */
+// The linked list and a cursor against a plain deque.
 #include <cerrno>
 #include <deque>
 #include <random>
@@ -10,7 +7,7 @@
 #include "tessra/linkedlist.h"
 
 namespace {
-/** Both chains must hold what the model holds. */
+// Both chains must hold what the model holds.
 void expect_list(const LinkedList* list, const std::deque<void*>& model) {
     ASSERT_EQ(model.size(), list->itemcount);
     LinkedListElement *element = list->head, *before = nullptr;

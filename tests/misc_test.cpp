@@ -1,7 +1,4 @@
-/**
- * @file misc_test.cpp
- * Output of commands, the device environment, mount points, error lines, PID file and locks.
- */
+// Output of commands, the device environment, mount points, error lines, PID file and locks.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <mntent.h>
@@ -33,7 +30,7 @@ std::string owned(char* text) {
     return copy;
 }
 
-/** A file of its own, gone at the end. */
+// A file of its own, gone at the end.
 struct TempFile {
     explicit TempFile(const std::string& text) {
         close(mkstemp(&path[0]));
@@ -168,7 +165,7 @@ TEST(Errors, LineOrEndIsWrong) {
     }
 }
 
-/** A process that has done something, told of it by one byte, and waits for its end. */
+// A process that has done something, told of it by one byte, and waits for its end.
 struct Holder {
     explicit Holder(const std::function<void(int)>& body)
         : pid(fork_process([&] { body(done.out), pause(); })), told(read(done.in, &answer, 1)) {}

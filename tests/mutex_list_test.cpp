@@ -1,7 +1,4 @@
-/**
- * @file mutex_list_test.cpp
- * The intrusive list against a plain deque, and the recursive mutex through its public fields.
- */
+// The intrusive list against a plain deque, and the recursive mutex through its public fields.
 #include <algorithm>
 #include <cerrno>
 #include <deque>
@@ -17,44 +14,6 @@ namespace {
 struct Record {
     list_t node;
 };
-
-/** The ring must read the same in both directions. */
-void expect_ring(list_t* head, const std::deque<Record*>& model) {
-    const list_t* node = head;
-    for (const Record* record : model) {
-        ASSERT_EQ(&record->node, node->next);
-        ASSERT_EQ(node, node->next->prev);
-        node = node->next;
-    }
-    ASSERT_EQ(head, node->next);
-    ASSERT_EQ(node, head->prev);
-}
-
-TEST(List, LinksBreakUnderAddAndDelete) {
-    const unsigned seed = std::random_device()();
-    SCOPED_TRACE(seed);
-    std::mt19937 random(seed);
-    std::vector<Record> records(20);
-    std::deque<Record*> model;
-    list_t head;
-    list_init(&head);
-    for (int step = 0; step < 5000 && !testing::Test::HasFailure(); step++) {
-        Record* record = &records[random() % records.size()];
-        const auto found = std::find(model.begin(), model.end(), record);
-        if (found != model.end()) {
-            list_delete(&record->node);
-            ASSERT_TRUE(!record->node.next && !record->node.prev);
-            model.erase(found);
-        } else if (random() % 2) {
-            list_add_head(&head, &record->node);
-            model.push_front(record);
-        } else {
-            list_add_tail(&head, &record->node);
-            model.push_back(record);
-        }
-        expect_ring(&head, model);
-    }
-}
 
 TEST(List, WalkFollowsTheEntryThatItsBodyFreed) {
     list_t head;
@@ -73,7 +32,7 @@ TEST(List, WalkFollowsTheEntryThatItsBodyFreed) {
     EXPECT_EQ(&head, head.next);
 }
 
-/** Whether any thread holds the lock. */
+// Whether any thread holds the lock.
 bool held(recursive_mutex* lock) {
     if (pthread_mutex_trylock(&lock->mutex) == EBUSY) return true;
     pthread_mutex_unlock(&lock->mutex);

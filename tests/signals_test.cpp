@@ -1,7 +1,4 @@
-/**
- * @file signals_test.cpp
- * Caught signals on their way from the catcher through the channel to the watchers.
- */
+// Caught signals on their way from the catcher through the channel to the watchers.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -25,63 +22,10 @@ void queue_signal(int signal, int value) {
     pthread_sigmask(SIG_BLOCK, nullptr, nullptr);  // Here ThreadSanitizer hands signals on.
 }
 
-/** Whether the record is of queue_signal(signal, value). */
+// Whether the record is of queue_signal(signal, value).
 bool intact(const siginfo_t* info, int signal, int value) {
     return info->si_signo == signal && info->si_code == SI_QUEUE && info->si_pid == getpid() &&
            info->si_value.sival_int == value;
-}
-
-Script script;
-const siginfo_t* shared_info;
-
-void act(int signal, siginfo_t* info, void* name) {
-    EXPECT_TRUE(intact(info, signal, script.nested ? 8 : 7));
-    EXPECT_TRUE(script.nested || !shared_info || shared_info == info) << "not the same record";
-    if (!script.nested) shared_info = info;
-    script.called(*static_cast<char*>(name));
-}
-
-// Three watchers of one signal; 'x' deletes the oldest, '+' adds one.
-TEST(Signals, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
-    const struct {
-        char actor;
-        const char *outer, *inner, *called;
-    } rows[] = {
-        {'A', "", "", "ABC ABC"},    {'A', "x", "", "ABC BC"},  // Itself.
-        {'A', "xx", "", "AC C"},      // And the pinned successor, which is marked,
-        {'A', "xxx", "", "AC C"},     // and stands before the third one.
-        {'C', "xx", "", "ABC C"},     // Those before it.
-        {'A', "+", "", "ABCD ABCD"},  // A new one runs,
-        {'C', "+", "", "ABC ABCD"},   // but not behind the last one.
-        {'A', "!", "", "AabcBC"},    {'A', "x!", "", "AbcBC"},   // Before the nested pass,
-        {'A', "xx!", "", "AcC"},     {'A', "!x", "", "AabcBC"},  // after it,
-        {'A', "!xx", "", "AabcC"},   {'A', "x!x", "", "AbcC"},
-        {'A', "!", "x", "AabcBC"},  // in it.
-        {'A', "!", "xx", "AacC"},    {'A', "x!", "x", "AbcC"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(std::string() + row.actor + " " + row.outer + " " + row.inner);
-        run_isolated([&row] {
-            script = {row.actor, row.outer, row.inner, [](char action) {
-                          if (action == 'x')
-                              event_signal_del(SIGUSR1);
-                          else
-                              event_signal_add(note_signal, arg("D"), SIGUSR1);
-                      }};
-            for (int n = 0; n < 3; n++) event_signal_add(act, arg(&"ABC"[n]), SIGUSR1);
-            const bool nests = strchr(row.outer, '!');
-            drive(nullptr, {[&] {
-                                queue_signal(SIGUSR1, 7);
-                                if (nests) queue_signal(SIGUSR1, 8);
-                            },
-                            [&] {
-                                trace += " ";
-                                shared_info = nullptr;
-                                if (!nests) queue_signal(SIGUSR1, 7);
-                            }});
-            EXPECT_EQ(row.called, nests ? trace.substr(0, trace.find(' ')) : trace);
-        });
-    }
 }
 
 ISOLATED_TEST(Signals, NumberOutOfRangeIsRegistered) {
@@ -161,49 +105,6 @@ ISOLATED_TEST(Signals, FullChannelTearsOrLosesMessagesOrChangesErrno) {
     EXPECT_EQ(0, torn);
 }
 
-/** Threads that call something until the object ends. */
-class Senders {
-public:
-    Senders(int count, const std::function<void(int)>& send) {
-        for (int n = 0; n < count; n++)
-            threads_.emplace_back([this, n, send] {
-                while (!stop_) send(n);
-            });
-    }
-    ~Senders() {
-        stop_ = true;
-        for (std::thread& thread : threads_) thread.join();
-    }
-
-private:
-    std::atomic<bool> stop_{false};
-    std::vector<std::thread> threads_;
-};
-
-ISOLATED_TEST(Signals, StormWithWakeUpsMixesTheRecords) {
-    static const int kSignals[] = {SIGUSR1, SIGUSR2, SIGHUP, SIGWINCH};
-    static int delivered[32], torn;
-    for (const int signal : kSignals) {
-        event_signal_add(
-            [](int number, siginfo_t* info, void*) {
-                torn += !intact(info, number, number);
-                delivered[number]++;
-                for (const int each : kSignals)
-                    if (delivered[each] < 200) return;
-                cancel_loop();
-            },
-            nullptr, signal);
-    }
-    Senders senders(3, [](int n) {
-        queue_signal(kSignals[n], kSignals[n]);
-        event_timer_del(note_timer, nullptr);
-        queue_signal(kSignals[3], kSignals[3]);
-        std::this_thread::yield();
-    });
-    EXPECT_EQ(0, et_event_loop());
-    EXPECT_EQ(0, torn);
-}
-
 #if defined(__SANITIZE_THREAD__)
 // It runs the handlers of these at once, even inside its own locks.
 constexpr unsigned kUnsafe = 1u << SIGILL | 1u << SIGTRAP | 1u << SIGABRT | 1u << SIGBUS |
@@ -256,19 +157,19 @@ void storm_over_a_full_channel() {
             nullptr, signal);
     }
     event_timer_add(next_round, nullptr, 0);
-    {
-        Senders senders(kSenders, [](int n) {
-            static thread_local int seen = 0;
-            queue_signal(0, 0);
-            if (seen != round) {
+    std::vector<std::thread> senders;
+    for (int n = 0; n < kSenders; n++)
+        senders.emplace_back([n] {
+            for (int seen = 0; seen < kRounds; std::this_thread::yield()) {
+                queue_signal(0, 0);
+                if (seen == round) continue;
                 seen = round;
                 for (int burst = 0; burst < 3; burst++) send_all(n);
                 bursts++;
             }
-            std::this_thread::yield();
         });
-        EXPECT_EQ(0, et_event_loop());
-    }
+    EXPECT_EQ(0, et_event_loop());
+    for (std::thread& sender : senders) sender.join();
     EXPECT_EQ(kRounds, round);
     EXPECT_EQ(0, torn);
     for (int signal = 1; signal < 32; signal++) EXPECT_LE(delivered[signal], sent[signal]);
@@ -338,32 +239,6 @@ ISOLATED_TEST(Signals, WriterMeetsAClosedChannelOrKeepsTheLock) {
         runner.join();
     }
     event_mc_free(context);
-}
-
-ISOLATED_TEST(Signals, ContextsThatStartAndEndTogetherLoseSignals) {
-    signal(SIGUSR1, SIG_IGN);
-    signal(SIGUSR2, SIG_IGN);
-    Senders senders(2, [](int n) {
-        queue_signal(n ? SIGUSR1 : SIGUSR2, 5);
-        std::this_thread::yield();
-    });
-    std::vector<std::thread> runners;
-    for (int n = 0; n < 4; n++) {
-        runners.emplace_back([] {
-            for (int round = 0; round < 50; round++) {
-                event_loop_ctx_tp context = event_mc_init();
-                const signal_handler_t end = [](int signal, siginfo_t* info, void* arg) {
-                    EXPECT_TRUE(intact(info, signal, 5));
-                    cancel_loop_mc(static_cast<event_loop_ctx_tp>(arg));
-                };
-                event_signal_add_mc(context, end, context, SIGUSR1);
-                event_signal_add_mc(context, end, context, SIGUSR2);
-                EXPECT_EQ(0, et_event_loop_mc(context));
-                event_mc_free(context);
-            }
-        });
-    }
-    for (std::thread& runner : runners) runner.join();
 }
 
 }  // namespace

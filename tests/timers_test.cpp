@@ -1,7 +1,4 @@
-/**
- * @file timers_test.cpp
- * Deadlines, their order, clock jumps and the wait for them, all on a fake clock.
- */
+// Deadlines, their order, clock jumps and the wait for them, all on a fake clock.
 #include <cerrno>
 #include <random>
 
@@ -154,9 +151,8 @@ size_t compare_with_model(unsigned most, unsigned args, unsigned spread) {
     return model.largest;
 }
 
+// The second has enough of them for the express lanes and for a table that grows.
 ISOLATED_TEST(Timers, RandomChangesFireTheWrongOnes) { compare_with_model(12, 4, 20); }
-
-// Enough of them for the express lanes and for a table that grows.
 ISOLATED_TEST(Timers, RandomChangesOfManyFireTheWrongOnes) {
     EXPECT_GT(compare_with_model(600, TimerModel::kMaxArgs, 2000), 64u);
 }

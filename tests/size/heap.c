@@ -1,5 +1,5 @@
-/* What one of each thing keeps on the heap: as asked for, and with what glibc's allocator adds.
-   Linked with --wrap, so that every call of the library comes by here. */
+// What one of each thing keeps on the heap: as asked for, and with what glibc's allocator adds.
+// Linked with --wrap, so that every call of the library comes by here.
 #include <malloc.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -39,7 +39,7 @@ static void on_signal(int signal, siginfo_t* info, void* arg) {
 }
 static int on_child(int pid, void* arg, int status) { return (void)pid, (void)arg, status; }
 
-/* Prints what the statement keeps. */
+// Prints what the statement keeps.
 #define MEASURE(name, ...)                            \
     do {                                              \
         asked = taken = 0;                            \

@@ -1,7 +1,4 @@
-/**
- * @file base64_model.h
- * A Base64 codec that is too simple to be wrong, compared with the library's by test and fuzzer.
- */
+// A Base64 codec that is too simple to be wrong, compared with the library's by test and fuzzer.
 #ifndef TESSRA_TESTS_BASE64_MODEL_H
 #define TESSRA_TESTS_BASE64_MODEL_H
 
@@ -46,7 +43,7 @@ inline int model_decode(const std::string& in, size_t room, std::string* out) {
     return in.size() % 4 == 0 ? BASE64_OK : BASE64_INVALID_PACKET;
 }
 
-/** Code, length and every byte of a buffer of this room are the model's. */
+// Code, length and every byte of a buffer of this room are the model's.
 inline bool decodes_like_model(const std::string& in, size_t room) {
     std::string expected, out(room, '~');
     const int code = model_decode(in, room, &expected);

@@ -1,8 +1,5 @@
-/**
- * @file fakes.cpp
- * Definitions in the program take the place of the C library's for the library under test, too.
- * The real ones are the next in the loader's order, below the sanitizers' if there are any.
- */
+// Definitions in the program take the place of the C library's for the library under test, too.
+// The real ones are the next in the loader's order, below the sanitizers' if there are any.
 #include "fakes.h"
 
 #include <dlfcn.h>

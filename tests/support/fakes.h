@@ -1,21 +1,15 @@
-/**
- * @file fakes.h
- * Calls of the C library and of liblog that the test program answers in their place.
- *
- * Everything passes through to the real call until a test asks for something else. Set the fields
- * before the threads that meet them start.
- */
+// Calls of the C library and of liblog that the test program answers in their place.
+// Everything passes through to the real call until a test asks for something else. Set the fields
+// before the threads that meet them start.
 #ifndef TESSRA_TESTS_FAKES_H
 #define TESSRA_TESTS_FAKES_H
 
 #include <sys/select.h>
 #include <sys/types.h>
 
-#ifdef __cplusplus
 extern "C" {
-#endif
 
-/** The calls that can be made to fail. */
+// The calls that can be made to fail.
 enum fake_call {
     FAKE_ALLOC, /**< malloc(), calloc() and realloc(). */
     FAKE_MKFIFO,
@@ -51,10 +45,10 @@ enum fake_call {
     FAKE_CALLS
 };
 
-/** The error of a read or write that comes up short. */
+// The error of a read or write that comes up short.
 enum { FAKE_SHORT = -1 };
 
-/** A call that fails. Only calls that the library or the C library makes count. */
+// A call that fails. Only calls that the library or the C library makes count.
 struct fault {
     int call, nth, error;      /**< The nth of these calls from now on, and its error number. */
     int lasts;                 /**< All after it fail, too. */
@@ -70,7 +64,7 @@ extern struct fakes {
     long blocks;          /**< Of the heap, that malloc() and its likes have made and not freed. */
     select_call* on_select; /**< Stands for select(), if not null. */
     read_call* on_read;     /**< Stands for read(), if not null. */
-    /** Called before a message of this size is written, a signal or a wake-up, if not null. */
+    // Called before a message of this size is written, a signal or a wake-up, if not null.
     void (*before_message)(int fd, size_t size);
     void (*before_open)(int nth); /**< Called before the nth open() of the library, if not null. */
     int opens;                    /**< Made by the library so far. */
@@ -82,20 +76,18 @@ extern struct fakes {
     char syslog_text[1000];       /**< "PRIORITY TEXT\n" for each syslog() call; the last ones. */
 } fakes;
 
-/** Whether a call that `caller`, an address of code, makes is to fail now; sets errno if it is. */
+// Whether a call that `caller`, an address of code, makes is to fail now; sets errno if it is.
 int fault_hits(int call, const void* caller);
 #define FAULT_HITS(call) fault_hits(call, __builtin_return_address(0))
 
-/** The n-th allocation of this thread from now on fails, whoever makes it; 0 for none. */
+// The n-th allocation of this thread from now on fails, whoever makes it; 0 for none.
 extern __thread int fail_allocation;
 
-/** The C library's own select(). */
+// The C library's own select().
 select_call real_select;
-/** The C library's own read(). */
+// The C library's own read().
 read_call real_read;
 
-#ifdef __cplusplus
-}
-#endif
+}  // extern "C"
 
 #endif

@@ -18,7 +18,7 @@ namespace {
 
 constexpr unsigned kTimeLimitSeconds = 100;
 
-/** Reads back what a child wrote, without the line that qemu-user adds to an abort. */
+// Reads back what a child wrote, without the line that qemu-user adds to an abort.
 std::string read_output(FILE* file) {
     std::string text;
     char line[4096];
@@ -47,11 +47,10 @@ struct Driver {
     event_loop_ctx_tp context = nullptr;
     std::vector<Step> steps;
     size_t next_step = 0;
-    bool interrupted = false;
 };
 Driver* driver;
 
-/** Does what stands for sleeping: the next step, the passing of time, or the end of the loop. */
+// Does what stands for sleeping: the next step, the passing of time, or the end of the loop.
 void instead_of_sleep(const timeval* tv) {
     if (driver->next_step < driver->steps.size()) {
         driver->steps[driver->next_step++]();
@@ -75,12 +74,6 @@ int driven_select(int nfds, fd_set* rset, fd_set* wset, fd_set* eset, timeval* t
         *rset = asked[0], *wset = asked[1], *eset = asked[2];
         poll = {0, 0};
         ready = real_select(nfds, rset, wset, eset, &poll);
-    }
-    if (driver->interrupted) {
-        driver->interrupted = false;
-        *rset = asked[0], *wset = asked[1], *eset = asked[2];
-        errno = EINTR;
-        return -1;
     }
     driver->drive.ready += ready > 0;
     return ready;
@@ -137,18 +130,6 @@ int open_descriptors() {
 
 int ready_descriptor() { return open("/dev/null", O_RDWR); }
 
-Pipe::Pipe() {
-    int ends[2];
-    if (pipe(ends) != 0) abort();
-    in = ends[0];
-    out = ends[1];
-}
-
-Pipe::~Pipe() {
-    close(in);
-    close(out);
-}
-
 void note_timer(void* text) { trace += static_cast<const char*>(text); }
 void note_fd(int, void* text) { note_timer(text); }
 void note_signal(int, siginfo_t*, void* text) { note_timer(text); }
@@ -156,7 +137,6 @@ int note_process(int, void* text, int) { return note_timer(text), 0; }
 void run_timer(void* step) { (*static_cast<Step*>(step))(); }
 void run_fd(int, void* step) { run_timer(step); }
 void run_signal(int, siginfo_t*, void* step) { run_timer(step); }
-int run_process(int, void* step, int) { return run_timer(step), 0; }
 
 void Script::called(char name) {
     trace += static_cast<char>(nested ? name - 'A' + 'a' : name);
@@ -184,7 +164,6 @@ Drive drive(event_loop_ctx_tp context, std::vector<Step> steps) {
     return here.drive;
 }
 
-void interrupt_wait() { driver->interrupted = true; }
 size_t selects() { return driver->drive.waits_us.size(); }
 
 void set_clock(unsigned long long ms) { fakes.clock_ns = ms * 1000000; }

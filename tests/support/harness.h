@@ -1,13 +1,11 @@
-/**
- * @file harness.h
- * Tests in processes of their own, and a driver that takes the time out of a loop.
- */
+// Tests in processes of their own, and a driver that takes the time out of a loop.
 #ifndef TESSRA_TESTS_HARNESS_H
 #define TESSRA_TESTS_HARNESS_H
 
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <functional>
 #include <string>
@@ -20,7 +18,7 @@ namespace tessra_test {
 
 using Step = std::function<void()>;
 
-/** How a child process came to its end. */
+// How a child process came to its end.
 struct ChildEnd {
     int exit_code;       ///< -1 if a signal ended it.
     int signal;          ///< 0 if it exited.
@@ -28,36 +26,37 @@ struct ChildEnd {
     std::string output;  ///< What it wrote to stdout and stderr, without the emulator's own lines.
 };
 
-/** Runs body in a child process, which SIGALRM ends when it hangs; its failures are in output. */
+// Runs body in a child process, which SIGALRM ends when it hangs; its failures are in output.
 ChildEnd run_child(const Step& body);
 
-/** run_child() for a body that has to return; passes its failures on. */
+// run_child() for a body that has to return; passes its failures on.
 void run_isolated(const Step& body);
 
-/** A test whose body is a process: the default context and the dispositions are as at the start. */
+// A test whose body is a process: the default context and the dispositions are as at the start.
 #define ISOLATED_TEST(suite, name)                                   \
     static void suite##_##name();                                    \
     TEST(suite, name) { tessra_test::run_isolated(suite##_##name); } \
     static void suite##_##name()
 
-/** Forks a child that runs body and leaves with status 0, without sanitizer reports at its exit. */
+// Forks a child that runs body and leaves with status 0, without sanitizer reports at its exit.
 pid_t fork_process(const Step& body);
-/** Waits until a child has ended or stopped, and leaves its status to be collected. */
+// Waits until a child has ended or stopped, and leaves its status to be collected.
 void await_child(pid_t pid);
 
-/** Number of open descriptors below 2048. */
+// Number of open descriptors below 2048.
 int open_descriptors();
-/** A descriptor that is always readable and writable, and never has an exceptional condition. */
+// A descriptor that is always readable and writable, and never has an exceptional condition.
 int ready_descriptor();
-/** A pipe whose ends are closed with it. */
+// A pipe whose ends are closed with it.
 struct Pipe {
-    Pipe();
-    ~Pipe();
+    Pipe() { EXPECT_EQ(0, pipe(ends)); }
+    ~Pipe() { close(in), close(out); }
     Pipe(const Pipe&) = delete;
-    int in, out;
+    int ends[2];
+    const int &in = ends[0], &out = ends[1];
 };
 
-/** Handlers that append their argument, a text, to the trace, and ones that run it as a Step. */
+// Handlers that append their argument, a text, to the trace, and ones that run it as a Step.
 extern std::string trace;
 void note_timer(void* text);
 void note_fd(int fd, void* text);
@@ -66,10 +65,9 @@ int note_process(int pid, void* text, int status);
 void run_timer(void* step);
 void run_fd(int fd, void* step);
 void run_signal(int signal, siginfo_t* info, void* step);
-int run_process(int pid, void* step, int status);
 inline void* arg(const char* text) { return const_cast<char*>(text); }
 
-/** Handlers "A" to "D" of one list, which are noted as "a" to "d" in a nested pass. */
+// Handlers "A" to "D" of one list, which are noted as "a" to "d" in a nested pass.
 struct Script {
     char actor;         ///< Whose handler acts in the outer pass.
     const char* outer;  ///< What it does: '!' is a nested pass, anything else goes to change.
@@ -88,18 +86,14 @@ struct Drive {
     std::vector<long long> waits_us;  ///< Timeouts that select() was called with.
 };
 
-/**
- * Runs the loop of a context (null: the default one) on this thread. Whenever select() would sleep,
- * the next step runs instead, and then select() returns what is ready. After the last step the fake
- * clock, if it is set, goes to the end of each wait; a wait that has no such end cancels the loop.
- */
+// Runs the loop of a context (null: the default one) on this thread. Whenever select() would sleep,
+// the next step runs instead, and then select() returns what is ready. After the last step the fake
+// clock, if it is set, goes to the end of each wait; a wait that has no such end cancels the loop.
 Drive drive(event_loop_ctx_tp context, std::vector<Step> steps = {});
-/** In a step: select() fails with EINTR afterwards. */
-void interrupt_wait();
-/** Number of select() calls of the drive under way, which tells one pass from another. */
+// Number of select() calls of the drive under way, which tells one pass from another.
 size_t selects();
 
-/** Sets the fake clock, and moves it on. */
+// Sets the fake clock, and moves it on.
 void set_clock(unsigned long long ms);
 void advance_clock(long long ms);
 

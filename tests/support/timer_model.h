@@ -1,8 +1,5 @@
-/**
- * @file timer_model.h
- * The timers of the default context as a sorted vector, for a loop on a fake clock whose waits end
- * as the numbers have it that the user chooses.
- */
+// The timers of the default context as a sorted vector, for a loop on a fake clock whose waits end
+// as the numbers have it that the user chooses.
 #ifndef TESSRA_TESTS_TIMER_MODEL_H
 #define TESSRA_TESTS_TIMER_MODEL_H
 
@@ -27,7 +24,7 @@ public:
 
     void begin(unsigned long long now) { clock(now_ = now), phase_time_ = 0; }
 
-    /** Stands for select(): checks the wait, changes timers as another thread would, sleeps. */
+    // Stands for select(): checks the wait, changes timers as another thread would, sleeps.
     int wait(const timeval* tv) {
         const long long sleep_ms = tv ? tv->tv_sec * 1000LL + tv->tv_usec / 1000 : below(50);
         if (!timers_.empty()) {
@@ -50,7 +47,7 @@ public:
         return 0;
     }
 
-    /** Adds, deletes or asks for a timer. */
+    // Adds, deletes or asks for a timer.
     void change() {
         static const timer_handler_t kHandlers[] = {on_timer<0>, on_timer<1>};
         const int handler = static_cast<int>(below(2));
