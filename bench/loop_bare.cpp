@@ -84,10 +84,37 @@ void signals(Loop& loop) {
     sigprocmask(SIG_UNBLOCK, &set, nullptr);
 }
 
+// What arming and deleting a timer from any thread takes whatever the list is made of: the clock, a
+// block, and a list's lock with the one that guards its owner, taken twice.
+void timer_calls(Loop& loop, unsigned count) {
+    pthread_mutex_t list = PTHREAD_MUTEX_INITIALIZER, owner = PTHREAD_MUTEX_INITIALIZER;
+    const auto lock_and_unlock = [&] {
+        pthread_mutex_lock(&owner), pthread_mutex_trylock(&list), pthread_mutex_unlock(&owner);
+        pthread_mutex_lock(&owner), pthread_mutex_unlock(&list), pthread_mutex_unlock(&owner);
+    };
+    std::vector<void*> blocks(count);
+    loop.each([&] {
+        for (void*& block : blocks) {
+            timespec now;
+            clock_gettime(CLOCK_MONOTONIC_RAW, &now);
+            keep(now);
+            keep(block = malloc(64));
+            lock_and_unlock();
+        }
+        for (void* block : blocks) lock_and_unlock(), free(block);
+    });
+}
+
 }  // namespace
 
 void add_bare() {
     add_loop<Bare>("bare select");
+    for (const unsigned count : kTimerCounts) {
+        for (const Order order : {Order::kAscending, Order::kDescending, Order::kRandom}) {
+            add(add_and_delete_row(count, order), "bare calls",
+                [count](Loop& loop) { timer_calls(loop, count); }, {double(count), Clock::kCpu, 3});
+        }
+    }
     add("wake-up from another thread", "bare pipes", wake, {1, Clock::kWall});
     add("signal", "bare signalfd", signals);
     add("child", "bare waitpid", [](Loop& loop) {

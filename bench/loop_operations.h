@@ -273,6 +273,13 @@ void start_and_end(Loop& loop) {
     });
 }
 
+constexpr unsigned kTimerCounts[] = {10, 100, 1000, 10000};
+
+inline std::string add_and_delete_row(unsigned count, Order order) {
+    const char* const words[] = {"ascending", "descending", "random"};
+    return "timers, add and delete, " + std::to_string(count) + " " + words[int(order)];
+}
+
 template <class Peer>
 void add_loop(const std::string& name) {
     for (unsigned n : {8U, 64U, 200U, 480U}) {
@@ -283,17 +290,11 @@ void add_loop(const std::string& name) {
         add("1 ready of " + std::to_string(n), name, [n](Loop& loop) { Chain<Peer>(loop, n, 1); });
     }
     if constexpr (requires { typename Peer::Timer; }) {
-        const struct {
-            const char* word;
-            Order order;
-        } orders[] = {{"ascending", Order::kAscending},
-                      {"descending", Order::kDescending},
-                      {"random", Order::kRandom}};
-        for (unsigned n : {10U, 100U, 1000U, 10000U}) {
+        for (unsigned n : kTimerCounts) {
             const std::string count = std::to_string(n);
-            for (const auto& [word, order] : orders) {
-                add("timers, add and delete, " + count + " " + word, name,
-                    [n, order = order](Loop& loop) {
+            for (const Order order : {Order::kAscending, Order::kDescending, Order::kRandom}) {
+                add(add_and_delete_row(n, order), name,
+                    [n, order](Loop& loop) {
                         Peer peer{};
                         add_and_delete(loop, peer, n, order);
                     },
