@@ -63,10 +63,12 @@ void event_sigchld_hndlr(int /*signal*/, siginfo_t* /*info*/, void* arg) {
     auto* el_ctx = static_cast<event_loop_ctx_tp>(arg);
     if (el_ctx == nullptr) return;
     const RecursiveLock lock(el_ctx->processlist_mutex);
-    pinned_walk<process_t, CountedPins>(el_ctx->process_queue, [](process_t* child) {
-        collect_if_ended(child);
-        return true;
-    });
+    pinned_walk<process_t, CountedPins>(
+        el_ctx->process_queue, [](const process_t*) { return true; },
+        [](process_t* child) {
+            collect_if_ended(child);
+            return true;
+        });
 }
 
 void process_free(event_loop_ctx_tp el_ctx) {

@@ -41,6 +41,7 @@ constinit event_loop_ctx_t default_el_ctx = {
     .watched = {.sets = {}, .max_fd = kNoFd, .has_unselected = false, .stale = true},
     .pending = &default_pending,
     .pending_turn = false,
+    .first_timer = {},
     .timer_index = {},  // Its lanes begin with the first timer.
 };
 #pragma GCC diagnostic pop

@@ -65,12 +65,14 @@ bool is_ready(const event_fd_t* watcher, const SelectSets& ready) {
 
 // Fills the sets for one select(), the channel included, and returns the largest descriptor.
 int fill_select_sets(event_loop_ctx_tp el_ctx, SelectSets& sets) {
-    const RecursiveLock lock(el_ctx->eventlists_mutex);
     WatchedSets& watched = el_ctx->watched;
-    if (watched.stale) {
-        rebuild_sets_locked(el_ctx);
-    } else if (watched.has_unselected) {
-        test_descriptors_locked(el_ctx, true);
+    if (watched.stale || watched.has_unselected) {
+        const RecursiveLock lock(el_ctx->eventlists_mutex);
+        if (watched.stale) {
+            rebuild_sets_locked(el_ctx);
+        } else {
+            test_descriptors_locked(el_ctx, true);
+        }
     }
     sets = watched.sets;
     insert_fd(el_ctx->pong_fd, sets.read);
@@ -84,10 +86,12 @@ void exit_if_descriptor_closed(event_loop_ctx_tp el_ctx) {
 
 // The descriptor phase. `ready` stays as select() returned it, whatever handlers do.
 void run_ready_descriptors_locked(event_loop_ctx_tp el_ctx, const SelectSets& ready) {
-    pinned_walk<event_fd_t, CountedPins>(el_ctx->fd_queue, [&ready](event_fd_t* watcher) {
-        if (is_ready(watcher, ready)) watcher->handler(watcher->fd, watcher->arg);
-        return true;
-    });
+    pinned_walk<event_fd_t, CountedPins>(
+        el_ctx->fd_queue, [&ready](const event_fd_t* watcher) { return is_ready(watcher, ready); },
+        [](const event_fd_t* watcher) {
+            watcher->handler(watcher->fd, watcher->arg);
+            return true;
+        });
 }
 
 void event_fd_free(event_loop_ctx_tp el_ctx) {

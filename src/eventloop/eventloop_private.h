@@ -41,12 +41,21 @@ struct SelectSets {
 };
 
 // The sets that the watchers ask for, kept until a watcher comes or goes: building them costs a
-// system call per descriptor. The channel is not in them.
+// system call per descriptor. The channel is not in them. The loop's thread only, apart from
+// `stale`, so that it looks at them without a lock.
 struct WatchedSets {
     SelectSets sets;
     int max_fd;
-    bool has_unselected;  // Some watcher is in no set, so select() doesn't notice its closing.
-    bool stale;
+    bool has_unselected;      // Some watcher is in no set, so select() doesn't notice its closing.
+    std::atomic<bool> stale;  // Set by whoever changes the list.
+};
+
+// The first timer as the loop has last seen it, so that a pass with nothing due takes no lock. The
+// loop's thread only, apart from `stale`.
+struct FirstTimer {
+    Milliseconds deadline;
+    bool exists;
+    std::atomic<bool> stale;  // Set by whoever changes the list, until a timer phase has walked it.
 };
 
 // Ways past most timers of a long list; see timers.cpp. Every timer has a bucket once there is a
@@ -81,6 +90,7 @@ struct event_loop_ctx {
     tessra::WatchedSets watched;
     tessra::PendingSignals* pending;  // Beside the context; for as long as it lives.
     bool pending_turn;  // Let one of them go before the next message. The loop's thread only.
+    tessra::FirstTimer first_timer;
     tessra::TimerIndex timer_index;
 };
 
@@ -159,7 +169,7 @@ void unlink_entry(event_timer_t* timer);
 bool timer_add(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg, Milliseconds timeout);
 void update_timers(event_loop_ctx_tp el_ctx, long long int tdiff);
 timeval* timer_timeout(event_loop_ctx_tp el_ctx, Milliseconds now, timeval& timeout);
-bool run_due_timers(event_loop_ctx_tp el_ctx, Milliseconds current_time);
+bool run_due_timers(event_loop_ctx_tp el_ctx, Milliseconds now, bool handler_ran);
 void event_timer_free(event_loop_ctx_tp el_ctx);
 
 // descriptors.cpp

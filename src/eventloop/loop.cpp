@@ -53,7 +53,7 @@ bool run_ready_watchers(event_loop_ctx_tp el_ctx, const SelectSets& ready, int r
 bool event_handle_events(event_loop_ctx_tp el_ctx, const SelectSets& ready, int ready_count,
                          Milliseconds now) {
     const bool ran = run_ready_watchers(el_ctx, ready, ready_count);
-    return run_due_timers(el_ctx, ran ? event_get_time() : now) || ran;
+    return run_due_timers(el_ctx, now, ran) || ran;
 }
 
 // One wait and pass of the main loop; `ptime` is the reading after the last wait. Takes and returns

@@ -52,10 +52,13 @@ bool signal_add(event_loop_ctx_tp el_ctx, signal_handler_t handler, void* arg, i
 }
 
 void run_signal_watchers_locked(event_loop_ctx_tp el_ctx, int signal, siginfo_t& info) {
-    pinned_walk<event_signal_t, CountedPins>(el_ctx->signal_queue, [&](event_signal_t* watcher) {
-        if (watcher->signal == signal) watcher->handler(signal, &info, watcher->arg);
-        return true;
-    });
+    pinned_walk<event_signal_t, CountedPins>(
+        el_ctx->signal_queue,
+        [signal](const event_signal_t* watcher) { return watcher->signal == signal; },
+        [&info](const event_signal_t* watcher) {
+            watcher->handler(watcher->signal, &info, watcher->arg);
+            return true;
+        });
 }
 
 // Takes the argument away from the watchers that carry it, which their handler must expect.

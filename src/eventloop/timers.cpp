@@ -122,6 +122,13 @@ void start_index_locked(TimerIndex& index) {
     index.adds_to_check = kFewTimers;
 }
 
+void see_first_locked(event_loop_ctx_tp el_ctx) {
+    list_t* const node = el_ctx->timer_queue.next;
+    FirstTimer& first = el_ctx->first_timer;
+    first.exists = node != &el_ctx->timer_queue;
+    if (first.exists) first.deadline = entry_of<event_timer_t>(node)->time;
+}
+
 bool matches(const event_timer_t* timer, timer_handler_t handler, const void* arg) {
     return timer->handler == handler && (arg == nullptr || timer->arg == arg);
 }
@@ -153,6 +160,7 @@ bool timer_add(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg, Mil
     enqueue_locked(el_ctx, timer);
     enter_bucket(index, timer);
     check_table_locked(el_ctx);
+    el_ctx->first_timer.stale = true;
     return true;
 }
 
@@ -161,31 +169,43 @@ void unlink_entry(event_timer_t* timer) {
     list_delete(&timer->bucket);
 }
 
+// The wait until the first deadline, in `timeout`, or null if there is no timer.
+timeval* timer_timeout(event_loop_ctx_tp el_ctx, Milliseconds now, timeval& timeout) {
+    const FirstTimer& first = el_ctx->first_timer;
+    if (first.stale) {
+        const RecursiveLock lock(el_ctx->timerlist_mutex);
+        see_first_locked(el_ctx);
+    }
+    if (!first.exists) return nullptr;
+    const long long int wait = clamp_distance(static_cast<long long int>(first.deadline - now));
+    timeout.tv_sec = static_cast<decltype(timeout.tv_sec)>(wait / 1000);
+    timeout.tv_usec = static_cast<decltype(timeout.tv_usec)>(wait % 1000 * 1000);
+    return &timeout;
+}
+
 void update_timers(event_loop_ctx_tp el_ctx, long long int tdiff) {
     const RecursiveLock lock(el_ctx->timerlist_mutex);
     list_t* node;
     dll_foreach(node, &el_ctx->timer_queue) {
         entry_of<event_timer_t>(node)->time += static_cast<Milliseconds>(tdiff);
     }
+    see_first_locked(el_ctx);
 }
 
-// The wait until the first deadline, in `timeout`, or null if there is no timer.
-timeval* timer_timeout(event_loop_ctx_tp el_ctx, Milliseconds now, timeval& timeout) {
-    const RecursiveLock lock(el_ctx->timerlist_mutex);
-    list_t* first = el_ctx->timer_queue.next;
-    if (first == &el_ctx->timer_queue) return nullptr;
-    const long long int wait =
-        clamp_distance(static_cast<long long int>(entry_of<event_timer_t>(first)->time - now));
-    timeout.tv_sec = static_cast<decltype(timeout.tv_sec)>(wait / 1000);
-    timeout.tv_usec = static_cast<decltype(timeout.tv_usec)>(wait % 1000 * 1000);
-    return &timeout;
-}
+// The timer phase, at `now` unless a handler has run since. A handler runs with its timer off the
+// list and the lock released, so after it nothing that was remembered counts and the walk starts
+// again. The clock isn't read again: a handler that keeps arming itself with 0 can't hold the phase
+// beyond this millisecond. Returns whether a handler has run.
+//
+// A list that has been walked since its last change, and of which nothing is due, would be left by
+// another walk as it is, pins included.
+bool run_due_timers(event_loop_ctx_tp el_ctx, Milliseconds now, bool handler_ran) {
+    FirstTimer& first = el_ctx->first_timer;
+    const bool walked = !first.stale;
+    if (walked && !first.exists) return false;
+    const Milliseconds current_time = handler_ran ? event_get_time() : now;
+    if (walked && first.deadline > current_time) return false;
 
-// The timer phase. A handler runs with its timer off the list and the lock released, so after it
-// nothing that was remembered counts and the walk starts again. The clock isn't read again: a
-// handler that keeps arming itself with 0 can't hold the phase beyond this millisecond. Returns
-// whether a handler has run.
-bool run_due_timers(event_loop_ctx_tp el_ctx, Milliseconds current_time) {
     RecursiveLock lock(el_ctx->timerlist_mutex);
     bool any_fired = false;
     bool fired;
@@ -201,15 +221,19 @@ bool run_due_timers(event_loop_ctx_tp el_ctx, Milliseconds current_time) {
     };
     do {
         fired = false;
-        pinned_walk<event_timer_t, FlagPins>(el_ctx->timer_queue, fire_if_due);
+        pinned_walk<event_timer_t, FlagPins>(
+            el_ctx->timer_queue, [](const event_timer_t*) { return true; }, fire_if_due);
         any_fired |= fired;
     } while (fired);
+    see_first_locked(el_ctx);
+    first.stale = false;
     return any_fired;
 }
 
 void event_timer_free(event_loop_ctx_tp el_ctx) {
     const RecursiveLock lock(el_ctx->timerlist_mutex);
     free_all<event_timer_t>(el_ctx->timer_queue);
+    el_ctx->first_timer.stale = true;
     TimerIndex& index = el_ctx->timer_index;
     free(index.buckets);
     index.buckets = nullptr;
@@ -233,6 +257,7 @@ void event_timer_add(timer_handler_t handler, void* arg, long long unsigned int 
 void event_timer_del_mc(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg) {
     const ChangeLock lock(el_ctx, el_ctx->timerlist_mutex);
     for_each_match(el_ctx, handler, arg, [](event_timer_t* timer) { delete_or_mark(timer); });
+    el_ctx->first_timer.stale = true;
 }
 
 void event_timer_del(timer_handler_t handler, void* arg) {

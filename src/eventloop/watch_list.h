@@ -1,8 +1,8 @@
 // The pinned walk: how handlers may change the list that is being walked.
 //
 // Every watcher record carries `locked` and `to_be_deleted`. With the list's mutex held throughout:
-//   - A walk pins an entry before it leaves the one in front of it, and takes its pin back on
-//     arrival. While it stands on an entry, the one pointer that it keeps is the pinned successor.
+//   - A walk pins an entry before it visits the one in front of it, and takes its pin back on
+//     arrival. While it visits an entry, the one pointer that it keeps is the pinned successor.
 //   - Deleting a pinned entry only marks it. The walk that arrives there frees it, unvisited, once
 //     no other walk has it pinned; what isn't pinned is freed at once.
 //   - The walk never touches an entry after visiting it, so a handler may delete its own.
@@ -50,32 +50,32 @@ void delete_or_mark(Entry* entry) {
 
 // Pins of lists that nested walks share.
 struct CountedPins {
+    static constexpr bool kLeftBehind = false;
     static void pin(int& locked) { ++locked; }
     static void unpin(int& locked) { --locked; }
 };
 
 // Pins of a list whose walk stops half-way and leaves one behind: arriving clears it, however old.
 struct FlagPins {
+    static constexpr bool kLeftBehind = true;
     static void pin(int& locked) { locked = 1; }
     static void unpin(int& locked) { locked = 0; }
 };
 
-// Walks from the first entry until `visit` returns false or the head is reached.
-template <class Entry, class Pins, class Visit>
-void pinned_walk(list_t& head, Visit visit) {
-    auto pin = [&head](list_t* node) {
-        if (node != &head) Pins::pin(entry_of<Entry>(node)->locked);
-    };
-    list_t* node = head.next;
-    pin(node);
-    while (node != &head) {
+// Walks from the first entry until `visit` returns false or the head is reached. An entry that it
+// doesn't want runs no foreign code, so there the walk needs no pin to come back to.
+template <class Entry, class Pins, class Wants, class Visit>
+void pinned_walk(list_t& head, Wants wants, Visit visit) {
+    bool pinned = false;
+    for (list_t* node = head.next; node != &head;) {
         Entry* entry = entry_of<Entry>(node);
         list_t* successor = node->next;
-        pin(successor);
-        Pins::unpin(entry->locked);
-        if (!entry->to_be_deleted) {
+        if (pinned || Pins::kLeftBehind) Pins::unpin(entry->locked);
+        pinned = !entry->to_be_deleted && wants(entry);
+        if (pinned) {
+            if (successor != &head) Pins::pin(entry_of<Entry>(successor)->locked);
             if (!visit(entry)) return;
-        } else if (entry->locked == 0) {
+        } else if (entry->to_be_deleted && entry->locked == 0) {
             unlink_and_free(entry);
         }
         node = successor;
