@@ -175,11 +175,10 @@ void delete_leaf(BinaryTree* tree, Node* leaf, Climb how) {
 // The entry sinks to a leaf. It changes places with a neighbour each time, so the order of the
 // others stays.
 void delete_entry(BinaryTree* tree, Node* node) {
-    Node* below = replacement_of(node);
-    while (below != node) {
+    while (node->left != nullptr || node->right != nullptr) {
+        Node* below = replacement_of(node);
         swap(node, below);
         node = below;
-        below = replacement_of(node);
     }
     delete_leaf(tree, node, Climb::kWhileHeightsChange);
 }

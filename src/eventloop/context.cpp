@@ -38,7 +38,7 @@ constinit event_loop_ctx_t default_el_ctx = {
     .processlist_mutex = RECURSIVE_MUTEX_INITIALIZER,
     .do_events_reentrance = 0,
     .in_loop = false,
-    .watched = {.sets = {}, .max_fd = kNoFd, .has_unselected = false, .stale = true},
+    .watched = {.sets = {}, .max_fd = kNoFd, .has_unselected = false},
     .pending = &default_pending,
     .pending_turn = false,
     .first_timer = {},
@@ -68,7 +68,6 @@ event_loop_ctx_tp event_mc_init(void) {
     (void)pthread_mutex_init(&ctx->timerlist_mutex.mutex, nullptr);
     (void)pthread_mutex_init(&ctx->eventlists_mutex.mutex, nullptr);
     (void)pthread_mutex_init(&ctx->processlist_mutex.mutex, nullptr);
-    ctx->watched.stale = true;
     return ctx;
 }
 

@@ -52,7 +52,7 @@ void rebuild_sets_locked(event_loop_ctx_tp el_ctx) {
         if ((watcher->type & kAllConditions) == 0) watched.has_unselected = true;
         if (watcher->fd > watched.max_fd) watched.max_fd = watcher->fd;
     }
-    watched.stale = false;
+    watched.stale.clear();
 }
 
 bool is_ready(const event_fd_t* watcher, const SelectSets& ready) {
@@ -97,7 +97,7 @@ void run_ready_descriptors_locked(event_loop_ctx_tp el_ctx, const SelectSets& re
 void event_fd_free(event_loop_ctx_tp el_ctx) {
     const RecursiveLock lock(el_ctx->eventlists_mutex);
     free_all<event_fd_t>(el_ctx->fd_queue);
-    el_ctx->watched.stale = true;
+    el_ctx->watched.stale.set();
 }
 
 }  // namespace tessra
@@ -114,7 +114,7 @@ void event_fd_add_mc(event_loop_ctx_tp el_ctx, fd_handler_t handler, void* arg, 
     *watcher = {{}, handler, arg, fd, type, 0, 0};
     const ChangeLock lock(el_ctx, el_ctx->eventlists_mutex);
     list_add_tail(&el_ctx->fd_queue, &watcher->list);
-    el_ctx->watched.stale = true;
+    el_ctx->watched.stale.set();
 }
 
 void event_fd_add(fd_handler_t handler, void* arg, int fd, int type) {
@@ -127,7 +127,7 @@ void event_fd_del_mc(event_loop_ctx_tp el_ctx, int fd) {
         el_ctx->fd_queue, [fd](const event_fd_t* candidate) { return candidate->fd == fd; });
     if (watcher != nullptr) {
         delete_or_mark(watcher);
-        el_ctx->watched.stale = true;
+        el_ctx->watched.stale.set();
     }
 }
 

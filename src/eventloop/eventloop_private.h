@@ -40,6 +40,19 @@ struct SelectSets {
     fd_set except;
 };
 
+// Whether the loop's own copy of something needs to be made again. Set by others before they wake
+// the loop, which is what orders it: one that is seen late is seen in the next pass.
+class Stale {
+public:
+    constexpr explicit Stale(bool stale) : stale_(stale) {}
+    explicit operator bool() const { return stale_.load(std::memory_order_relaxed); }
+    void set() { stale_.store(true, std::memory_order_relaxed); }
+    void clear() { stale_.store(false, std::memory_order_relaxed); }
+
+private:
+    std::atomic<bool> stale_;
+};
+
 // The sets that the watchers ask for, kept until a watcher comes or goes: building them costs a
 // system call per descriptor. The channel is not in them. The loop's thread only, apart from
 // `stale`, so that it looks at them without a lock.
@@ -47,7 +60,7 @@ struct WatchedSets {
     SelectSets sets;
     int max_fd;
     bool has_unselected;      // Some watcher is in no set, so select() doesn't notice its closing.
-    std::atomic<bool> stale;  // Set by whoever changes the list.
+    Stale stale{true};        // Set by whoever changes the list.
 };
 
 // The first timer as the loop has last seen it, so that a pass with nothing due takes no lock. The
@@ -55,7 +68,7 @@ struct WatchedSets {
 struct FirstTimer {
     Milliseconds deadline;
     bool exists;
-    std::atomic<bool> stale;  // Set by whoever changes the list, until a timer phase has walked it.
+    Stale stale{true};  // Set by whoever changes the list, until a timer phase has walked it.
 };
 
 // Ways past most timers of a long list; see timers.cpp. Every timer has a bucket once there is a

@@ -160,7 +160,7 @@ bool timer_add(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg, Mil
     enqueue_locked(el_ctx, timer);
     enter_bucket(index, timer);
     check_table_locked(el_ctx);
-    el_ctx->first_timer.stale = true;
+    el_ctx->first_timer.stale.set();
     return true;
 }
 
@@ -226,14 +226,14 @@ bool run_due_timers(event_loop_ctx_tp el_ctx, Milliseconds now, bool handler_ran
         any_fired |= fired;
     } while (fired);
     see_first_locked(el_ctx);
-    first.stale = false;
+    first.stale.clear();
     return any_fired;
 }
 
 void event_timer_free(event_loop_ctx_tp el_ctx) {
     const RecursiveLock lock(el_ctx->timerlist_mutex);
     free_all<event_timer_t>(el_ctx->timer_queue);
-    el_ctx->first_timer.stale = true;
+    el_ctx->first_timer.stale.set();
     TimerIndex& index = el_ctx->timer_index;
     free(index.buckets);
     index.buckets = nullptr;
@@ -257,7 +257,7 @@ void event_timer_add(timer_handler_t handler, void* arg, long long unsigned int 
 void event_timer_del_mc(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg) {
     const ChangeLock lock(el_ctx, el_ctx->timerlist_mutex);
     for_each_match(el_ctx, handler, arg, [](event_timer_t* timer) { delete_or_mark(timer); });
-    el_ctx->first_timer.stale = true;
+    el_ctx->first_timer.stale.set();
 }
 
 void event_timer_del(timer_handler_t handler, void* arg) {
