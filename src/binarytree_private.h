@@ -11,17 +11,18 @@ namespace tessra {
 template <class Compare>
 BinaryTreeNode* search_by(const BinaryTree* tree, void* key, int& comparison, Compare compare) {
     comparison = 0;
-    BinaryTreeNode* next = tree->root;
-    if (next == nullptr) return nullptr;
+    BinaryTreeNode* node = tree->root;
+    if (node == nullptr) return nullptr;
+    int latest;  // Not `comparison` itself, which would be stored each time.
     for (;;) {
-        BinaryTreeNode* node = next;
-        const int latest = compare(node->key, key);
-        if (latest != 0) next = latest < 0 ? node->left : node->right;
-        if (latest == 0 || next == nullptr) {
-            comparison = latest;
-            return node;
-        }
+        latest = compare(node->key, key);
+        if (latest == 0) break;
+        BinaryTreeNode* next = latest < 0 ? node->left : node->right;
+        if (next == nullptr) break;
+        node = next;
     }
+    comparison = latest;
+    return node;
 }
 
 // Inserts where such a search has ended without finding the key. False if memory is short.

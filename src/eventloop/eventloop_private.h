@@ -59,8 +59,8 @@ private:
 struct WatchedSets {
     SelectSets sets;
     int max_fd;
-    bool has_unselected;      // Some watcher is in no set, so select() doesn't notice its closing.
-    Stale stale{true};        // Set by whoever changes the list.
+    bool has_unselected;  // Some watcher is in no set, so select() doesn't notice its closing.
+    Stale stale{true};    // Set by whoever changes the list.
 };
 
 // The first timer as the loop has last seen it, so that a pass with nothing due takes no lock. The
