@@ -295,7 +295,8 @@ typedef void (*signal_handler_t)(int signal, siginfo_t* info, void* arg);
  * Of signals that come faster than a loop takes them it keeps about 500; beyond that, as the kernel
  * does for a blocked signal, one of each number, the first, which may run before earlier others.
  * Failure: ENOMEM; EINVAL for a number outside 1 to 31; that of sigaction(), should the system
- * refuse it. SIGKILL and SIGSTOP can't be caught: the watcher stays and never runs, errno is EINVAL.
+ * refuse it. SIGKILL and SIGSTOP can't be caught: their watcher stays and never runs, with errno
+ * EINVAL.
  * Threads: any; on another thread than the loop's it waits for running handlers.
  */
 void event_signal_add_mc(event_loop_ctx_tp el_ctx, signal_handler_t handler, void* arg, int signal);
