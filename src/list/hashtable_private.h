@@ -32,8 +32,14 @@ void for_each(hashtable_t* ht, Visit visit) {
         &visit);
 }
 
+// text_of() says where a record has its text.
+template <class Record, const char* (*text_of)(const Record*)>
+bool has_text(const Record* entry, unsigned int hash, const char* text) {
+    return entry->list.hash == hash && strcmp(text_of(entry), text) == 0;
+}
+
 // Shows visit() the entries whose text equals `text`, oldest first, until it returns false. It may
-// unlink the entry. text_of() says where a record has its text.
+// unlink the entry.
 template <class Record, const char* (*text_of)(const Record*), class Visit>
 void for_each_match(hashtable_t* ht, const char* text, Visit visit) {
     const unsigned int hash = strhash(text);
@@ -41,8 +47,7 @@ void for_each_match(hashtable_t* ht, const char* text, Visit visit) {
     list_t* node;
     dll_foreach(node, bucket) {
         auto* entry = record_of<Record>(node);
-        if (entry->list.hash != hash || strcmp(text_of(entry), text) != 0) continue;
-        if (!visit(entry)) return;
+        if (has_text<Record, text_of>(entry, hash, text) && !visit(entry)) return;
     }
 }
 

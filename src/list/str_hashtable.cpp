@@ -13,12 +13,15 @@ const char* key_of(const string_hash_t* entry) { return entry->key; }
 
 string_hash_t* str_hashtable_get_entry(hashtable_t* ht, const char* key, int str_index) {
     if (ht == nullptr || key == nullptr || str_index < 0) return nullptr;
-    string_hash_t* found = nullptr;
-    for_each_match<string_hash_t, key_of>(ht, key, [&](string_hash_t* entry) {
-        if (str_index-- == 0) found = entry;
-        return found == nullptr;
-    });
-    return found;
+    // Not for_each_match(), since most calls are look-ups and its visitor goes through memory.
+    const unsigned int hash = strhash(key);
+    list_t* bucket = hashtable_get_bucket(ht, hash);
+    list_t* node;
+    dll_foreach(node, bucket) {
+        auto* entry = record_of<string_hash_t>(node);
+        if (has_text<string_hash_t, key_of>(entry, hash, key) && str_index-- == 0) return entry;
+    }
+    return nullptr;
 }
 
 // Ends an entry and hands out its value.
