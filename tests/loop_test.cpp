@@ -265,6 +265,18 @@ ISOLATED_TEST(Descriptors, OneIsInheritedOrLeftOpen) {
     unlink(name);
 }
 
+// As another thread may do just before select() looks.
+ISOLATED_TEST(Loop, DescriptorDeletedAndClosedMeanwhileEndsTheProcess) {
+    const Pipe pipe;
+    const int fd = dup(pipe.in);
+    event_fd_add(note_fd, arg("wrong"), fd, EVENT_FD_READ);
+    event_timer_add(note_timer, arg("t"), 5);
+    set_clock(1000);
+    const Step take_away = [fd] { event_fd_del(fd), close(fd); };
+    EXPECT_EQ(0, drive(nullptr, {take_away}).result);
+    EXPECT_EQ("t", trace);
+}
+
 TEST(Loop, SelectFailureGoesUnreportedOrSpins) {
     const std::string filled = strerror(EBADF) + ("(" + std::to_string(EBADF));
     for (const int log_off : {0, 1}) {

@@ -212,6 +212,10 @@ bool channel_start(event_loop_ctx_t& el_ctx) {
     forget_loops_of_parent_locked();
     if (!open_channel_locked(el_ctx)) return false;
     el_ctx.pending->clear();
+    // Who changes a list while the channel comes up may not have seen it, and so wakes nobody. The
+    // first look takes the lists' locks: what it misses comes later and does see the channel.
+    el_ctx.watched.stale.set();
+    el_ctx.first_timer.stale.set();
     el_ctx.in_loop = true;
     el_ctx.async_loop_started.store(1);
     el_ctx.eloopthread.store(pthread_self());

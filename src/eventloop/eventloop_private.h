@@ -41,7 +41,8 @@ struct SelectSets {
 };
 
 // Whether the loop's own copy of something needs to be made again. Set by others before they wake
-// the loop, which is what orders it: one that is seen late is seen in the next pass.
+// the loop, which is what orders it: one that is seen late is seen in the next pass. A start sets
+// it, since there may have been nobody to wake.
 class Stale {
 public:
     constexpr explicit Stale(bool stale) : stale_(stale) {}

@@ -74,7 +74,11 @@ bool iterate(event_loop_ctx_tp el_ctx, Milliseconds& ptime, bool ran) {
     follow_clock_jump(el_ctx, ntime, ptime);
     if (count >= 0) return event_handle_events(el_ctx, sets, count, ptime);
     if (error != EINTR) {
-        if (error == EBADF) exit_if_descriptor_closed(el_ctx);
+        if (error == EBADF) {
+            exit_if_descriptor_closed(el_ctx);
+            // Deleted and closed on another thread since the sets were copied.
+            if (el_ctx->watched.stale) return false;
+        }
         log_select_failure(error, __LINE__);
         exit(1);
     }

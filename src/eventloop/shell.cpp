@@ -1,5 +1,6 @@
 // Shell commands, and background tasks that run one at most once in a while.
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/sysinfo.h>
@@ -8,6 +9,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
 #include "eventloop/eventloop_private.h"
 
@@ -20,6 +22,9 @@ constexpr unsigned int kDefaultMaxFds = 1024;
 constexpr unsigned int kFirstClosedFd = 3;
 // The same number on every architecture; older headers lack it.
 constexpr long kCloseRange = 436;
+// An entry of getdents64() is two 64-bit words, its length in two bytes, a byte, and the name.
+constexpr unsigned int kEntryLength = 16;
+constexpr unsigned int kEntryName = 19;
 
 // The dispositions that a command needs, for as long as it runs. Whole records are put back, since
 // a watched signal needs its SA_SIGINFO.
@@ -66,10 +71,34 @@ unsigned int descriptor_bound() {
     return static_cast<unsigned int>(limit.rlim_max < kMost ? limit.rlim_max : kMost);
 }
 
+// Closes those that are open by their names in a directory of the kernel's. False if it can't be
+// read to its end. Calls of the C library for directories allocate, which this child must not.
+bool close_listed_descriptors(unsigned int max_fds) {
+    const int listing = open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (listing == -1) return false;
+    char entries[1024];
+    long size;
+    while ((size = syscall(SYS_getdents64, listing, entries, sizeof entries)) > 0) {
+        unsigned short length;
+        for (const char* entry = entries; entry < entries + size; entry += length) {
+            memcpy(&length, entry + kEntryLength, sizeof length);
+            unsigned int fd = 0;  // For "." and "..", too.
+            for (const char* digit = entry + kEntryName; *digit >= '0' && *digit <= '9'; ++digit) {
+                fd = fd * 10 + static_cast<unsigned int>(*digit - '0');
+            }
+            const bool ours = fd == static_cast<unsigned int>(listing);
+            if (fd >= kFirstClosedFd && fd < max_fds && !ours) (void)close(static_cast<int>(fd));
+        }
+    }
+    (void)close(listing);
+    return size == 0;
+}
+
 // With a hard limit of a million, a close() each costs about a second per command.
 void close_descriptors(unsigned int max_fds) {
     if (max_fds <= kFirstClosedFd) return;
     if (syscall(kCloseRange, kFirstClosedFd, max_fds - 1, 0U) == 0) return;
+    if (close_listed_descriptors(max_fds)) return;
     for (unsigned int fd = kFirstClosedFd; fd < max_fds; ++fd) (void)close(static_cast<int>(fd));
 }
 
