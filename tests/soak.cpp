@@ -357,6 +357,12 @@ void run_round(unsigned seed) {
         if (n) threads.emplace_back(run_context, n, seed + static_cast<unsigned>(n));
     }
     if (default_is_steady) check(event_loop_async_start() == 0, "the default loop starts");
+#ifdef __SANITIZE_THREAD__
+    // Its sigaction() reads and writes in two steps, between which a command's end would take the
+    // catcher of a first child away: 446 times of 20,000 in a program with these calls alone.
+    if (default_is_steady)
+        event_process_add(getpid(), nullptr, nullptr), event_process_del(getpid());
+#endif
     Timer running;
     arm(&running, kSteady);
     await([&] { return running.state == Timer::kFired; }, "a loop runs");
