@@ -105,6 +105,20 @@ int find_address(char* rep, unsigned int at, const Target& target) {
     return 0;
 }
 
+// The text of a name of `size` bytes, the zero at its end not counted. Behind its first length byte
+// a name is its text already, apart from the other length bytes, where the dots belong.
+char* text_of_name(const char* name, unsigned int size) {
+    auto* text = static_cast<char*>(malloc(size != 0 ? size : 1));
+    if (text == nullptr) return nullptr;
+    memcpy(text, name + 1, size);
+    if (size == 0) text[0] = '\0';
+    for (unsigned int dot = byte_at(name), length; dot + 1 < size; dot += 1 + length) {
+        length = byte_at(text + dot);
+        text[dot] = '.';
+    }
+    return text;
+}
+
 int parse_reply(char* rep, char** name, const Target& target) {
     dns_header_t& header = header_of(rep);
     header.transaction_id = ntohs(header.transaction_id);
@@ -114,7 +128,9 @@ int parse_reply(char* rep, char** name, const Target& target) {
     if ((header.f.raw & kReplyCodeMask) != 0) return -1;
     if (header.answer_count == 0) return 0;
     const unsigned int behind = skip_name(rep, kHeaderBytes, Pointers::kRefused);
-    if (name != nullptr) *name = behind != 0 ? name2string(rep + kHeaderBytes) : nullptr;
+    if (name != nullptr) {
+        *name = behind != 0 ? text_of_name(rep + kHeaderBytes, behind - kHeaderBytes - 1) : nullptr;
+    }
     if (behind == 0) return 0;
     return find_address(rep, behind + kQuestionTailBytes, target);
 }
@@ -143,20 +159,12 @@ int string2name(char* s, char* d) {
 }
 
 char* name2string(char* p) {
-    char text[kTextBytes];
-    unsigned int used = 0;
-    for (unsigned int length = byte_at(p); length != 0; length = byte_at(p)) {
-        if (used + length >= sizeof text) return nullptr;
-        memcpy(text + used, p + 1, length);
-        used += length;
-        text[used++] = '.';
-        p += 1 + length;
+    unsigned int size = 0;
+    for (unsigned int length; (length = byte_at(p + size)) != 0;) {
+        size += length + 1;
+        if (size > kTextBytes) return nullptr;
     }
-    if (used == 0) used = 1;  // The root has no dot to overwrite.
-    text[used - 1] = '\0';
-    auto* copy = static_cast<char*>(malloc(used));
-    if (copy != nullptr) memcpy(copy, text, used);
-    return copy;
+    return text_of_name(p, size);
 }
 
 int dns_build_request(char* req, char* name, int type, int clss, int trans) {
