@@ -345,19 +345,41 @@ void add_hash(size_t length) {
 #endif
 }
 
+// The tree's insertion and removal step by step, as its header tells them: every climb goes to the
+// root, and a removal that also wants to know the entry searches twice.
+struct PlainTree {
+    BinaryTree* tree = BT_create(compare);
+    void insert(void* key, void* data) {
+        int comparison;
+        BinaryTreeNode* parent = findinsertionpoint(tree, key, &comparison);
+        if (parent == nullptr) return (void)BT_insert(tree, key, data);
+        if (comparison == 0) return;
+        (comparison < 0 ? parent->left : parent->right) = createnode(parent, key, data);
+        balanceup(tree, parent);
+        tree->itemcount++;
+    }
+    void remove(void* key) {
+        int comparison;
+        BinaryTreeNode* node = findinsertionpoint(tree, key, &comparison);
+        if (node == nullptr || comparison != 0) return;
+        for (BinaryTreeNode* below; (below = findreplacement(node)) != node; node = below) {
+            swapnodes(node, below);
+        }
+        DeleteLeafNode(tree, node);
+    }
+};
+
 // What the tracker does for a pair of calls, and a dump, written without a thought: records in a
 // tree, two searches for a removal, a search for each block and tree of a dump.
 struct PlainTracker {
-    BinaryTree* live = BT_create(compare);
+    PlainTree records;
+    BinaryTree* const live = records.tree;
     BinaryTree* ignored = BT_create(compare);
     BinaryTree* old = nullptr;
-    void add(void* block) {
-        void* record = calloc(1, 32);
-        BT_insert(live, block, record);
-    }
+    void add(void* block) { records.insert(block, calloc(1, 32)); }
     void remove(void* block) {
         void* record = BT_find(live, block);
-        BT_remove(live, block);
+        records.remove(block);
         free(record);
     }
     void dump() {
@@ -378,9 +400,6 @@ struct PlainTracker {
             BT_delete(old);
         }
         old = latest;
-    }
-    void clear() {
-        while (live->root != nullptr) remove(live->root->key);
     }
 };
 
