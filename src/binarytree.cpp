@@ -95,7 +95,7 @@ Node* find(const BinaryTree* tree, void* key) {
     return comparison == 0 ? node : nullptr;
 }
 
-[[gnu::always_inline]] inline Node* new_leaf(Node* parent, void* key, void* data) {
+Node* new_leaf(Node* parent, void* key, void* data) {
     auto* leaf = static_cast<Node*>(new_block(sizeof(Node)));
     if (leaf != nullptr) *leaf = {key, data, nullptr, nullptr, parent, 1};
     return leaf;
@@ -155,12 +155,6 @@ void swap(Node* a, Node* b) {
     b->data = kept.data;
 }
 
-Node* replacement_of(Node* node) {
-    if (node->right != nullptr) return outermost(node->right, kLeft);
-    if (node->left != nullptr) return outermost(node->left, kRight);
-    return node;
-}
-
 void delete_leaf(BinaryTree* tree, Node* leaf, Climb how) {
     if (leaf->parent == nullptr) {
         tree->root = nullptr;
@@ -175,12 +169,8 @@ void delete_leaf(BinaryTree* tree, Node* leaf, Climb how) {
 // The entry sinks to a leaf. It changes places with a neighbour each time, so the order of the
 // others stays.
 void delete_entry(BinaryTree* tree, Node* node) {
-    while (node->left != nullptr || node->right != nullptr) {
-        Node* below = replacement_of(node);
-        swap(node, below);
-        node = below;
-    }
-    delete_leaf(tree, node, Climb::kWhileHeightsChange);
+    for (Node* below; (below = replacement_of(node)) != node; node = below) swap(node, below);
+    remove_leaf(tree, node);
 }
 
 // What a snapshot has of an entry: a pair as it is handed out, or a slot of the array.
@@ -248,9 +238,7 @@ unsigned int slots_of(const BinaryTree* tree) {
 
 }  // namespace
 
-bool insert_at(BinaryTree* tree, Node* parent, int comparison, void* key, void* data) {
-    Node* leaf = new_leaf(parent, key, data);
-    if (leaf == nullptr) return false;
+void link_leaf(BinaryTree* tree, Node* parent, int comparison, Node* leaf) {
     if (parent == nullptr) {
         tree->root = leaf;
     } else {
@@ -258,7 +246,16 @@ bool insert_at(BinaryTree* tree, Node* parent, int comparison, void* key, void* 
         climb(tree, parent, Climb::kWhileHeightsChange);
     }
     ++tree->itemcount;
-    return true;
+}
+
+Node* replacement_of(Node* node) {
+    if (node->right != nullptr) return outermost(node->right, kLeft);
+    if (node->left != nullptr) return outermost(node->left, kRight);
+    return node;
+}
+
+void remove_leaf(BinaryTree* tree, Node* leaf) {
+    delete_leaf(tree, leaf, Climb::kWhileHeightsChange);
 }
 
 }  // namespace tessra
@@ -293,7 +290,10 @@ int BT_insert(BinaryTree* pThis, void* key, void* data) {
     int comparison;
     Node* parent = search(pThis, key, comparison);
     if (parent != nullptr && comparison == 0) return 0;
-    return insert_at(pThis, parent, comparison, key, data) ? 1 : -1;
+    Node* leaf = new_leaf(parent, key, data);
+    if (leaf == nullptr) return -1;
+    link_leaf(pThis, parent, comparison, leaf);
+    return 1;
 }
 
 void* BT_find(BinaryTree* pThis, void* tofind) { return data_of(find(pThis, tofind)); }

@@ -25,8 +25,15 @@ BinaryTreeNode* search_by(const BinaryTree* tree, void* key, int& comparison, Co
     return node;
 }
 
-// Inserts where such a search has ended without finding the key. False if memory is short.
-bool insert_at(BinaryTree* tree, BinaryTreeNode* parent, int comparison, void* key, void* data);
+// Makes a node the leaf of an entry where such a search has ended without finding its key. The rest
+// of the block behind it is the caller's.
+void link_leaf(BinaryTree* tree, BinaryTreeNode* parent, int comparison, BinaryTreeNode* leaf);
+
+// The node whose entry takes the place of that in `node`, which leaves; `node` if it is a leaf.
+BinaryTreeNode* replacement_of(BinaryTreeNode* node);
+
+// Unlinks and frees a leaf whose entry has left.
+void remove_leaf(BinaryTree* tree, BinaryTreeNode* leaf);
 
 }  // namespace tessra
 

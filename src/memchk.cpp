@@ -26,8 +26,15 @@ struct _allocation {
     unsigned int line;
     unsigned int count;  // Of the report group that this record stands for, or kExcused.
 };
-static_assert(sizeof(void*) != 4 || sizeof(_allocation) == 20, "the header tells the cost");
-static_assert(sizeof(void*) != 4 || sizeof(BinaryTreeNode) == 24, "the header tells the cost");
+
+// A node of allocation_tree and, behind it, the record that is its data: a block of the heap.
+struct Live {
+    BinaryTreeNode node;
+    _allocation record;
+};
+static_assert(sizeof(void*) != 4 || sizeof(Live) == 44, "the header tells the cost");
+
+Live* live_of(BinaryTreeNode* node) { return reinterpret_cast<Live*>(node); }
 
 // The addresses of all blocks that were live at one time, highest first; a block of the heap.
 struct Snapshot {
@@ -211,25 +218,27 @@ int p_compare(uintptr_t a, uintptr_t b) { return compare(a, b); }
 
 void add_allocation(void* pointer, const char* file, unsigned int line, unsigned int size) {
     if (allocation_tree == nullptr) allocation_tree = new_tree();
-    auto* record = static_cast<_allocation*>(new_block(sizeof(_allocation)));
-    if (record == nullptr) return;  // errno tells.
-    *record = {pointer, size, file, line, 0};
-    int comparison = 0;
-    BinaryTreeNode* parent = nullptr;
-    if (allocation_tree != nullptr) parent = find_allocation(pointer, comparison);
-    const bool known = parent != nullptr && comparison == 0;
-    const bool entered = allocation_tree != nullptr && !known &&
-                         insert_at(allocation_tree, parent, comparison, pointer, record);
-    if (!entered) free(record);
+    if (allocation_tree == nullptr) return;  // errno tells.
+    int comparison;
+    BinaryTreeNode* parent = find_allocation(pointer, comparison);
+    if (parent != nullptr && comparison == 0) return;
+    auto* live = static_cast<Live*>(new_block(sizeof(Live)));
+    if (live == nullptr) return;
+    *live = {{pointer, &live->record, nullptr, nullptr, parent, 1}, {pointer, size, file, line, 0}};
+    link_leaf(allocation_tree, parent, comparison, &live->node);
 }
 
+// The tree's own removal exchanges what the nodes hold, but here each keeps the record behind it.
 void remove_allocation(void* pointer) {
     if (allocation_tree == nullptr) return;
     int comparison;
     BinaryTreeNode* node = find_allocation(pointer, comparison);
     if (node == nullptr || comparison != 0) return;
-    free(node->data);
-    BT_deletenode(allocation_tree, node);
+    for (BinaryTreeNode* below; (below = replacement_of(node)) != node; node = below) {
+        node->key = below->key;
+        live_of(node)->record = live_of(below)->record;
+    }
+    remove_leaf(allocation_tree, node);
 }
 
 void* memchk_calloc(unsigned int size, unsigned int count, const char* file, unsigned int line) {

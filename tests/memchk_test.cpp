@@ -118,8 +118,8 @@ ISOLATED_TEST(Memchk, Wrappers) {
     dump();
     memchk_free(nullptr, names[0], 1);
     memchk_free(malloc(1), names[0], 1);  // Nothing is tracked yet.
-    // Without the block a wrapper returns NULL; without tree, record or node the block, untracked.
-    for (int n : {1, 2, 3, 3}) {
+    // Without the block a wrapper returns NULL; without tree or node the block, untracked.
+    for (int n : {1, 2, 3, 2}) {
         fail_allocation = n, errno = 0;
         void* block = memchk_calloc(1, 1, names[0], 1);
         fail_allocation = 0;

@@ -38,9 +38,9 @@
  * A block handed to plain free() or realloc() counts as alive, also when its address comes back
  * from another site: give it back with memchk_free(), and don't resize it.
  *
- * Cost. A wrapper's allocation and its memchk_free() take, besides their own, two more pairs of
+ * Cost. A wrapper's allocation and its memchk_free() take, besides their own, one more pair of
  * malloc() and free(), and two ways down and up a balanced tree of all live blocks, of about log2
- * of their number steps each. With 32-bit pointers a live block takes 44 bytes in two blocks of the
+ * of their number steps each. With 32-bit pointers a live block takes 44 bytes in one block of the
  * allocator, 4 more if the latest dump found it, and again 4 if the first one did, in one block per
  * dump; a dump takes 4 per live block and a little per call site while it runs. The records go with
  * their block, what dumps remember stays until the process ends.
