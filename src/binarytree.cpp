@@ -40,9 +40,9 @@ using Side = Node* Node::*;
 constexpr Side kLeft = &Node::left;
 constexpr Side kRight = &Node::right;
 
-// The link that leads down to `node`, which isn't the root.
-Node*& link_from_parent(Node* node) {
-    return node->parent->left == node ? node->parent->left : node->parent->right;
+// The link that leads down to `node` from its parent `above`.
+Node*& link_to(const Node* node, Node* above) {
+    return above->left == node ? above->left : above->right;
 }
 
 int height_of(const Node* node) { return node != nullptr ? static_cast<int>(node->height) : 0; }
@@ -57,7 +57,8 @@ void update_height(Node* node) {
 
 void* data_of(const Node* node) { return node != nullptr ? node->data : nullptr; }
 
-Node* outermost(Node* node, Side side) {
+// In place, so that the side is no variable: -Os would make a call of it on the way of a removal.
+[[gnu::always_inline]] inline Node* outermost(Node* node, Side side) {
     if (node == nullptr) return nullptr;
     while (node->*side != nullptr) node = node->*side;
     return node;
@@ -95,7 +96,7 @@ Node* find(const BinaryTree* tree, void* key) {
     return comparison == 0 ? node : nullptr;
 }
 
-Node* new_leaf(Node* parent, void* key, void* data) {
+[[gnu::always_inline]] inline Node* new_leaf(Node* parent, void* key, void* data) {
     auto* leaf = static_cast<Node*>(new_block(sizeof(Node)));
     if (leaf != nullptr) *leaf = {key, data, nullptr, nullptr, parent, 1};
     return leaf;
@@ -103,8 +104,9 @@ Node* new_leaf(Node* parent, void* key, void* data) {
 
 Node* rotate(Node* node, Side down, Side up) {
     Node* top = node->*up;
-    if (node->parent != nullptr) link_from_parent(node) = top;
-    top->parent = node->parent;
+    Node* above = node->parent;
+    if (above != nullptr) link_to(node, above) = top;
+    top->parent = above;
     node->*up = top->*down;
     if (node->*up != nullptr) (node->*up)->parent = node;
     top->*down = node;
@@ -114,9 +116,10 @@ Node* rotate(Node* node, Side down, Side up) {
     return top;
 }
 
-// Raises the side `up`, too high by one, and first its own inner side if it leans `inwards`.
-Node* raise(Node* node, Side down, Side up, int inwards) {
-    if (lean_of(node->*up) * inwards > 0) (void)rotate(node->*up, up, down);
+// Raises the side `up`, too high by one, and first that side's own inner side if it is the higher.
+Node* raise(Node* node, Side down, Side up) {
+    Node* high = node->*up;
+    if (height_of(high->*down) > height_of(high->*up)) (void)rotate(high, up, down);
     return rotate(node, down, up);
 }
 
@@ -126,7 +129,7 @@ inline Node* balance(Node* node) {
     const int right = height_of(node->right);
     const int lean = right - left;
     if (static_cast<unsigned int>(lean + 1) > 2) {
-        return lean < 0 ? raise(node, kRight, kLeft, 1) : raise(node, kLeft, kRight, -1);
+        return lean < 0 ? raise(node, kRight, kLeft) : raise(node, kLeft, kRight);
     }
     node->height = 1 + static_cast<unsigned int>(lean < 0 ? left : right);
     return node;
@@ -155,12 +158,20 @@ void swap(Node* a, Node* b) {
     b->data = kept.data;
 }
 
+// Where an entry sinks to from `node`; null from a leaf.
+[[gnu::always_inline]] inline Node* next_below(Node* node) {
+    if (node->right != nullptr) return outermost(node->right, kLeft);
+    if (node->left != nullptr) return outermost(node->left, kRight);
+    return nullptr;
+}
+
 void delete_leaf(BinaryTree* tree, Node* leaf, Climb how) {
-    if (leaf->parent == nullptr) {
+    Node* above = leaf->parent;
+    if (above == nullptr) {
         tree->root = nullptr;
     } else {
-        link_from_parent(leaf) = nullptr;
-        climb(tree, leaf->parent, how);
+        link_to(leaf, above) = nullptr;
+        climb(tree, above, how);
     }
     free(leaf);
     --tree->itemcount;
@@ -169,7 +180,7 @@ void delete_leaf(BinaryTree* tree, Node* leaf, Climb how) {
 // The entry sinks to a leaf. It changes places with a neighbour each time, so the order of the
 // others stays.
 void delete_entry(BinaryTree* tree, Node* node) {
-    for (Node* below; (below = replacement_of(node)) != node; node = below) swap(node, below);
+    for (Node* below; (below = next_below(node)) != nullptr; node = below) swap(node, below);
     remove_leaf(tree, node);
 }
 
@@ -248,11 +259,7 @@ void link_leaf(BinaryTree* tree, Node* parent, int comparison, Node* leaf) {
     ++tree->itemcount;
 }
 
-Node* replacement_of(Node* node) {
-    if (node->right != nullptr) return outermost(node->right, kLeft);
-    if (node->left != nullptr) return outermost(node->left, kRight);
-    return node;
-}
+Node* replacement_of(Node* node) { return next_below(node); }
 
 void remove_leaf(BinaryTree* tree, Node* leaf) {
     delete_leaf(tree, leaf, Climb::kWhileHeightsChange);
@@ -278,7 +285,7 @@ void BT_delete(BinaryTree* todelete) {
             continue;
         }
         Node* above = node->parent;
-        if (above != nullptr) link_from_parent(node) = nullptr;
+        if (above != nullptr) link_to(node, above) = nullptr;
         free(node);
         node = above;
     }
@@ -289,7 +296,7 @@ int BT_insert(BinaryTree* pThis, void* key, void* data) {
     if (pThis == nullptr) return 0;
     int comparison;
     Node* parent = search(pThis, key, comparison);
-    if (parent != nullptr && comparison == 0) return 0;
+    if (comparison == 0 && parent != nullptr) return 0;
     Node* leaf = new_leaf(parent, key, data);
     if (leaf == nullptr) return -1;
     link_leaf(pThis, parent, comparison, leaf);
@@ -391,7 +398,8 @@ void balanceup(BinaryTree* tree, BinaryTreeNode* fromnode) {
 void swapnodes(BinaryTreeNode* nodea, BinaryTreeNode* nodeb) { swap(nodea, nodeb); }
 
 BinaryTreeNode* findreplacement(BinaryTreeNode* ofnode) {
-    return ofnode != nullptr ? replacement_of(ofnode) : nullptr;
+    Node* below = ofnode != nullptr ? replacement_of(ofnode) : nullptr;
+    return below != nullptr ? below : ofnode;
 }
 
 void DeleteLeafNode(BinaryTree* intree, BinaryTreeNode* todelete) {

@@ -29,7 +29,7 @@ BinaryTreeNode* search_by(const BinaryTree* tree, void* key, int& comparison, Co
 // of the block behind it is the caller's.
 void link_leaf(BinaryTree* tree, BinaryTreeNode* parent, int comparison, BinaryTreeNode* leaf);
 
-// The node whose entry takes the place of that in `node`, which leaves; `node` if it is a leaf.
+// The node whose entry takes the place of that in `node`, which leaves; null for a leaf.
 BinaryTreeNode* replacement_of(BinaryTreeNode* node);
 
 // Unlinks and frees a leaf whose entry has left.

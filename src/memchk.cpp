@@ -234,7 +234,7 @@ void remove_allocation(void* pointer) {
     int comparison;
     BinaryTreeNode* node = find_allocation(pointer, comparison);
     if (node == nullptr || comparison != 0) return;
-    for (BinaryTreeNode* below; (below = replacement_of(node)) != node; node = below) {
+    for (BinaryTreeNode* below; (below = replacement_of(node)) != nullptr; node = below) {
         node->key = below->key;
         live_of(node)->record = live_of(below)->record;
     }
