@@ -1,9 +1,12 @@
 // Descriptor watchers: who is called, and what survives the handlers' deletions and nested passes.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <random>
+#include <span>
 
 #include "support/harness.h"
 
@@ -80,9 +83,9 @@ TEST(Descriptors, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
         {'A', "A!", "B", "AbcdCD"},  // The successor deletes itself there.
         {'A', "B!", "CD", "Aa"},         {'A', "!B!", "C", "AabdadD"},
     };
-    for (const auto& row : rows) {
+    const auto run = [](const auto& row, int idle_ones) {
         SCOPED_TRACE(std::string() + row.actor + " " + row.outer + " " + row.inner);
-        run_isolated([&row] {
+        run_isolated([&row, idle_ones] {
             static Script script;
             static int fds[4];
             script = {row.actor, row.outer, row.inner, [](char action) {
@@ -95,8 +98,11 @@ TEST(Descriptors, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
                               close(fds[action - 'A']);
                           }
                       }};
+            for (int n = 4; n-- > 0;) fds[n] = ready_descriptor();
             for (int& fd : fds) {
-                fd = ready_descriptor();
+                for (int n = idle_ones; n-- > 0;) {
+                    event_fd_add(note_fd, arg("?"), ready_descriptor(), EVENT_FD_EXCEPT);
+                }
                 event_fd_add(
                     [](int, void* at) {
                         script.called(static_cast<char>('A' + (static_cast<int*>(at) - fds)));
@@ -107,6 +113,73 @@ TEST(Descriptors, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
             EXPECT_EQ(0, et_event_loop());
             EXPECT_EQ(row.called, trace);
         });
+    };
+    // Between so many idle ones, those that are ready are looked up.
+    for (const auto& row : rows) run(row, 0), run(row, 10);
+}
+
+// Any few or many ready ones among so many that these are looked up, unless two share a descriptor
+// or there is no memory for that.
+ISOLATED_TEST(Descriptors, CrowdIsCalledInAnotherOrderOrNotAtAll) {
+    static std::mt19937 random;
+    static struct Watcher { int fd, type, answer; } watchers[80];
+    static size_t count;
+    int fds[80];
+    for (int& fd : fds) fd = ready_descriptor();
+    fakes.on_select = [](int, fd_set* rset, fd_set* wset, fd_set* eset, timeval*) {
+        fd_set* const sets[] = {rset, wset, eset};
+        int bits = 0;
+        for (fd_set* set : sets) FD_ZERO(set);
+        for (const Watcher& watcher : std::span(watchers, count)) {
+            for (int n = 0; n < 3; n++) {
+                if (!(watcher.answer >> n & 1) || FD_ISSET(watcher.fd, sets[n])) continue;
+                FD_SET(watcher.fd, sets[n]), bits++;
+            }
+        }
+        return bits;
+    };
+    for (int seed = 0; seed < 300; seed++) {
+        random.seed(static_cast<unsigned>(seed));
+        std::shuffle(std::begin(fds), std::end(fds), random);
+        count = 30 + random() % 50;
+        const size_t idle_for_one = 1 + random() % 20;
+        std::string expected;
+        trace = "";
+        for (size_t n = 0; n < count; n++) {
+            const int type = static_cast<int>(random() % 8);
+            watchers[n] = {fds[n], type, random() % idle_for_one == 0 ? type : 0};
+            if (n == 20 && seed % 3 == 0) watchers[n] = {fds[10], type, type};
+        }
+        static const auto is_ready = [](const Watcher& watcher) {
+            int answers = 0;
+            for (const Watcher& other : std::span(watchers, count)) {
+                if (other.fd == watcher.fd) answers |= other.answer;
+            }
+            return (watcher.type & answers) != 0;
+        };
+        for (Watcher& watcher : std::span(watchers, count)) {
+            static const auto name = [](const Watcher* at) {
+                return static_cast<char>(' ' + (at - watchers));
+            };
+            event_fd_add([](int, void* at) { trace += name(static_cast<Watcher*>(at)); }, &watcher,
+                         watcher.fd, watcher.type);
+            if (is_ready(watcher)) expected += name(&watcher);
+        }
+        // Afterwards none holds one back from being deleted.
+        Step end = [] { cancel_loop(); };
+        Step renew = [&end] {
+            for (const Watcher& watcher : std::span(watchers, count)) {
+                event_fd_del(watcher.fd);
+                event_fd_add(note_fd, arg("!"), watcher.fd, watcher.type);
+                event_fd_del(watcher.fd);
+            }
+            event_timer_add(run_timer, &end, 0);
+        };
+        event_timer_add(run_timer, &renew, 0);
+        fail_allocation = seed % 5 == 0;
+        EXPECT_EQ(0, et_event_loop());
+        fail_allocation = 0;
+        EXPECT_EQ(expected, trace) << seed;
     }
 }
 

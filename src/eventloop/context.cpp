@@ -38,7 +38,7 @@ constinit event_loop_ctx_t default_el_ctx = {
     .processlist_mutex = RECURSIVE_MUTEX_INITIALIZER,
     .do_events_reentrance = 0,
     .in_loop = false,
-    .watched = {.sets = {}, .max_fd = kNoFd, .has_unselected = false},
+    .watched = {.sets = {}, .max_fd = kNoFd, .has_unselected = false, .by_fd = nullptr},
     .pending = &default_pending,
     .pending_turn = false,
     .first_timer = {},
@@ -90,7 +90,7 @@ long long unsigned int event_get_time(void) {
     timespec now = {};
     (void)clock_gettime(CLOCK_MONOTONIC_RAW, &now);
     return static_cast<Milliseconds>(now.tv_sec) * 1000 +
-           static_cast<Milliseconds>(now.tv_nsec) / 1000000;
+           static_cast<uint32_t>(now.tv_nsec) / 1000000;
 }
 
 time_t event_get_time_sec(void) {

@@ -4,8 +4,12 @@
 // watched descriptor that has been closed by itself, with EBADF, but only one that was open when it
 // was put in: the kernel ignores numbers beyond its table. So a rebuild tests every descriptor, and
 // a watcher without conditions, which is in no set, is tested before every wait.
+//
+// A rebuild also notes who watches each descriptor if there are many, so that a pass doesn't visit
+// all for the sake of a few that are ready.
 
 #include <fcntl.h>
+#include <limits.h>
 
 #include "eventloop/eventloop_private.h"
 #include "eventloop/watch_list.h"
@@ -16,6 +20,17 @@ namespace tessra {
 namespace {
 
 constexpr int kAllConditions = EVENT_FD_READ | EVENT_FD_WRITE | EVENT_FD_EXCEPT;
+
+// Up to here visits cost no more than the look at the table, and more sorting than they save.
+constexpr unsigned int kFewWatchers = 32;
+constexpr int kFewReady = 4;
+
+// A word of an fd_set, whose bits every Linux has in this order.
+using Word = unsigned long;
+constexpr unsigned int kWordBits = CHAR_BIT * sizeof(Word);
+Word word_of(const fd_set& set, unsigned int word) {
+    return reinterpret_cast<const Word*>(&set)[word];
+}
 
 // A watched descriptor that is closed is a fault of the program that can't be waited out: whatever
 // it is reused for would be taken for the old one. The process ends, without a word.
@@ -34,9 +49,31 @@ void test_descriptors_locked(event_loop_ctx_tp el_ctx, bool unselected_only) {
     }
 }
 
+void drop_table(WatchedSets& watched) {
+    free(watched.by_fd);
+    watched.by_fd = nullptr;
+}
+
+void make_table_locked(event_loop_ctx_tp el_ctx) {
+    WatchedSets& watched = el_ctx->watched;
+    const ErrnoKeeper keep_errno;
+    // For each bit of the words that first_ready() looks at.
+    watched.by_fd = new_records<event_fd_t*>(static_cast<unsigned int>(watched.max_fd) + kWordBits);
+    if (watched.by_fd == nullptr) return;
+    list_t* node;
+    dll_foreach(node, &el_ctx->fd_queue) {
+        auto* watcher = entry_of<event_fd_t>(node);
+        if (watcher->to_be_deleted) continue;
+        if (watched.by_fd[watcher->fd] != nullptr) return drop_table(watched);
+        watched.by_fd[watcher->fd] = watcher;
+    }
+}
+
 void rebuild_sets_locked(event_loop_ctx_tp el_ctx) {
     test_descriptors_locked(el_ctx, false);
     WatchedSets& watched = el_ctx->watched;
+    drop_table(watched);
+    unsigned int position = 0;
     FD_ZERO(&watched.sets.read);
     FD_ZERO(&watched.sets.write);
     FD_ZERO(&watched.sets.except);
@@ -44,7 +81,8 @@ void rebuild_sets_locked(event_loop_ctx_tp el_ctx) {
     watched.has_unselected = false;
     list_t* node;
     dll_foreach(node, &el_ctx->fd_queue) {
-        const auto* watcher = entry_of<event_fd_t>(node);
+        auto* watcher = entry_of<event_fd_t>(node);
+        watcher->position = position++;
         if (watcher->to_be_deleted) continue;
         if (watcher->type & EVENT_FD_READ) insert_fd(watcher->fd, watched.sets.read);
         if (watcher->type & EVENT_FD_WRITE) insert_fd(watcher->fd, watched.sets.write);
@@ -52,7 +90,27 @@ void rebuild_sets_locked(event_loop_ctx_tp el_ctx) {
         if ((watcher->type & kAllConditions) == 0) watched.has_unselected = true;
         if (watcher->fd > watched.max_fd) watched.max_fd = watcher->fd;
     }
+    if (position > kFewWatchers) make_table_locked(el_ctx);
     watched.stale.clear();
+}
+
+// The first of the noted watchers at `node` or behind it whose descriptor is ready, or the head.
+list_t* first_ready(event_loop_ctx_tp el_ctx, const SelectSets& ready, list_t* node) {
+    const WatchedSets& watched = el_ctx->watched;
+    event_fd_t* first = nullptr;
+    const auto max_fd = static_cast<unsigned int>(watched.max_fd);
+    for (unsigned int word = 0; word <= max_fd / kWordBits; ++word) {
+        Word bits =
+            word_of(ready.read, word) | word_of(ready.write, word) | word_of(ready.except, word);
+        for (; bits != 0; bits &= bits - 1) {
+            const auto bit = static_cast<unsigned int>(__builtin_ctzl(bits));
+            event_fd_t* watcher = watched.by_fd[word * kWordBits + bit];
+            if (watcher == nullptr) continue;  // The channel.
+            if (watcher->position < entry_of<event_fd_t>(node)->position) continue;
+            if (first == nullptr || watcher->position < first->position) first = watcher;
+        }
+    }
+    return first != nullptr ? &first->list : &el_ctx->fd_queue;
 }
 
 bool is_ready(const event_fd_t* watcher, const SelectSets& ready) {
@@ -84,19 +142,28 @@ void exit_if_descriptor_closed(event_loop_ctx_tp el_ctx) {
     test_descriptors_locked(el_ctx, false);
 }
 
-// The descriptor phase. `ready` stays as select() returned it, whatever handlers do.
-void run_ready_descriptors_locked(event_loop_ctx_tp el_ctx, const SelectSets& ready) {
+// The descriptor phase. `ready` stays as select() returned it, whatever handlers do. Once one has
+// changed the list, the rest of it is walked, unless a nested pass has made the table anew.
+void run_ready_descriptors_locked(event_loop_ctx_tp el_ctx, const SelectSets& ready,
+                                  int ready_count) {
+    const WatchedSets& watched = el_ctx->watched;
     pinned_walk<event_fd_t, CountedPins>(
-        el_ctx->fd_queue, [&ready](const event_fd_t* watcher) { return is_ready(watcher, ready); },
+        el_ctx->fd_queue, [&](const event_fd_t* watcher) { return is_ready(watcher, ready); },
         [](const event_fd_t* watcher) {
             watcher->handler(watcher->fd, watcher->arg);
             return true;
+        },
+        [&](list_t* node) {
+            const bool known =
+                watched.by_fd != nullptr && !watched.stale && ready_count <= kFewReady;
+            return known && node != &el_ctx->fd_queue ? first_ready(el_ctx, ready, node) : node;
         });
 }
 
 void event_fd_free(event_loop_ctx_tp el_ctx) {
     const RecursiveLock lock(el_ctx->eventlists_mutex);
     free_all<event_fd_t>(el_ctx->fd_queue);
+    drop_table(el_ctx->watched);
     el_ctx->watched.stale.set();
 }
 
@@ -111,7 +178,7 @@ void event_fd_add_mc(event_loop_ctx_tp el_ctx, fd_handler_t handler, void* arg, 
     }
     auto* watcher = new_record<event_fd_t>();
     if (watcher == nullptr) return;
-    *watcher = {{}, handler, arg, fd, type, 0, 0};
+    *watcher = {{}, handler, arg, fd, type, 0, 0, 0};
     const ChangeLock lock(el_ctx, el_ctx->eventlists_mutex);
     list_add_tail(&el_ctx->fd_queue, &watcher->list);
     el_ctx->watched.stale.set();

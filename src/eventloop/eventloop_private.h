@@ -21,6 +21,7 @@
 namespace tessra {
 
 using Milliseconds = long long unsigned int;
+struct event_fd_t;
 
 inline const pthread_t kNoThread = (pthread_t)-1;
 constexpr int kNoFd = -1;
@@ -61,6 +62,7 @@ struct WatchedSets {
     SelectSets sets;
     int max_fd;
     bool has_unselected;  // Some watcher is in no set, so select() doesn't notice its closing.
+    event_fd_t** by_fd;   // Null while watchers are few, or two have one descriptor; on the heap.
     Stale stale{true};    // Set by whoever changes the list.
 };
 
@@ -133,6 +135,7 @@ struct event_fd_t {
     int type;
     int locked;
     int to_be_deleted;
+    unsigned int position;  // On the list when the sets were built.
 };
 
 struct event_signal_t {
@@ -189,7 +192,8 @@ void event_timer_free(event_loop_ctx_tp el_ctx);
 // descriptors.cpp
 int fill_select_sets(event_loop_ctx_tp el_ctx, SelectSets& sets);
 void exit_if_descriptor_closed(event_loop_ctx_tp el_ctx);
-void run_ready_descriptors_locked(event_loop_ctx_tp el_ctx, const SelectSets& ready);
+void run_ready_descriptors_locked(event_loop_ctx_tp el_ctx, const SelectSets& ready,
+                                  int ready_count);
 void event_fd_free(event_loop_ctx_tp el_ctx);
 
 // signals.cpp

@@ -42,7 +42,7 @@ bool run_ready_watchers(event_loop_ctx_tp el_ctx, const SelectSets& ready, int r
 
     const RecursiveLock lock(el_ctx->eventlists_mutex);
     // Marked watchers can't be waiting for this walk: it reaps within the pass what it marks.
-    if (has_descriptor) run_ready_descriptors_locked(el_ctx, ready);
+    if (has_descriptor) run_ready_descriptors_locked(el_ctx, ready, ready_count);
     const int signal = has_descriptor ? take_signal(el_ctx, has_message, info) : first_signal;
     if (signal != 0) run_signal_watchers_locked(el_ctx, signal, info);
     return true;

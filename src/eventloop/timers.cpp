@@ -17,13 +17,32 @@ namespace {
 // The distance from which the seconds of a timeout no longer fit 32 signed bits, and what is waited
 // for instead. The replacement counts milliseconds; the loop wakes, finds nothing due and waits on.
 constexpr int kUnfitUpperWord = 500;
-constexpr long long int kLongestWait = 2147483647;
+constexpr Milliseconds kLongestWait = 2147483647;
 static_assert((1LL << 32) * kUnfitUpperWord == 2147483648LL * 1000);
 
-long long int clamp_distance(long long int tdiff) {
+Milliseconds clamp_distance(long long int tdiff) {
     if (tdiff < 0) return 0;
     if (static_cast<int32_t>(tdiff >> 32) >= kUnfitUpperWord) return kLongestWait;
-    return tdiff;
+    return static_cast<Milliseconds>(tdiff);
+}
+
+// n / 1000. In 32 bits that is a function of its own, and in 64 a longer one.
+constexpr uint32_t thousandth(uint32_t n) {
+    return static_cast<uint32_t>(uint64_t{n} * 0x10624dd3 >> 38);
+}
+static_assert(thousandth(999) == 0 && thousandth(1000) == 1 && thousandth(4294966999) == 4294966 &&
+              thousandth(4294967000) == 4294967 && thousandth(UINT32_MAX) == 4294967);
+
+void set_timeval(timeval& to, Milliseconds wait) {
+    constexpr uint32_t kSecondsOfUpper = (1ULL << 32) / 1000;
+    constexpr uint32_t kRestOfUpper = (1ULL << 32) % 1000;
+    const auto upper = static_cast<uint32_t>(wait >> 32);
+    const auto lower = static_cast<uint32_t>(wait);
+    const uint32_t seconds = thousandth(lower);
+    const uint32_t rest = upper * kRestOfUpper + lower - seconds * 1000;
+    const uint32_t carry = thousandth(rest);
+    to.tv_sec = static_cast<decltype(to.tv_sec)>(upper * kSecondsOfUpper + seconds + carry);
+    to.tv_usec = static_cast<decltype(to.tv_usec)>((rest - carry * 1000) * 1000);
 }
 
 constexpr unsigned int kFewTimers = 32;  // Up to here a walk costs less than a table.
@@ -179,9 +198,7 @@ timeval* timer_timeout(event_loop_ctx_tp el_ctx, Milliseconds now, timeval& time
         see_first_locked(el_ctx);
     }
     if (!first.exists) return nullptr;
-    const long long int wait = clamp_distance(static_cast<long long int>(first.deadline - now));
-    timeout.tv_sec = static_cast<decltype(timeout.tv_sec)>(wait / 1000);
-    timeout.tv_usec = static_cast<decltype(timeout.tv_usec)>(wait % 1000 * 1000);
+    set_timeval(timeout, clamp_distance(static_cast<long long int>(first.deadline - now)));
     return &timeout;
 }
 

@@ -62,12 +62,17 @@ struct FlagPins {
     static void unpin(int& locked) { locked = 0; }
 };
 
+inline list_t* skip_none(list_t* node) { return node; }
+
 // Walks from the first entry until `visit` returns false or the head is reached. An entry that it
-// doesn't want runs no foreign code, so there the walk needs no pin to come back to.
-template <class Entry, class Pins, class Wants, class Visit>
-void pinned_walk(list_t& head, Wants wants, Visit visit) {
+// doesn't want runs no foreign code, so there the walk needs no pin to come back to, and `skip` may
+// take it from an entry to a later one, or the head, past such ones that aren't marked either.
+template <class Entry, class Pins, class Wants, class Visit, class Skip = list_t*(list_t*)>
+void pinned_walk(list_t& head, Wants wants, Visit visit, Skip skip = skip_none) {
     bool pinned = false;
-    for (list_t* node = head.next; node != &head;) {
+    for (list_t* node = head.next;;) {
+        if (!pinned) node = skip(node);
+        if (node == &head) return;
         Entry* entry = entry_of<Entry>(node);
         list_t* successor = node->next;
         if (pinned || Pins::kLeftBehind) Pins::unpin(entry->locked);
