@@ -168,17 +168,23 @@ char* name2string(char* p) {
 }
 
 int dns_build_request(char* req, char* name, int type, int clss, int trans) {
-    memset(req, 0, kRequestBytes);
     // Each dot turns into a length byte; the first label's and the zero at the end come on top.
-    if (strlen(name) + 2 > kRequestBytes - kHeaderBytes - kQuestionTailBytes) return 0;
-    dns_header_t& header = header_of(req);
-    header.transaction_id = htons(static_cast<unsigned short>(trans));
-    header.f.raw = htons(kRecursionDesired);
-    header.question_count = htons(1);
-    char* tail = req + kHeaderBytes + string2name(name, req + kHeaderBytes);
-    tail += write16(tail, static_cast<unsigned short>(type));
-    tail += write16(tail, static_cast<unsigned short>(clss));
-    return static_cast<int>(tail - req);
+    const bool fits = strlen(name) + 2 <= kRequestBytes - kHeaderBytes - kQuestionTailBytes;
+    char* tail = req;
+    if (fits) {
+        dns_header_t& header = header_of(req);
+        header = {};
+        header.transaction_id = htons(static_cast<unsigned short>(trans));
+        header.f.raw = htons(kRecursionDesired);
+        header.question_count = htons(1);
+        tail += kHeaderBytes;
+        tail += string2name(name, tail);
+        tail += write16(tail, static_cast<unsigned short>(type));
+        tail += write16(tail, static_cast<unsigned short>(clss));
+    }
+    const auto size = static_cast<unsigned int>(tail - req);
+    memset(tail, 0, kRequestBytes - size);
+    return static_cast<int>(size);
 }
 
 int dns_parse_reply(char* rep, char** name, struct in_addr* addr) {

@@ -79,7 +79,11 @@ TESSRA_WIDE uint32_t crc32_by_wide_clmul(uint32_t state, const uint8_t* p, size_
         for (size_t n = 0; n < 4; n++) x[n] = fold_pair(x[n], by_1024, load_pair(p + 32 * n));
     }
     for (size_t n = 1; n < 4; n++) x[n] = fold_pair(x[n - 1], by_256, x[n]);
-    return finish(join(x[3]), p, size);
+    const __m128i rest = join(x[3]);
+    // Not left to the compiler, which forgets it before a tail call: with the upper halves in use
+    // the caller's SSE code would be several times slower from here on.
+    _mm256_zeroupper();
+    return finish(rest, p, size);
 }
 
 TESSRA_CLMUL uint32_t crc32_by_clmul(uint32_t state, const uint8_t* p, size_t size) {
