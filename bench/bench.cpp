@@ -47,8 +47,8 @@ void mark(char kind, std::string& text) {
     if (kind == 'E') puts(text.c_str());
 }
 
-// Some peers leave the upper halves of the vector registers in use, and all SSE code that runs after
-// them pays for that.
+// Some peers leave the upper halves of the vector registers in use, for which all SSE code after
+// them pays.
 #if defined(__x86_64__)
 __attribute__((target("avx"))) void clear_upper_halves() {
     if (__builtin_cpu_supports("avx")) __builtin_ia32_vzeroupper();
