@@ -16,8 +16,7 @@ string_hash_t* str_hashtable_get_entry(hashtable_t* ht, const char* key, int str
     // Not for_each_match(), since most calls are look-ups and its visitor goes through memory.
     const unsigned int hash = strhash(key);
     list_t* bucket = hashtable_get_bucket(ht, hash);
-    list_t* node;
-    dll_foreach(node, bucket) {
+    for (list_t* node = bucket->next; node != bucket; node = node->next) {
         auto* entry = record_of<string_hash_t>(node);
         if (has_text<string_hash_t, key_of>(entry, hash, key) && str_index-- == 0) return entry;
     }
