@@ -344,6 +344,8 @@ int descriptors() {
 void run_round(unsigned seed) {
     alarm(kRoundSeconds);
     random_numbers.seed(seed);
+    int idle_fds[40];
+    for (int& fd : idle_fds) fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
     const int descriptors_before = descriptors();
     default_is_steady = seed % 2 == 0;
     std::vector<std::thread> threads;
@@ -354,6 +356,9 @@ void run_round(unsigned seed) {
                 n ? event_signal_add_mc(contexts[n], on_signal,
                                         reinterpret_cast<void*>(intptr_t{n}), signal)
                   : event_signal_add(on_signal, nullptr, signal);
+        // In every other round many are idle, so that those that are ready are looked up.
+        for (int idle = 0; n && seed % 4 < 2 && idle < 40; idle++)
+            event_fd_add_mc(contexts[n], on_byte, nullptr, idle_fds[idle], EVENT_FD_EXCEPT);
         if (n) threads.emplace_back(run_context, n, seed + static_cast<unsigned>(n));
     }
     if (default_is_steady) check(event_loop_async_start() == 0, "the default loop starts");
