@@ -228,7 +228,8 @@ void add_allocation(void* pointer, const char* file, unsigned int line, unsigned
     link_leaf(allocation_tree, parent, comparison, &live->node);
 }
 
-// The tree's own removal exchanges what the nodes hold, but here each keeps the record behind it.
+// As in the tree's own removal entries move between nodes. But a node's data stays the record behind
+// it, so its contents move.
 void remove_allocation(void* pointer) {
     if (allocation_tree == nullptr) return;
     int comparison;

@@ -203,6 +203,7 @@ static void test_building_blocks(void) {
     BinaryTreeNode *at_f = leftmost(tree), *at_t = tree->root, *at_x = rightmost(tree);
     CHECK(inordernext(at_f) == at_t && inorderprevious(at_x) == at_t);
     CHECK(findinsertionpoint(tree, "y", &side) == at_x && findreplacement(at_t) == at_x);
+    CHECK(findreplacement(at_x) == at_x);
     CHECK((at_x->right = createnode(at_x, "y", NULL)) && ++tree->itemcount == 4);
     recalculateheight(at_x);
     balanceup(tree, at_x);

@@ -52,15 +52,19 @@ bool upper_halves_in_use() {
     return (in_use & 1u << 2) != 0;
 }
 
+__attribute__((target("avx"))) void clear_upper_halves() { __builtin_ia32_vzeroupper(); }
+
 TEST(Crc32, TheKernelIsChosenWhereTheProcessorHasIt) {
     std::vector<uint8_t> bytes(256, 7);
     if (!tessra::cpu_has_clmul()) GTEST_SKIP() << "no carry-less multiplication here";
     EXPECT_EQ(crc_by_definition(0, bytes.data(), 256),
               ~tessra::crc32_by_clmul(0xffffffff, bytes.data(), 256));
     if (!tessra::cpu_has_wide_clmul()) GTEST_SKIP() << "none of twice the width";
+    clear_upper_halves();
+    const bool were_in_use = upper_halves_in_use();  // On some machines always.
     EXPECT_EQ(crc_by_definition(0, bytes.data(), 256),
               ~tessra::crc32_by_wide_clmul(0xffffffff, bytes.data(), 256));
-    EXPECT_FALSE(upper_halves_in_use());
+    EXPECT_EQ(were_in_use, upper_halves_in_use());
 }
 #endif
 

@@ -100,7 +100,7 @@ TEST(Descriptors, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
                       }};
             for (int n = 4; n-- > 0;) fds[n] = ready_descriptor();
             for (int& fd : fds) {
-                for (int n = idle_ones; n-- > 0;) {
+                for (int n = idle_ones > 0 || &fd == fds ? abs(idle_ones) : 0; n-- > 0;) {
                     event_fd_add(note_fd, arg("?"), ready_descriptor(), EVENT_FD_EXCEPT);
                 }
                 event_fd_add(
@@ -114,8 +114,8 @@ TEST(Descriptors, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
             EXPECT_EQ(row.called, trace);
         });
     };
-    // Between so many idle ones, those that are ready are looked up.
-    for (const auto& row : rows) run(row, 0), run(row, 10);
+    // Those that are ready among many are looked up: of 10 idle ones before each, 40 before all.
+    for (const auto& row : rows) run(row, 0), run(row, 10), run(row, -40);
 }
 
 // Any few or many ready ones among so many that these are looked up, unless two share a descriptor
@@ -126,6 +126,8 @@ ISOLATED_TEST(Descriptors, CrowdIsCalledInAnotherOrderOrNotAtAll) {
     static size_t count;
     int fds[80];
     for (int& fd : fds) fd = ready_descriptor();
+    trace.reserve(std::size(fds));
+    set_clock(1000);
     fakes.on_select = [](int, fd_set* rset, fd_set* wset, fd_set* eset, timeval*) {
         fd_set* const sets[] = {rset, wset, eset};
         int bits = 0;
@@ -173,6 +175,7 @@ ISOLATED_TEST(Descriptors, CrowdIsCalledInAnotherOrderOrNotAtAll) {
                 event_fd_add(note_fd, arg("!"), watcher.fd, watcher.type);
                 event_fd_del(watcher.fd);
             }
+            advance_clock(1);
             event_timer_add(run_timer, &end, 0);
         };
         event_timer_add(run_timer, &renew, 0);
@@ -181,6 +184,15 @@ ISOLATED_TEST(Descriptors, CrowdIsCalledInAnotherOrderOrNotAtAll) {
         fail_allocation = 0;
         EXPECT_EQ(expected, trace) << seed;
     }
+
+    const long blocks = fakes.blocks;
+    event_loop_ctx_tp own = event_mc_init();
+    Step end = [own] { cancel_loop_mc(own); };
+    for (const int fd : fds) event_fd_add_mc(own, note_fd, arg("!"), fd, EVENT_FD_EXCEPT);
+    event_timer_add_mc(own, run_timer, &end, 0);
+    EXPECT_EQ(0, et_event_loop_mc(own));
+    event_mc_free(own);
+    EXPECT_EQ(blocks, fakes.blocks);
 }
 
 TEST(Descriptors, ClosedOneGoesUnnoticed) {

@@ -21,7 +21,8 @@ namespace {
 
 constexpr int kAllConditions = EVENT_FD_READ | EVENT_FD_WRITE | EVENT_FD_EXCEPT;
 
-// Up to here visits cost no more than the look at the table, and more sorting than they save.
+// Up to so many watchers a visit of each costs no more than the table does; with more ready ones,
+// finding the next costs more than it saves.
 constexpr unsigned int kFewWatchers = 32;
 constexpr int kFewReady = 4;
 
@@ -156,7 +157,7 @@ void run_ready_descriptors_locked(event_loop_ctx_tp el_ctx, const SelectSets& re
         [&](list_t* node) {
             const bool known =
                 watched.by_fd != nullptr && !watched.stale && ready_count <= kFewReady;
-            return known && node != &el_ctx->fd_queue ? first_ready(el_ctx, ready, node) : node;
+            return known ? first_ready(el_ctx, ready, node) : node;
         });
 }
 

@@ -62,8 +62,9 @@ struct WatchedSets {
     SelectSets sets;
     int max_fd;
     bool has_unselected;  // Some watcher is in no set, so select() doesn't notice its closing.
-    event_fd_t** by_fd;   // Null while watchers are few, or two have one descriptor; on the heap.
-    Stale stale{true};    // Set by whoever changes the list.
+    event_fd_t**
+        by_fd;          // On the heap. Null if watchers are few, two are alike, or memory is short.
+    Stale stale{true};  // Set by whoever changes the list.
 };
 
 // The first timer as the loop has last seen it, so that a pass with nothing due takes no lock. The

@@ -26,21 +26,16 @@ Milliseconds clamp_distance(long long int tdiff) {
     return static_cast<Milliseconds>(tdiff);
 }
 
-// n / 1000. In 32 bits that is a function of its own, and in 64 a longer one.
-constexpr uint32_t thousandth(uint32_t n) {
-    return static_cast<uint32_t>(uint64_t{n} * 0x10624dd3 >> 38);
-}
-static_assert(thousandth(999) == 0 && thousandth(1000) == 1 && thousandth(4294966999) == 4294966 &&
-              thousandth(4294967000) == 4294967 && thousandth(UINT32_MAX) == 4294967);
-
+// For what clamp_distance() returns. In halves, since a division of 64 bits is a call on 32-bit
+// processors; and with one division each, since quotient and rest together are another.
 void set_timeval(timeval& to, Milliseconds wait) {
     constexpr uint32_t kSecondsOfUpper = (1ULL << 32) / 1000;
     constexpr uint32_t kRestOfUpper = (1ULL << 32) % 1000;
     const auto upper = static_cast<uint32_t>(wait >> 32);
     const auto lower = static_cast<uint32_t>(wait);
-    const uint32_t seconds = thousandth(lower);
+    const uint32_t seconds = lower / 1000;
     const uint32_t rest = upper * kRestOfUpper + lower - seconds * 1000;
-    const uint32_t carry = thousandth(rest);
+    const uint32_t carry = rest / 1000;
     to.tv_sec = static_cast<decltype(to.tv_sec)>(upper * kSecondsOfUpper + seconds + carry);
     to.tv_usec = static_cast<decltype(to.tv_usec)>((rest - carry * 1000) * 1000);
 }

@@ -66,12 +66,13 @@ inline list_t* skip_none(list_t* node) { return node; }
 
 // Walks from the first entry until `visit` returns false or the head is reached. An entry that it
 // doesn't want runs no foreign code, so there the walk needs no pin to come back to, and `skip` may
-// take it from an entry to a later one, or the head, past such ones that aren't marked either.
+// take it from an entry to a later one, or the head, past such ones. A marked one may be passed if
+// another walk has it pinned, which will free it.
 template <class Entry, class Pins, class Wants, class Visit, class Skip = list_t*(list_t*)>
 void pinned_walk(list_t& head, Wants wants, Visit visit, Skip skip = skip_none) {
     bool pinned = false;
     for (list_t* node = head.next;;) {
-        if (!pinned) node = skip(node);
+        if (!pinned && node != &head) node = skip(node);
         if (node == &head) return;
         Entry* entry = entry_of<Entry>(node);
         list_t* successor = node->next;
