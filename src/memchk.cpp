@@ -228,8 +228,8 @@ void add_allocation(void* pointer, const char* file, unsigned int line, unsigned
     link_leaf(allocation_tree, parent, comparison, &live->node);
 }
 
-// As in the tree's own removal entries move between nodes. But a node's data stays the record behind
-// it, so its contents move.
+// As in the tree's own removal entries move between nodes. But a node's data stays the record
+// behind it, so the contents of that move.
 void remove_allocation(void* pointer) {
     if (allocation_tree == nullptr) return;
     int comparison;

@@ -62,8 +62,8 @@ struct WatchedSets {
     SelectSets sets;
     int max_fd;
     bool has_unselected;  // Some watcher is in no set, so select() doesn't notice its closing.
-    event_fd_t**
-        by_fd;          // On the heap. Null if watchers are few, two are alike, or memory is short.
+    // On the heap. Null while watchers are few, if two have one descriptor, or if memory is short.
+    event_fd_t** by_fd;
     Stale stale{true};  // Set by whoever changes the list.
 };
 
