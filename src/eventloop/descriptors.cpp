@@ -59,14 +59,16 @@ void make_table_locked(event_loop_ctx_tp el_ctx) {
     WatchedSets& watched = el_ctx->watched;
     const ErrnoKeeper keep_errno;
     // For each bit of the words that first_ready() looks at.
-    watched.by_fd = new_records<event_fd_t*>(static_cast<unsigned int>(watched.max_fd) + kWordBits);
+    watched.by_fd =
+        new_records<WatchedSets::Slot>(static_cast<unsigned int>(watched.max_fd) + kWordBits);
     if (watched.by_fd == nullptr) return;
     list_t* node;
     dll_foreach(node, &el_ctx->fd_queue) {
         auto* watcher = entry_of<event_fd_t>(node);
         if (watcher->to_be_deleted) continue;
-        if (watched.by_fd[watcher->fd] != nullptr) return drop_table(watched);
-        watched.by_fd[watcher->fd] = watcher;
+        WatchedSets::Slot& slot = watched.by_fd[watcher->fd];
+        if (slot.watcher != nullptr) return drop_table(watched);
+        slot.watcher = watcher;
     }
 }
 
@@ -105,7 +107,7 @@ list_t* first_ready(event_loop_ctx_tp el_ctx, const SelectSets& ready, list_t* n
             word_of(ready.read, word) | word_of(ready.write, word) | word_of(ready.except, word);
         for (; bits != 0; bits &= bits - 1) {
             const auto bit = static_cast<unsigned int>(__builtin_ctzl(bits));
-            event_fd_t* watcher = watched.by_fd[word * kWordBits + bit];
+            event_fd_t* watcher = watched.by_fd[word * kWordBits + bit].watcher;
             if (watcher == nullptr) continue;  // The channel.
             if (watcher->position < entry_of<event_fd_t>(node)->position) continue;
             if (first == nullptr || watcher->position < first->position) first = watcher;

@@ -63,7 +63,9 @@ struct WatchedSets {
     int max_fd;
     bool has_unselected;  // Some watcher is in no set, so select() doesn't notice its closing.
     // On the heap. Null while watchers are few, if two have one descriptor, or if memory is short.
-    event_fd_t** by_fd;
+    struct Slot {
+        event_fd_t* watcher;
+    } * by_fd;
     Stale stale{true};  // Set by whoever changes the list.
 };
 

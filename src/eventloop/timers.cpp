@@ -36,8 +36,10 @@ void set_timeval(timeval& to, Milliseconds wait) {
     const uint32_t seconds = lower / 1000;
     const uint32_t rest = upper * kRestOfUpper + lower - seconds * 1000;
     const uint32_t carry = rest / 1000;
-    to.tv_sec = static_cast<decltype(to.tv_sec)>(upper * kSecondsOfUpper + seconds + carry);
-    to.tv_usec = static_cast<decltype(to.tv_usec)>((rest - carry * 1000) * 1000);
+    const uint32_t all_seconds = upper * kSecondsOfUpper + seconds + carry;
+    const uint32_t microseconds = (rest - carry * 1000) * 1000;
+    to.tv_sec = static_cast<decltype(to.tv_sec)>(all_seconds);
+    to.tv_usec = static_cast<decltype(to.tv_usec)>(microseconds);
 }
 
 constexpr unsigned int kFewTimers = 32;  // Up to here a walk costs less than a table.
