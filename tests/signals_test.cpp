@@ -137,7 +137,7 @@ void storm_over_a_full_channel() {
     };
     static const timer_handler_t next_round = [](void*) {
         if (round == kRounds) return cancel_loop();
-        event_fd_del(777);  // The first message, before the senders fill what is to be made smaller.
+        event_fd_del(777);  // The first message, before the senders fill what is to shrink.
         bursts = 0;
         round++;
         while (bursts < kSenders) std::this_thread::yield();
