@@ -59,14 +59,13 @@ void make_table_locked(event_loop_ctx_tp el_ctx) {
     WatchedSets& watched = el_ctx->watched;
     const ErrnoKeeper keep_errno;
     // For each bit of the words that first_ready() looks at.
-    watched.by_fd =
-        new_records<WatchedSets::Slot>(static_cast<unsigned int>(watched.max_fd) + kWordBits);
+    watched.by_fd = new_records<WatcherSlot>(static_cast<unsigned int>(watched.max_fd) + kWordBits);
     if (watched.by_fd == nullptr) return;
     list_t* node;
     dll_foreach(node, &el_ctx->fd_queue) {
         auto* watcher = entry_of<event_fd_t>(node);
         if (watcher->to_be_deleted) continue;
-        WatchedSets::Slot& slot = watched.by_fd[watcher->fd];
+        WatcherSlot& slot = watched.by_fd[watcher->fd];
         if (slot.watcher != nullptr) return drop_table(watched);
         slot.watcher = watcher;
     }

@@ -55,6 +55,11 @@ private:
     std::atomic<bool> stale_;
 };
 
+// Who watches a descriptor, if anybody does.
+struct WatcherSlot {
+    event_fd_t* watcher;
+};
+
 // The sets that the watchers ask for, kept until a watcher comes or goes: building them costs a
 // system call per descriptor. The channel is not in them. The loop's thread only, apart from
 // `stale`, so that it looks at them without a lock.
@@ -63,9 +68,7 @@ struct WatchedSets {
     int max_fd;
     bool has_unselected;  // Some watcher is in no set, so select() doesn't notice its closing.
     // On the heap. Null while watchers are few, if two have one descriptor, or if memory is short.
-    struct Slot {
-        event_fd_t* watcher;
-    } * by_fd;
+    WatcherSlot* by_fd;
     Stale stale{true};  // Set by whoever changes the list.
 };
 
