@@ -212,7 +212,15 @@ TEST(Descriptors, ClosedOneGoesUnnoticed) {
         first = [] { event_timer_add(run_timer, &last, 2); };
         event_timer_add(run_timer, &first, 1);
     };
+    // In the middle of a walk that goes on. A careless look at the sets takes -1 for 63, which is ready.
+    static const auto add_in_handler = [] {
+        static Step add = [] { event_fd_add(note_fd, arg("-1"), -1, EVENT_FD_READ); };
+        event_fd_add(run_fd, &add, dup2(ready_descriptor(), 63), EVENT_FD_READ);
+        event_fd_add([](int, void*) { atexit([] { puts(trace.c_str()); }); }, nullptr, 63,
+                     EVENT_FD_READ);
+    };
     const Step rows[] = {
+        [] { add_in_handler(); },
         [] { watch(EVENT_FD_EXCEPT), close(fd); },
         [] { watch(0), close(fd); },
         [] { event_fd_add(note_fd, nullptr, 901, EVENT_FD_READ); },
@@ -226,7 +234,7 @@ TEST(Descriptors, ClosedOneGoesUnnoticed) {
     for (const Step& row : rows) {
         const ChildEnd end = run_child([&row] { row(), et_event_loop(); });
         EXPECT_EQ(255, end.exit_code) << "row " << &row - rows;
-        EXPECT_EQ("", end.output);
+        EXPECT_EQ(&row == rows ? "\n" : "", end.output);
     }
 }
 

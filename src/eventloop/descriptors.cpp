@@ -115,7 +115,9 @@ list_t* first_ready(event_loop_ctx_tp el_ctx, const SelectSets& ready, list_t* n
     return first != nullptr ? &first->list : &el_ctx->fd_queue;
 }
 
+// A handler may have added a watcher of a number that is no descriptor; the next rebuild finds it.
 bool is_ready(const event_fd_t* watcher, const SelectSets& ready) {
+    if (watcher->fd < 0) return false;
     return ((watcher->type & EVENT_FD_READ) && contains_fd(watcher->fd, ready.read)) ||
            ((watcher->type & EVENT_FD_WRITE) && contains_fd(watcher->fd, ready.write)) ||
            ((watcher->type & EVENT_FD_EXCEPT) && contains_fd(watcher->fd, ready.except));
