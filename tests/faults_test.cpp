@@ -398,9 +398,10 @@ int decode() {
 
 /** What holds for all that runs in a loop. */
 const std::vector<Operation::Exception> kRunning = {
-    {FAKE_FSTAT, kFailsSilently},             // EPERM: it isn't known to be ours.
-    {FAKE_MKFIFO, kFailsSilently, {EEXIST}},  // And then it isn't there.
-    {FAKE_MUTEX_INIT, kGoesOn},               // The C library's own for what is zeroed.
+    {FAKE_FSTAT, kFailsSilently},              // EPERM: it isn't known to be a FIFO.
+    {FAKE_MKFIFO, kGoesOn, {EEXIST, ENOENT}},  // Another start has the name, too.
+    {FAKE_OPEN, kGoesOn, {ENOENT, ENXIO}},
+    {FAKE_MUTEX_INIT, kGoesOn},  // The C library's own for what is zeroed.
     {FAKE_MUTEX_DESTROY, kGoesOn},
     {FAKE_UNLINK, kGoesOn},
     {FAKE_CLOSE, kGoesOn},
@@ -443,9 +444,7 @@ const Operation kOperations[] = {
          {{FAKE_SELECT, kGoesOn}, {FAKE_SELECT, kFails, {EINTR}}, {FAKE_DESCRIPTORS, kCannotBe}})},
     {"thread", start_thread,
      running({{FAKE_ALLOC, kThreadFault},
-              {FAKE_MKFIFO, kFailsSilently},
-              {FAKE_OPEN, kFailsSilently},
-              {FAKE_PTHREAD_CREATE, kFailsSilently},
+              {FAKE_PTHREAD_CREATE, kFails},
               {FAKE_DESCRIPTORS, kThreadFault},
               {FAKE_CLOCK, kCannotBe, {-60}},  // Nobody looks between the add and the loop.
               {FAKE_WRITE, kCannotBe},         // Of wake-ups: only a full channel refuses one.

@@ -1,18 +1,23 @@
 // The wake-up channel of a loop, and the list of the running loops that the signal catcher walks.
 //
-// The channel is a FIFO that exists only as a pair of descriptors. Messages are '-' (look again)
-// and 'S' plus a signal number, followed by that signal's siginfo_t. A message is written with a
-// single write() below PIPE_BUF, so it is in the channel whole or not at all and never interleaved.
-// A signal that finds the channel full is kept beside it; see pending_signals.h.
+// The channel is a pipe. Messages are '-' (look again) and 'S' plus a signal number, followed by that
+// signal's siginfo_t. A message is written with a single write() below PIPE_BUF, so it is in the
+// channel whole or not at all and never interleaved. A signal that finds the channel full is kept
+// beside it; see pending_signals.h.
 //
-// The catcher runs in signal context, on any thread, at any instant, and takes no lock. What keeps
-// it from a freed context or a closed descriptor:
-//   - Starts and ends of loops change event_loop_list under channel_mutex, one store of a link at a
+// A start makes a FIFO in /tmp first, opens it at both ends and removes its name again. Everybody can
+// see that name and open the FIFO in between, so it carries no message: the pipe has no name.
+//
+// The catcher runs in signal context, on any thread, at any instant, and takes no lock. These rules
+// keep it from a freed context or a closed descriptor:
+//   - Starts and ends of loops change loops.list under loops.mutex, one store of a link at a
 //     time, so that every node which the catcher can reach is linked forwards to the head.
-//   - Whoever uses a ping_fd stands inside channel_gate. An end takes the context off the list and
+//   - Whoever uses a ping_fd is inside loops.gate. An end takes the context off the list and
 //     ping_fd out of it, waits until all who could have seen either have left the gate, and closes.
-//   - After fork() the child has the parent's list and descriptors, but not its loops, which
-//     loops_pid tells.
+//   - A cancel enters the gate before it clears the run flag. The owner of the context may free it
+//     as soon as its loop has returned, and the end waits for the cancel to be through.
+//   - After fork() the child has the parent's list and descriptors, but not its loops. Until the
+//     fork handlers have run there, loops.pid shows that the list is another process's.
 
 #include <fcntl.h>
 #include <limits.h>
@@ -27,6 +32,8 @@
 namespace tessra {
 
 namespace {
+
+constexpr long kPauseNanoseconds = 100000;
 
 // Lets a writer wait for all readers that may still use what it has withdrawn. Entering and leaving
 // are lock-free and signal-safe. Two counters, so that newcomers don't prolong the wait: a waiter
@@ -48,15 +55,15 @@ public:
         for (int round = 0; round < 2; ++round) {
             const unsigned old_side = side_.load();
             side_.store(old_side ^ 1U);
-            const timespec pause = {0, 100000};
+            const timespec pause = {0, kPauseNanoseconds};
             while (inside_[old_side].load() != 0) (void)nanosleep(&pause, nullptr);
         }
     }
 
     // For a child of fork(), which inherits the counts of threads that it doesn't have.
     void reset() {
-        inside_[0].store(0);
-        inside_[1].store(0);
+        inside_[0].store(0, std::memory_order_relaxed);
+        inside_[1].store(0, std::memory_order_relaxed);
     }
 
 private:
@@ -66,22 +73,30 @@ private:
     std::atomic<int> inside_[2]{0, 0};
 };
 
+// The running loops of the process. Together, since each name of its own costs code to find it.
+struct RunningLoops {
+    list_t list;
+    std::atomic<pid_t> pid;  // Of the process whose loops these are.
+    ReaderGate gate;
+    pthread_mutex_t mutex;  // Held by a start or an end.
+};
+constinit RunningLoops loops = {{&loops.list, &loops.list}, 0, {}, PTHREAD_MUTEX_INITIALIZER};
+
+// For whoever uses a ping_fd, the catcher included. pthread_setcancelstate() is not on POSIX's list for
+// signal handlers, but in glibc, uClibc and musl it is a store into the thread's own record.
 class InsideGate : NotCopyable {
 public:
-    explicit InsideGate(ReaderGate& gate) : gate_(gate), side_(gate.enter()) {}
-    ~InsideGate() { gate_.leave(side_); }
+    [[gnu::noinline]] InsideGate() : side_(loops.gate.enter()) {}
+    [[gnu::noinline]] ~InsideGate() { loops.gate.leave(side_); }
 
 private:
-    ReaderGate& gate_;
+    CancelDisabled no_cancel_;
+    ErrnoKeeper keep_errno_;
     unsigned side_;
 };
 
-constinit list_t event_loop_list = {&event_loop_list, &event_loop_list};
-constinit std::atomic<pid_t> loops_pid{0};
-constinit ReaderGate channel_gate;
-pthread_mutex_t channel_mutex = PTHREAD_MUTEX_INITIALIZER;
-
 constexpr unsigned char kSignalBase = 'S';
+constexpr int kNameTries = 100;
 
 struct SignalMessage {
     unsigned char announcement;
@@ -96,9 +111,9 @@ void store_next(list_t& node, list_t* next) { std::atomic_ref<list_t*>(node.next
 // Links the context at the tail; the store that makes it reachable comes last.
 void list_running_locked(event_loop_ctx_t& el_ctx) {
     list_t& node = el_ctx.list;
-    node.next = &event_loop_list;
-    node.prev = event_loop_list.prev;
-    event_loop_list.prev = &node;
+    node.next = &loops.list;
+    node.prev = loops.list.prev;
+    loops.list.prev = &node;
     store_next(*node.prev, &node);
 }
 
@@ -109,76 +124,122 @@ void unlist_running_locked(event_loop_ctx_t& el_ctx) {
     node.next->prev = node.prev;
 }
 
-// In a child of fork() no loop of the list runs.
-void forget_loops_of_parent_locked() {
-    const pid_t self = getpid();
-    if (loops_pid.load() == self) return;
-    store_next(event_loop_list, &event_loop_list);
-    event_loop_list.prev = &event_loop_list;
-    channel_gate.reset();
-    loops_pid.store(self);
-}
-
 void close_if_open(int& fd) {
     if (fd != kNoFd) (void)close(fd);
     fd = kNoFd;
 }
 
-// A descriptor of the channel stays with this process: it is closed on exec.
+// The step of a start that failed, for the log.
+struct StartFailure {
+    const char* text = nullptr;
+    int line = 0;
+
+    // Returns false, the result of the step.
+    bool note(const char* failed_text, int failed_line) {
+        text = failed_text;
+        line = failed_line;
+        return false;
+    }
+};
+
 int open_end(const char* path, int access) {
     return open(path, access | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
 }
 
-// The name is predictable and lies where everybody can write, so what has been opened is looked at:
-// it must be one FIFO at both ends, and this user's own if it was there before.
-bool is_our_fifo(int end, bool existed) {
+bool is_fifo(int end) {
     struct stat status;
-    return fstat(end, &status) == 0 && S_ISFIFO(status.st_mode) &&
-           (!existed || status.st_uid == geteuid());
+    return fstat(end, &status) == 0 && S_ISFIFO(status.st_mode);
 }
 
-bool is_same_file(int end, int other_end) {
-    struct stat one, other;
-    return fstat(end, &one) == 0 && fstat(other_end, &other) == 0 && one.st_dev == other.st_dev &&
-           one.st_ino == other.st_ino;
-}
+constexpr char kNoReading[] = "<%x> %s:%s(%d) - Failed to open pingpong fifo for reading\n";
 
-bool open_channel_locked(event_loop_ctx_t& el_ctx) {
-    char path[40];
-    (void)snprintf(path, sizeof path, "%s%d", "/tmp/evtloop", getpid());
-    // A start whose write end couldn't be opened has left its read end behind.
+// The life of the FIFO's name. A start whose write end can't be opened leaves its read end to the
+// context.
+bool use_name(const char* path, event_loop_ctx_t& el_ctx, StartFailure& failure) {
     close_if_open(el_ctx.pong_fd);
-
-    const bool made = mkfifo(path, 0666) == 0;
-    if (!made && errno != EEXIST) {
-        log_start_failure("<%x> %s:%s(%d) - Failed to create fifo\n", __LINE__);
-        return false;
+    if (mkfifo(path, 0666) != 0 && errno != EEXIST) {
+        return failure.note("<%x> %s:%s(%d) - Failed to create fifo\n", __LINE__);
     }
     // The read end first: without a reader a non-blocking open for writing fails.
     el_ctx.pong_fd = open_end(path, O_RDONLY);
-    if (el_ctx.pong_fd != kNoFd && !is_our_fifo(el_ctx.pong_fd, !made)) {
+    if (el_ctx.pong_fd != kNoFd && !is_fifo(el_ctx.pong_fd)) {
         close_if_open(el_ctx.pong_fd);
         errno = EPERM;
     }
-    if (el_ctx.pong_fd == kNoFd) {
-        log_start_failure("<%x> %s:%s(%d) - Failed to open pingpong fifo for reading\n", __LINE__);
+    if (el_ctx.pong_fd == kNoFd) return failure.note(kNoReading, __LINE__);
+    int write_end = open_end(path, O_WRONLY);
+    if (write_end == kNoFd) {
+        return failure.note("<%x> %s:%s(%d) - Failed to open pingpong fifo for writing\n",
+                            __LINE__);
+    }
+    (void)unlink(path);
+    close_if_open(write_end);
+    close_if_open(el_ctx.pong_fd);
+    return true;
+}
+
+// A process in another PID namespace may have our number and the same /tmp, so that its start uses
+// our name. It removes the name between two of our steps, or makes it anew, which gives these errors.
+bool is_other_start() { return errno == ENOENT || errno == ENXIO; }
+
+// Gives a descriptor a number that isn't standard input, output or error. A daemon may be started
+// with these closed, and any text that it prints would be read as messages.
+bool leave_standard_numbers(int& fd) {
+    if (fd > STDERR_FILENO) return true;
+    const int low = fd;
+    fd = fcntl(low, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    const ErrnoKeeper keep_errno;
+    (void)close(low);
+    return fd != kNoFd;
+}
+
+bool open_pipe(event_loop_ctx_t& el_ctx) {
+    int ends[2];
+    if (pipe2(ends, O_NONBLOCK | O_CLOEXEC) != 0) return false;
+    bool fits = leave_standard_numbers(ends[0]);
+    fits &= leave_standard_numbers(ends[1]);
+    if (fits && ends[0] >= FD_SETSIZE) {
+        errno = EMFILE;
+        fits = false;
+    }
+    if (!fits) {
+        const ErrnoKeeper keep_errno;
+        for (int& end : ends) close_if_open(end);
         return false;
     }
-    int ping_fd = open_end(path, O_WRONLY);
-    if (ping_fd == kNoFd) {
-        log_start_failure("<%x> %s:%s(%d) - Failed to open pingpong fifo for writing\n", __LINE__);
+    el_ctx.pong_fd = ends[0];
+    el_ctx.ping_fd.store(ends[1]);
+    return true;
+}
+
+bool open_channel_locked(event_loop_ctx_t& el_ctx, StartFailure& failure) {
+    char path[40];
+    (void)snprintf(path, sizeof path, "%s%d", "/tmp/evtloop", getpid());
+    const timespec pause = {0, kPauseNanoseconds};
+    for (int tries = 1; !use_name(path, el_ctx, failure); ++tries) {
+        if (!is_other_start() || tries == kNameTries) return false;
+        (void)nanosleep(&pause, nullptr);
+    }
+    failure = {};
+    return open_pipe(el_ctx) || failure.note(kNoReading, __LINE__);
+}
+
+bool start_locked(event_loop_ctx_t& el_ctx, StartFailure& failure) {
+    if (el_ctx.in_loop.load(std::memory_order_relaxed) || el_ctx.async_loop_started.load() != 0) {
+        errno = EBUSY;
         return false;
     }
-    const bool ours = is_same_file(el_ctx.pong_fd, ping_fd);
-    if (ours) (void)unlink(path);
-    if (!ours || el_ctx.pong_fd >= FD_SETSIZE) {
-        errno = ours ? EMFILE : EPERM;
-        close_if_open(ping_fd);
-        close_if_open(el_ctx.pong_fd);
-        log_start_failure("<%x> %s:%s(%d) - Failed to open pingpong fifo for reading\n", __LINE__);
-        return false;
-    }
-    el_ctx.ping_fd.store(ping_fd);
+    if (!open_channel_locked(el_ctx, failure)) return false;
+    loops.pid.store(getpid(), std::memory_order_relaxed);
+    el_ctx.pending->clear();
+    // Who changes a list while the channel comes up may not have seen it, and so wakes nobody. The
+    // first look takes the lists' locks: what it misses comes later and does see the channel.
+    el_ctx.watched.stale.set();
+    el_ctx.first_timer.stale.set();
+    el_ctx.in_loop.store(true, std::memory_order_relaxed);
+    el_ctx.eloopthread.store(pthread_self(), std::memory_order_relaxed);
+    el_ctx.async_loop_started.store(1);
+    list_running_locked(el_ctx);  // Its store makes those above visible to the catcher.
     return true;
 }
 
@@ -201,47 +262,49 @@ bool read_exactly(int fd, void* into, size_t size_bytes) {
 
 }  // namespace
 
+void channel_lock() { (void)pthread_mutex_lock(&loops.mutex); }
+
+void channel_unlock() { (void)pthread_mutex_unlock(&loops.mutex); }
+
+// The log is written once loops.mutex is free: the logger may run or end a loop of its own.
 bool channel_start(event_loop_ctx_t& el_ctx) {
-    // Also the place where two threads that start loops at the same moment are kept apart: they
-    // would meet at the same FIFO.
-    const MutexLock lock(channel_mutex);
-    if (el_ctx.in_loop || el_ctx.async_loop_started.load() != 0) {
-        errno = EBUSY;
+    if (!register_fork_handlers()) {
+        errno = ENOMEM;
         return false;
     }
-    forget_loops_of_parent_locked();
-    if (!open_channel_locked(el_ctx)) return false;
-    el_ctx.pending->clear();
-    // Who changes a list while the channel comes up may not have seen it, and so wakes nobody. The
-    // first look takes the lists' locks: what it misses comes later and does see the channel.
-    el_ctx.watched.stale.set();
-    el_ctx.first_timer.stale.set();
-    el_ctx.in_loop = true;
-    el_ctx.async_loop_started.store(1);
-    el_ctx.eloopthread.store(pthread_self());
-    list_running_locked(el_ctx);
-    return true;
+    StartFailure failure;
+    channel_lock();
+    const bool started = start_locked(el_ctx, failure);
+    channel_unlock();
+    if (failure.text != nullptr) log_start_failure(failure.text, failure.line);
+    return started;
 }
 
 void channel_end(event_loop_ctx_t& el_ctx) {
-    const MutexLock lock(channel_mutex);
+    const MutexLock lock(loops.mutex);
     unlist_running_locked(el_ctx);
     int ping_fd = el_ctx.ping_fd.exchange(kNoFd);
-    channel_gate.wait_for_readers();
+    loops.gate.wait_for_readers();
     el_ctx.list = {nullptr, nullptr};
     close_if_open(ping_fd);
     close_if_open(el_ctx.pong_fd);
-    el_ctx.eloopthread.store(kNoThread);
-    el_ctx.in_loop = false;
+    el_ctx.eloopthread.store(kNoThread, std::memory_order_relaxed);
+    el_ctx.in_loop.store(false, std::memory_order_relaxed);
 }
 
 void channel_discard_leftover(event_loop_ctx_t& el_ctx) { close_if_open(el_ctx.pong_fd); }
 
-void ping_eventloop(event_loop_ctx_tp el_ctx) {
-    if (el_ctx->ping_fd.load() == kNoFd) return;
-    const ErrnoKeeper keep_errno;
-    const InsideGate inside(channel_gate);
-    write_wake_up(el_ctx->ping_fd.load());
+void channel_cancel(event_loop_ctx_t& el_ctx) {
+    const InsideGate inside;
+    el_ctx.async_loop_started.store(0);
+    write_wake_up(el_ctx.ping_fd.load());
+}
+
+void channel_forget_parent() {
+    channel_unlock();
+    store_next(loops.list, &loops.list);
+    loops.list.prev = &loops.list;
+    loops.gate.reset();
 }
 
 ChangeLock::ChangeLock(event_loop_ctx_tp el_ctx, recursive_mutex& mutex)
@@ -254,27 +317,27 @@ ChangeLock::~ChangeLock() {
         recursive_mutex_unlock(&mutex_);
         return;
     }
-    const ErrnoKeeper keep_errno;
-    const InsideGate inside(channel_gate);
+    const InsideGate inside;
     const int fd = el_ctx_->ping_fd.load();
     recursive_mutex_unlock(&mutex_);
     write_wake_up(fd);
 }
 
 void channel_send_signal(int sig, const siginfo_t& info) {
-    if (loops_pid.load() != getpid()) return;
+    if (loops.pid.load() != getpid()) return;
     SignalMessage message;
     message.announcement = static_cast<unsigned char>(kSignalBase + sig);
     memcpy(message.info, &info, sizeof message.info);
 
-    const InsideGate inside(channel_gate);
-    for (list_t* node = load_next(event_loop_list); node != &event_loop_list;) {
+    const InsideGate inside;
+    for (list_t* node = load_next(loops.list); node != &loops.list;) {
         auto* el_ctx = reinterpret_cast<event_loop_ctx_t*>(node);
         node = load_next(*node);
         const int fd = el_ctx->ping_fd.load();
         if (fd == kNoFd || write(fd, &message, sizeof message) == sizeof message) continue;
         el_ctx->pending->keep(sig, info);
-        // By now the channel may be empty and the loop asleep. If it is still full, it isn't.
+        // The loop may have drained the channel and gone to sleep, so wake it. If the channel is
+        // still full, this write fails, but then the loop is awake anyway.
         write_wake_up(fd);
     }
 }

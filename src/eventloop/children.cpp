@@ -17,13 +17,25 @@ constexpr int kReported = 2;
 
 constinit std::atomic<int> handler_registered{0};
 
+// The one context whose children SIGCHLD looks after: that of the first call, until it is freed.
+// Guarded by contexts_mutex.
+constinit event_loop_ctx_t* child_context = nullptr;
+// A handler of that context's child walk has freed the context. The walk's thread only.
+constinit bool child_walk_over = false;
+
+void set_child_context(event_loop_ctx_tp from, event_loop_ctx_tp to) {
+    const MutexLock lock(contexts_mutex);
+    if (child_context == from) child_context = to;
+}
+
 // Registers the SIGCHLD watcher on the first use. Under the lock that the registration takes
 // anyway, so that two first calls at the same moment make one watcher.
 bool register_sigchld_once(event_loop_ctx_tp el_ctx) {
     if (handler_registered.load(std::memory_order_acquire) != 0) return true;
+    set_child_context(nullptr, el_ctx);
     const RecursiveLock lock(default_el_ctx.eventlists_mutex);
     if (handler_registered.load(std::memory_order_relaxed) != 0) return true;
-    if (!signal_add(&default_el_ctx, event_sigchld_hndlr, el_ctx, SIGCHLD)) return false;
+    if (!signal_add(&default_el_ctx, event_sigchld_hndlr, nullptr, SIGCHLD)) return false;
     handler_registered.store(1, std::memory_order_release);
     return true;
 }
@@ -55,20 +67,42 @@ void collect_if_ended(process_t* child) {
     report_and_drop(child, status);
 }
 
+// Takes the lock of the watched context's children; null if there is no such context any more. The
+// lock is taken before contexts_mutex is given back, so that no thread frees the context in between.
+event_loop_ctx_t* lock_child_context() {
+    const MutexLock lock(contexts_mutex);
+    if (child_context != nullptr) recursive_mutex_lock(&child_context->processlist_mutex);
+    return child_context;
+}
+
 }  // namespace
 
-// One SIGCHLD can stand for several children, so each is tried. The argument is null once the
-// context that it named has been freed.
-void event_sigchld_hndlr(int /*signal*/, siginfo_t* /*info*/, void* arg) {
-    auto* el_ctx = static_cast<event_loop_ctx_tp>(arg);
+// One SIGCHLD can stand for several children, so each is tried.
+void event_sigchld_hndlr(int /*signal*/, siginfo_t* /*info*/, void* /*arg*/) {
+    event_loop_ctx_t* const el_ctx = lock_child_context();
     if (el_ctx == nullptr) return;
-    const RecursiveLock lock(el_ctx->processlist_mutex);
     pinned_walk<process_t, CountedPins>(
         el_ctx->process_queue, [](const process_t*) { return true; },
         [](process_t* child) {
             collect_if_ended(child);
-            return true;
+            return !child_walk_over;
         });
+    if (!child_walk_over) recursive_mutex_unlock(&el_ctx->processlist_mutex);
+}
+
+void leave_child_walks(event_loop_ctx_tp el_ctx) {
+    recursive_mutex& mutex = el_ctx->processlist_mutex;
+    while (pthread_equal(mutex.owner, pthread_self())) {
+        child_walk_over = true;
+        recursive_mutex_unlock(&mutex);
+    }
+}
+
+void forget_child_context(event_loop_ctx_tp el_ctx) { set_child_context(el_ctx, nullptr); }
+
+void children_forget_parent() {
+    handler_registered.store(0, std::memory_order_relaxed);
+    child_context = nullptr;
 }
 
 void process_free(event_loop_ctx_tp el_ctx) {

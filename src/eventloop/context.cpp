@@ -1,5 +1,6 @@
 // The loop contexts: the default one, those of event_mc_init(), and the clock that all share.
 
+#include <cstddef>
 #include <cstdlib>
 #include <new>
 
@@ -18,6 +19,15 @@ struct OwnContext {
 };
 
 }  // namespace
+
+// Guards the list of all contexts, and which one SIGCHLD looks after. fork() is made with it held.
+pthread_mutex_t contexts_mutex = PTHREAD_MUTEX_INITIALIZER;
+constinit list_t contexts = {&default_el_ctx.contexts, &default_el_ctx.contexts};
+
+event_loop_ctx_t* context_of(list_t* node) {
+    return reinterpret_cast<event_loop_ctx_t*>(reinterpret_cast<char*>(node) -
+                                               offsetof(event_loop_ctx_t, contexts));
+}
 
 // Clang takes the address of a member inside its own initialiser for a use of its value.
 #pragma GCC diagnostic push
@@ -38,6 +48,7 @@ constinit event_loop_ctx_t default_el_ctx = {
     .processlist_mutex = RECURSIVE_MUTEX_INITIALIZER,
     .do_events_reentrance = 0,
     .in_loop = false,
+    .contexts = {&contexts, &contexts},
     .watched = {.sets = {}, .max_fd = kNoFd, .has_unselected = false, .by_fd = nullptr},
     .pending = &default_pending,
     .pending_turn = false,
@@ -45,6 +56,19 @@ constinit event_loop_ctx_t default_el_ctx = {
     .timer_index = {},  // Its lanes begin with the first timer.
 };
 #pragma GCC diagnostic pop
+
+void set_up(event_loop_ctx_t& el_ctx, PendingSignals* pending) {
+    el_ctx.pending = pending;
+    list_init(&el_ctx.timer_queue);
+    list_init(&el_ctx.fd_queue);
+    list_init(&el_ctx.process_queue);
+    list_init(&el_ctx.signal_queue);
+    el_ctx.ping_fd.store(kNoFd, std::memory_order_relaxed);
+    el_ctx.pong_fd = kNoFd;
+    (void)pthread_mutex_init(&el_ctx.timerlist_mutex.mutex, nullptr);
+    (void)pthread_mutex_init(&el_ctx.eventlists_mutex.mutex, nullptr);
+    (void)pthread_mutex_init(&el_ctx.processlist_mutex.mutex, nullptr);
+}
 
 }  // namespace tessra
 
@@ -58,27 +82,25 @@ event_loop_ctx_tp event_mc_init(void) {
     }
     auto* own = new (block) OwnContext{};
     event_loop_ctx_t* ctx = &own->context;
-    ctx->pending = &own->pending;
-    list_init(&ctx->timer_queue);
-    list_init(&ctx->fd_queue);
-    list_init(&ctx->process_queue);
-    list_init(&ctx->signal_queue);
-    ctx->ping_fd.store(kNoFd);
-    ctx->pong_fd = kNoFd;
-    (void)pthread_mutex_init(&ctx->timerlist_mutex.mutex, nullptr);
-    (void)pthread_mutex_init(&ctx->eventlists_mutex.mutex, nullptr);
-    (void)pthread_mutex_init(&ctx->processlist_mutex.mutex, nullptr);
+    set_up(*ctx, &own->pending);
+    const MutexLock lock(contexts_mutex);
+    list_add_tail(&contexts, &ctx->contexts);
     return ctx;
 }
 
 void event_mc_free(event_loop_ctx_tp ctx) {
     if (ctx == nullptr) return;
-    // The process's SIGCHLD watcher may name this context as the one whose children it looks after.
-    forget_signal_arg(&default_el_ctx, event_sigchld_hndlr, ctx);
+    const CancelDisabled no_cancel;
+    {
+        const MutexLock lock(contexts_mutex);
+        list_delete(&ctx->contexts);
+    }
+    forget_child_context(ctx);
     event_timer_free(ctx);
     event_fd_free(ctx);
     process_free(ctx);
     event_signal_free(ctx);
+    leave_child_walks(ctx);
     channel_discard_leftover(*ctx);
     (void)pthread_mutex_destroy(&ctx->processlist_mutex.mutex);
     (void)pthread_mutex_destroy(&ctx->eventlists_mutex.mutex);
@@ -100,7 +122,9 @@ time_t event_get_time_sec(void) {
 }
 
 int is_event_loop_thread_mc(event_loop_ctx_tp el_ctx) {
-    return pthread_equal(el_ctx->eloopthread.load(), pthread_self()) ? 1 : 0;
+    // Relaxed: only the thread itself stores its identity.
+    return pthread_equal(el_ctx->eloopthread.load(std::memory_order_relaxed), pthread_self()) ? 1
+                                                                                              : 0;
 }
 
 int is_event_loop_thread(void) { return is_event_loop_thread_mc(&default_el_ctx); }

@@ -1,7 +1,8 @@
 // The event loop's records and what its files offer to one another.
 //
-// Lock order: eventlists_mutex, then timerlist_mutex or processlist_mutex, then rec_mutex. The
-// start and end of a loop also take the mutex of channel.cpp, with none of these held.
+// Lock order: eventlists_mutex, contexts_mutex, then timerlist_mutex or processlist_mutex, then
+// rec_mutex. A start or an end of a loop takes channel_mutex, and a start or a stop of the loop's own
+// thread takes thread_mutex; neither holds any of the other locks.
 #ifndef TESSRA_EVENTLOOP_PRIVATE_H
 #define TESSRA_EVENTLOOP_PRIVATE_H
 
@@ -108,7 +109,8 @@ struct event_loop_ctx {
     recursive_mutex eventlists_mutex;   // Guards fd_queue, signal_queue and watched.
     recursive_mutex processlist_mutex;  // Guards process_queue.
     int do_events_reentrance;           // The loop's thread only.
-    bool in_loop;  // From a start to the end of its run, beyond a cancel. Guarded by channel.cpp.
+    std::atomic<bool> in_loop;          // From a start to the end of its run, beyond a cancel.
+    list_t contexts;                    // Node on the list of all contexts; see context.cpp.
     tessra::WatchedSets watched;
     tessra::PendingSignals* pending;  // Beside the context; for as long as it lives.
     bool pending_turn;  // Let one of them go before the next message. The loop's thread only.
@@ -162,13 +164,34 @@ struct process_t {
     int to_be_deleted;
 };
 
+// loop.cpp
+int run_loop(event_loop_ctx_t& el_ctx, bool (*on_start)());
+
+// thread.cpp: for a child of fork(), which has no such thread.
+void thread_forget_parent();
+
+// context.cpp: all contexts.
+extern pthread_mutex_t contexts_mutex;
+extern list_t contexts;
+event_loop_ctx_t* context_of(list_t* node);
+// Makes a context as event_mc_init() gives it.
+void set_up(event_loop_ctx_t& el_ctx, PendingSignals* pending);
+
 // channel.cpp: the wake-up channel and the list of running loops.
 bool channel_start(event_loop_ctx_t& el_ctx);
 void channel_end(event_loop_ctx_t& el_ctx);
 // Closes what a failed start has left open.
 void channel_discard_leftover(event_loop_ctx_t& el_ctx);
-void ping_eventloop(event_loop_ctx_tp el_ctx);
+void channel_cancel(event_loop_ctx_t& el_ctx);
+// No loop starts or ends between these.
+void channel_lock();
+void channel_unlock();
+// For a child of fork(), in which no loop of the parent runs.
+void channel_forget_parent();
 
+// fork.cpp
+// Registers the handlers that make fork() safe; false if there is no memory for them.
+bool register_fork_handlers();
 // Holds a list's mutex for a change, and wakes the loop in the end. The byte is written once the
 // mutex is free, so that the loop doesn't wake only to wait for it: with one processor those are
 // two switches for nothing. The loop may see the change at once and end, and its owner free the
@@ -205,13 +228,19 @@ void event_fd_free(event_loop_ctx_tp el_ctx);
 // signals.cpp
 bool signal_add(event_loop_ctx_tp el_ctx, signal_handler_t handler, void* arg, int signal);
 void run_signal_watchers_locked(event_loop_ctx_tp el_ctx, int signal, siginfo_t& info);
-void forget_signal_arg(event_loop_ctx_tp el_ctx, signal_handler_t handler, const void* arg);
 void reset_caught_signals();
 void event_signal_free(event_loop_ctx_tp el_ctx);
 
 // children.cpp
 void event_sigchld_hndlr(int signal, siginfo_t* info, void* arg);
 void process_free(event_loop_ctx_tp el_ctx);
+// From now on SIGCHLD doesn't look at this context, which is about to be freed.
+void forget_child_context(event_loop_ctx_tp el_ctx);
+// Ends the walks of the context's children that are on this thread's stack, and lets go of the lock
+// that they hold.
+void leave_child_walks(event_loop_ctx_tp el_ctx);
+// For a child of fork() in which the default context has lost its watchers, that of SIGCHLD too.
+void children_forget_parent();
 
 // log.cpp: the loop's failures, for liblog.
 void log_start_failure(const char* text, int line);

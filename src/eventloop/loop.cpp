@@ -85,47 +85,66 @@ bool iterate(event_loop_ctx_tp el_ctx, Milliseconds& ptime, bool ran) {
     return false;
 }
 
-// select() for the nested pass: a failure that lasts must not turn into a loop of its own.
-int select_with_retries(event_loop_ctx_tp el_ctx, int max_fd, SelectSets& sets, timeval& timeout) {
-    int count = -1;
-    for (int tries = 0; count < 0 && tries < kNestedSelectTries; ++tries) {
-        SelectSets wanted = sets;
-        count = select(max_fd + 1, &wanted.read, &wanted.write, &wanted.except, &timeout);
-        if (count >= 0) sets = wanted;
-        if (count < 0 && errno == EINTR) return -1;
-        if (count < 0 && errno == EBADF) exit_if_descriptor_closed(el_ctx);
+// The wait of the nested pass, in which a failure that lasts must not turn into a loop of its own.
+// Sets that another thread has made stale by a delete don't count: the next try has new ones.
+int select_with_retries(event_loop_ctx_tp el_ctx, SelectSets& sets, timeval& timeout) {
+    for (int failures = 0; failures < kNestedSelectTries;) {
+        const int max_fd = fill_select_sets(el_ctx, sets);
+        const int count = select(max_fd + 1, &sets.read, &sets.write, &sets.except, &timeout);
+        if (count >= 0 || errno == EINTR) return count;
+        if (errno == EBADF) exit_if_descriptor_closed(el_ctx);
+        if (!el_ctx->watched.stale) ++failures;
     }
-    return count;
+    return -1;
+}
+
+// A loop whose handler has forked and returned in the child: there the thread runs no loop any more,
+// and what the context has may belong to a new one.
+bool is_still_running(const event_loop_ctx_t& el_ctx) {
+    return pthread_equal(el_ctx.eloopthread.load(std::memory_order_relaxed), pthread_self());
 }
 
 }  // namespace
+
+// Runs a loop. `on_start` is called once the loop has started, unless it is null; if it returns
+// false, the loop ends before its first pass, and the watchers stay.
+int run_loop(event_loop_ctx_t& el_ctx, bool (*on_start)()) {
+    const CancelDisabled no_cancel;
+    if (!channel_start(el_ctx)) return -1;
+    if (on_start != nullptr && !on_start()) {
+        const ErrnoKeeper keep_errno;
+        el_ctx.async_loop_started.store(0);
+        channel_end(el_ctx);
+        return -1;
+    }
+    Milliseconds ptime = event_get_time();
+    bool ran = false;
+    while (el_ctx.async_loop_started.load() != 0 && is_still_running(el_ctx)) {
+        ran = iterate(&el_ctx, ptime, ran);
+    }
+    if (!is_still_running(el_ctx)) {
+        errno = ECANCELED;
+        return -1;
+    }
+    if (&el_ctx == &default_el_ctx) {
+        event_timer_free(&el_ctx);
+        event_fd_free(&el_ctx);
+        process_free(&el_ctx);
+        event_signal_free(&el_ctx);
+    }
+    channel_end(el_ctx);
+    return 0;
+}
 
 }  // namespace tessra
 
 using namespace tessra;
 
-int et_event_loop_mc(event_loop_ctx_tp el_ctx) {
-    if (!channel_start(*el_ctx)) return -1;
-    Milliseconds ptime = event_get_time();
-    bool ran = false;
-    while (el_ctx->async_loop_started.load() != 0) ran = iterate(el_ctx, ptime, ran);
-
-    if (el_ctx == &default_el_ctx) {
-        event_timer_free(el_ctx);
-        event_fd_free(el_ctx);
-        process_free(el_ctx);
-        event_signal_free(el_ctx);
-    }
-    channel_end(*el_ctx);
-    return 0;
-}
+int et_event_loop_mc(event_loop_ctx_tp el_ctx) { return run_loop(*el_ctx, nullptr); }
 
 int et_event_loop(void) { return et_event_loop_mc(&default_el_ctx); }
 
-void cancel_loop_mc(event_loop_ctx_tp el_ctx) {
-    el_ctx->async_loop_started.store(0);
-    ping_eventloop(el_ctx);
-}
+void cancel_loop_mc(event_loop_ctx_tp el_ctx) { channel_cancel(*el_ctx); }
 
 void cancel_loop(void) { cancel_loop_mc(&default_el_ctx); }
 
@@ -141,8 +160,7 @@ int do_events_mc(event_loop_ctx_tp el_ctx, unsigned int timeout) {
     const unsigned int microseconds = el_ctx->pending->any() ? 0 : timeout * 1000;
     wait.tv_usec = static_cast<decltype(wait.tv_usec)>(microseconds);
     SelectSets sets;
-    const int max_fd = fill_select_sets(el_ctx, sets);
-    const int count = select_with_retries(el_ctx, max_fd, sets, wait);
+    const int count = select_with_retries(el_ctx, sets, wait);
     if (count >= 0) (void)event_handle_events(el_ctx, sets, count, event_get_time());
     el_ctx->do_events_reentrance = 0;
     return count >= 0 ? 0 : -1;

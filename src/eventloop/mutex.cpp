@@ -7,6 +7,7 @@
 pthread_mutex_t rec_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 void recursive_mutex_lock(recursive_mutex* tolock) {
+    (void)tessra::register_fork_handlers();  // Without them, only fork() beside this is unsafe.
     const pthread_t self = pthread_self();
     (void)pthread_mutex_lock(&rec_mutex);
     if (!pthread_equal(tolock->owner, self) && pthread_mutex_trylock(&tolock->mutex) != 0) {

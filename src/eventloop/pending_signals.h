@@ -44,8 +44,8 @@ public:
 
     // When no catcher can reach it.
     void clear() {
-        full_.store(0);
-        for (Slot& slot : slots_) slot.state.store(kFree);
+        full_.store(0, std::memory_order_relaxed);
+        for (Slot& slot : slots_) slot.state.store(kFree, std::memory_order_relaxed);
     }
 
 private:

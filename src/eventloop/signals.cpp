@@ -15,10 +15,7 @@ constinit std::atomic<unsigned> caught_signals{0};
 unsigned bit_of(int signal) { return 1U << signal; }
 
 // The one function of the library that runs in signal context.
-void event_signal_cb(int sig, siginfo_t* info, void* /*ctx*/) {
-    const ErrnoKeeper keep_errno;
-    channel_send_signal(sig, *info);
-}
+void event_signal_cb(int sig, siginfo_t* info, void* /*ctx*/) { channel_send_signal(sig, *info); }
 
 bool catch_signal(int signal) {
     struct sigaction action = {};
@@ -59,16 +56,6 @@ void run_signal_watchers_locked(event_loop_ctx_tp el_ctx, int signal, siginfo_t&
             watcher->handler(watcher->signal, &info, watcher->arg);
             return true;
         });
-}
-
-// Takes the argument away from the watchers that carry it, which their handler must expect.
-void forget_signal_arg(event_loop_ctx_tp el_ctx, signal_handler_t handler, const void* arg) {
-    const RecursiveLock lock(el_ctx->eventlists_mutex);
-    list_t* node;
-    dll_foreach(node, &el_ctx->signal_queue) {
-        auto* watcher = entry_of<event_signal_t>(node);
-        if (watcher->handler == handler && watcher->arg == arg) watcher->arg = nullptr;
-    }
 }
 
 void reset_caught_signals() {

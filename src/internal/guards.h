@@ -48,6 +48,16 @@ private:
     pthread_mutex_t& mutex_;
 };
 
+// Defers pthread_cancel() of the calling thread: a cancelled thread unwinds no guard of ours.
+class CancelDisabled : NotCopyable {
+public:
+    CancelDisabled() { (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+    ~CancelDisabled() { (void)pthread_setcancelstate(before_, nullptr); }
+
+private:
+    int before_;
+};
+
 // Keeps errno as it was: for code that runs in signal context or beside a result.
 class ErrnoKeeper : NotCopyable {
 public:

@@ -66,14 +66,21 @@ static int note_code(dl_phdr_info* object, size_t, void*) {
 
 __attribute__((constructor)) static void find_code() { dl_iterate_phdr(note_code, nullptr); }
 
-static PLAIN bool made_by_library(const void* caller) {
+static PLAIN bool is_in(const Code& code, const void* caller) {
     const auto at = reinterpret_cast<uintptr_t>(caller);
-    for (const Code& code : code_of)
-        if (code.begin <= at && at < code.end) return true;
-    return false;
+    return code.begin <= at && at < code.end;
+}
+
+static PLAIN bool made_by_library(const void* caller) {
+    return is_in(code_of[0], caller) || is_in(code_of[1], caller);
 }
 
 PLAIN int fault_hits(int call, const void* caller) {
+    if (fakes.on_call && is_in(code_of[0], caller)) {
+        const int before = errno;
+        fakes.on_call(call);
+        errno = before;
+    }
     int error = fakes.fail[call];
     struct fault* const fault = fakes.fault;
     if (fault && made_by_library(caller)) {
@@ -109,6 +116,13 @@ static void record_syslog(int priority, const char* format, va_list args) {
 
 extern "C" {
 
+extern int __register_atfork(void (*)(void), void (*)(void), void (*)(void), void*);
+
+PLAIN int* __errno_location() __THROW {
+    if (fakes.on_call && is_in(code_of[0], __builtin_return_address(0))) fakes.on_call(FAKE_ERRNO);
+    return REAL(__errno_location)();
+}
+
 // What calloc() and realloc() of some C libraries call is neither counted nor made to fail.
 static __thread bool inside_allocator;
 
@@ -141,6 +155,7 @@ PLAIN void free(void* block) __THROW {
         looking = true;
         real = REAL(free);
     }
+    if (block) FAULT_HITS(FAKE_FREE);
     if (block && !inside_allocator) __atomic_sub_fetch(&fakes.blocks, 1, __ATOMIC_RELAXED);
     real(block);
 }
@@ -248,6 +263,7 @@ PLAIN int close(int fd) {
     FAIL_AS(index, int, -1, call, parameters, arguments)
 
 FAIL_ON_DEMAND(FAKE_MKFIFO, mkfifo, (const char* path, mode_t mode)__THROW, (path, mode))
+FAIL_ON_DEMAND(FAKE_PIPE, pipe2, (int* ends, int flags)__THROW, (ends, flags))
 FAIL_ON_DEMAND(FAKE_STAT, stat64, (const char* path, struct stat64* into)__THROW, (path, into))
 FAIL_ON_DEMAND(FAKE_FSTAT, fstat64, (int fd, struct stat64* into)__THROW, (fd, into))
 FAIL_ON_DEMAND(FAKE_FTRUNCATE, ftruncate64, (int fd, off64_t length)__THROW, (fd, length))
@@ -272,7 +288,8 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
     return error;
 }
 
-int pthread_join(pthread_t thread, void** result) {
+PLAIN int pthread_join(pthread_t thread, void** result) {
+    FAULT_HITS(FAKE_PTHREAD_JOIN);
     const int error = REAL(pthread_join)(thread, result);
     if (!error) __atomic_sub_fetch(&fakes.threads, 1, __ATOMIC_RELAXED);
     return error;
@@ -284,6 +301,29 @@ int pthread_join(pthread_t thread, void** result) {
         return error ? error : REAL(call) arguments;       \
     }
 
+static void (*prepare_library)(void);
+static PLAIN void prepare_and_tell() {
+    if (fakes.on_call) fakes.on_call(FAKE_FORK);
+    prepare_library();
+}
+
+// The name that pthread_atfork() calls, which each library has a copy of its own of.
+PLAIN int __register_atfork(void (*prepare)(void), void (*parent)(void), void (*child)(void),
+                            void* library) {
+    if (is_in(code_of[0], __builtin_return_address(0))) {
+        prepare_library = prepare;
+        prepare = prepare_and_tell;
+    }
+    const int error = FAULT_HITS(FAKE_ATFORK);
+    return error ? error : REAL(__register_atfork)(prepare, parent, child, library);
+}
+
+FAIL_BY_RESULT(FAKE_MUTEX_TRYLOCK, pthread_mutex_trylock, (pthread_mutex_t * mutex) __THROWNL,
+               (mutex))
+FAIL_BY_RESULT(FAKE_CANCELSTATE, pthread_setcancelstate, (int state, int* before), (state, before))
+FAIL_BY_RESULT(FAKE_COND_WAIT, pthread_cond_wait, (pthread_cond_t * cond, pthread_mutex_t* mutex),
+               (cond, mutex))
+FAIL_BY_RESULT(FAKE_NANOSLEEP, nanosleep, (const timespec* time, timespec* rest), (time, rest))
 FAIL_BY_RESULT(FAKE_SIGMASK, pthread_sigmask,
                (int how, const sigset_t* signals, sigset_t* before)__THROW, (how, signals, before))
 FAIL_BY_RESULT(FAKE_MUTEX_INIT, pthread_mutex_init,
@@ -316,6 +356,7 @@ void __syslog_chk(int priority, int, const char* format, ...) {
 int logzone_enabled(int zone, int level) { return zone == 6 && level == 1 && !fakes.log_off; }
 
 int __vask_log(int zone, int level, const char* format, ...) {
+    if (fakes.on_log) fakes.on_log();
     va_list args;
     va_start(args, format);
     dprintf(STDERR_FILENO, "%d/%d %s|", zone, level, format);

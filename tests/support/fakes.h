@@ -42,6 +42,17 @@ enum fake_call {
     FAKE_COND_INIT,
     FAKE_COND_DESTROY,
     FAKE_COND_SIGNAL,
+    FAKE_PIPE,
+    FAKE_ATFORK,
+    FAKE_PARK_ONLY, /**< From here on none that fails. */
+    FAKE_FREE = FAKE_PARK_ONLY,
+    FAKE_ERRNO, /**< A look at errno. */
+    FAKE_NANOSLEEP,
+    FAKE_MUTEX_TRYLOCK,
+    FAKE_CANCELSTATE,
+    FAKE_PTHREAD_JOIN,
+    FAKE_COND_WAIT,
+    FAKE_FORK, /**< Before the library's own handler of a fork(). */
     FAKE_CALLS
 };
 
@@ -61,7 +72,9 @@ typedef int select_call(int nfds, fd_set* rset, fd_set* wset, fd_set* eset, stru
 extern struct fakes {
     int fail[FAKE_CALLS]; /**< Error number that the call fails with; 0 lets it through. */
     struct fault* fault;  /**< The fault that is armed, if not null. */
-    long blocks;          /**< Of the heap, that malloc() and its likes have made and not freed. */
+    void (*on_call)(
+        int call); /**< Called before each of these calls of the library, if not null. */
+    long blocks;   /**< Of the heap, that malloc() and its likes have made and not freed. */
     select_call* on_select; /**< Stands for select(), if not null. */
     read_call* on_read;     /**< Stands for read(), if not null. */
     // Called before a message of this size is written, a signal or a wake-up, if not null.
@@ -73,6 +86,7 @@ extern struct fakes {
     int core_dumped_by;           /**< waitpid() tells of a core that this signal left. */
     int threads;                  /**< Created and not yet joined. */
     int log_off;                  /**< What the library logs isn't wanted. */
+    void (*on_log)(void);         /**< Called for each line of the library's log, if not null. */
     char syslog_text[1000];       /**< "PRIORITY TEXT\n" for each syslog() call; the last ones. */
 } fakes;
 

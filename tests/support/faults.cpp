@@ -63,6 +63,8 @@ const Errors kErrors[] = {
     {FAKE_COND_INIT, "cond_init", {EAGAIN, ENOMEM}},
     {FAKE_COND_DESTROY, "cond_destroy", {EBUSY}},
     {FAKE_COND_SIGNAL, "cond_signal", {EINVAL}},
+    {FAKE_PIPE, "pipe2", {EMFILE, ENFILE}},
+    {FAKE_ATFORK, "atfork", {ENOMEM}},
     {FAKE_DESCRIPTORS, "descriptors", {EMFILE}},
 };
 

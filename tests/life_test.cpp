@@ -1,0 +1,466 @@
+// Orders of calls between threads, signals and processes that a daemon of many months meets once. One
+// side is parked at a call that it makes; the other then does what it must survive.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <semaphore>
+#include <thread>
+
+#include "support/harness.h"
+#include "tessra/misc.h"
+
+using namespace tessra_test;
+
+namespace {
+
+using Semaphore = std::counting_semaphore<>;
+
+constexpr unsigned long long kHour = 3600000;
+
+// A loop on a thread of its own.
+struct Runner {
+    explicit Runner(const Step& afterwards = [] {}) {
+        event_timer_add_mc(context, run_timer, &tell, 0);
+        thread = std::thread([this, afterwards] {
+            EXPECT_EQ(0, et_event_loop_mc(context));
+            afterwards();
+        });
+        running.acquire();
+    }
+    void end() {
+        cancel_loop_mc(context);
+        thread.join();
+    }
+    event_loop_ctx_tp context = event_mc_init();
+    Semaphore running{0};
+    Step tell = [this] { running.release(); };
+    std::thread thread;
+};
+
+// A child of this process that has ended but not been collected.
+pid_t dead_child() {
+    const pid_t pid = fork_process([] {});
+    await_child(pid);
+    return pid;
+}
+
+ISOLATED_TEST(Free, TakesNoLockOfAnotherContext) {
+    for (const bool children : {false, true}) {
+        if (children) event_process_add(getpid(), note_process, nullptr);
+        Runner* runner;
+        Runner worker([&] { event_mc_free(runner->context); });
+        runner = &worker;
+        Step stop = [&] { worker.end(), cancel_loop(); };
+        event_fd_add(run_fd, &stop, ready_descriptor(), EVENT_FD_READ);
+        EXPECT_EQ(0, et_event_loop());
+    }
+}
+
+// The canceller is parked at each kind of call that it makes. If the loop sees the cancel then, its end
+// waits for the canceller, in nanosleep(); if not, it waits for events again.
+ISOLATED_TEST(Free, MayFollowTheLoopsReturnWhateverACancelDoes) {
+    for (const int call : {FAKE_CANCELSTATE, FAKE_ERRNO, FAKE_WRITE}) {
+        static Semaphore moved(0);
+        static event_loop_ctx_tp context;
+        Runner runner([] {
+            event_mc_free(context);
+            moved.release();
+        });
+        context = runner.context;
+        std::thread([call] {
+            at_call(call, [] {
+                fakes.on_select = [](int n, fd_set* r, fd_set* w, fd_set* e, timeval* tv) {
+                    moved.release();
+                    return real_select(n, r, w, e, tv);
+                };
+                at_call(FAKE_NANOSLEEP, [] { moved.release(); });
+                event_timer_del_mc(context, note_timer, nullptr);
+                moved.acquire();
+            });
+            cancel_loop_mc(context);
+        }).join();
+        runner.thread.join();
+        fakes.on_select = nullptr;
+        at_call(FAKE_NANOSLEEP, nullptr);
+        while (moved.try_acquire()) {
+        }
+    }
+}
+
+ISOLATED_TEST(Free, EndsTheWalkOfItsChildrenFromAChildsHandler) {
+    event_loop_ctx_tp own = event_mc_init();
+    bool nest = true;
+    Step free_it = [&] {
+        trace += "f";
+        if (!std::exchange(nest, false)) return event_mc_free(own);
+        raise(SIGCHLD);
+        EXPECT_EQ(0, do_events(0));  // Another child's handler frees it, inside of this one.
+    };
+    const process_handler_t handler = [](int, void* step, int) { return run_timer(step), 0; };
+    for (int n = 0; n < 2; n++) event_process_add_mc(own, dead_child(), handler, &free_it);
+    event_process_add_mc(own, dead_child(), note_process, arg("wrong"));
+    const Step sigchld = [] { raise(SIGCHLD); };
+    EXPECT_EQ(0, drive(nullptr, {sigchld, sigchld}).result);
+    EXPECT_EQ("ff", trace);
+}
+
+// pthread_cancel() comes at a call inside of the library. The thread goes on until it is outside, and
+// nothing is left locked, open or unsent.
+ISOLATED_TEST(Cancelled, ThreadLeavesTheLibraryWhole) {
+    static Semaphore signalled(0);
+    static Step on_signal = [] { signalled.release(); };
+    Runner other;
+    event_signal_add_mc(other.context, run_signal, &on_signal, SIGUSR1);
+    const Step loop = [] {
+        event_loop_ctx_tp own = event_mc_init();
+        Step change_and_end = [=] {
+            event_timer_add_mc(own, note_timer, nullptr, kHour);
+            cancel_loop_mc(own);
+        };
+        event_timer_add_mc(own, run_timer, &change_and_end, 0);
+        EXPECT_EQ(0, et_event_loop_mc(own));
+        event_mc_free(own);
+    };
+    // A canceller is inside the channel of the loop that ends, which waits for it.
+    const Step end_waits = [] {
+        static Semaphore inside(0), leave(0);
+        Runner runner;
+        std::thread canceller([&] {
+            fakes.before_message = [](int, size_t) {
+                fakes.before_message = nullptr;
+                inside.release(), leave.acquire();
+            };
+            cancel_loop_mc(runner.context);
+        });
+        inside.acquire();
+        Step go_on = [&] { leave.release(); };
+        at_call(FAKE_NANOSLEEP, [&] { pthread_cancel(runner.thread.native_handle()), go_on(); });
+        event_timer_del_mc(runner.context, note_timer, nullptr);
+        canceller.join();
+        runner.thread.join();
+        pthread_cancel(pthread_self());
+    };
+    const struct {
+        int call;
+        Step body;
+    } rows[] = {
+        {FAKE_MKFIFO, loop},
+        {FAKE_OPEN, loop},
+        {FAKE_CLOSE, loop},
+        {FAKE_WRITE, loop},
+        {FAKE_WRITE, [&] { event_timer_add_mc(other.context, note_timer, nullptr, kHour); }},
+        {FAKE_WRITE, [] { raise(SIGUSR1), signalled.acquire(); }},
+        {FAKE_PTHREAD_CREATE, [] { event_loop_async_start(), event_loop_async_stop(); }},
+        {FAKE_COND_WAIT, [] { event_loop_async_start(), event_loop_async_stop(); }},
+        {FAKE_PTHREAD_JOIN, [] { event_loop_async_start(), event_loop_async_stop(); }},
+        {FAKE_CALLS, end_waits},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(&row - rows);
+        bool finished = false;
+        const Step body = [&] {
+            if (row.call != FAKE_CALLS) at_call(row.call, [] { pthread_cancel(pthread_self()); });
+            row.body();
+            finished = true;
+            pthread_testcancel();
+        };
+        pthread_t thread;
+        const auto run = [](void* step) -> void* { return run_timer(step), nullptr; };
+        ASSERT_EQ(0, pthread_create(&thread, nullptr, run, const_cast<Step*>(&body)));
+        void* result;
+        pthread_join(thread, &result);
+        EXPECT_TRUE(finished && result == PTHREAD_CANCELED);
+        loop();
+    }
+    other.end();
+    event_mc_free(other.context);
+}
+
+// What a child of fork() may do with the library, and it has nobody to wait for.
+void use_in_child(event_loop_ctx_tp idle) {
+    alarm(20);
+    for (event_loop_ctx_tp context : {event_loop_ctx_tp(), idle, event_mc_init()}) {
+        Step cancel = [=] { context ? cancel_loop_mc(context) : cancel_loop(); };
+        Step timer = [&] { raise(SIGUSR1); };
+        if (context) {
+            event_timer_add_mc(context, run_timer, &timer, 0);
+            event_signal_add_mc(context, run_signal, &cancel, SIGUSR1);
+            event_fd_del_mc(context, 777);
+            if (et_event_loop_mc(context) != 0) _exit(1);
+        } else {
+            event_timer_add(run_timer, &timer, 0);
+            event_signal_add(run_signal, &cancel, SIGUSR1);
+            if (et_event_loop() != 0) _exit(2);
+        }
+    }
+#if !defined(__SANITIZE_THREAD__)  // It knows no threads in such a child.
+    if (event_loop_async_start() != 0 || event_loop_async_stop() != 0) _exit(3);
+#endif
+    recursive_mutex own = RECURSIVE_MUTEX_INITIALIZER;
+    recursive_mutex_lock(&own);
+    recursive_mutex_unlock(&own);
+}
+
+int status_of(pid_t pid) {
+    int status = -1;
+    waitpid(pid, &status, 0);
+    return status;
+}
+
+// A thread is parked inside the library. It goes on when the library hears of the fork, so that the
+// fork can wait for it, or else after the fork.
+TEST(Fork, ChildCanUseWhatAnotherThreadWasChanging) {
+    static event_loop_ctx_tp idle, other;
+    static recursive_mutex mutex = RECURSIVE_MUTEX_INITIALIZER;
+    const Step loop = [] { et_event_loop_mc(other); };
+    const struct {
+        int call;
+        Step body;
+    } rows[] = {
+        {FAKE_MUTEX_TRYLOCK, [] { recursive_mutex_lock(&mutex), recursive_mutex_unlock(&mutex); }},
+        {FAKE_MKFIFO, loop},
+        {FAKE_CLOSE, loop},
+        {FAKE_FREE, [] { event_timer_del_mc(idle, note_timer, nullptr); }},
+        {FAKE_SIGACTION, [] { event_signal_add_mc(idle, note_signal, nullptr, SIGUSR2); }},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(&row - rows);
+        run_isolated([&row] {
+            Semaphore parked(0), resume(0);
+            Step cancel = [] { cancel_loop_mc(other); };
+            idle = event_mc_init(), other = event_mc_init();
+            event_timer_add_mc(idle, note_timer, nullptr, kHour);
+            event_timer_add_mc(other, run_timer, &cancel, 0);
+            at_call(row.call, [&] { parked.release(), resume.acquire(); });
+            std::thread parked_thread(row.body);
+            parked.acquire();
+            at_call(FAKE_FORK, [&] { resume.release(); });
+            const pid_t pid = fork_process([] { use_in_child(idle); });
+            resume.release();
+            EXPECT_EQ(0, status_of(pid));
+            parked_thread.join();
+            EXPECT_EQ(0, drive(other).result);
+        });
+    }
+}
+
+// In a handler, and beside a thread that is in one.
+ISOLATED_TEST(Fork, ChildHasNoLoopAndWritesToNoChannel) {
+    static event_loop_ctx_tp idle = event_mc_init(), other;
+    static int messages;
+    Runner runner;
+    other = runner.context;
+    Semaphore in_handler(0), leave(0);
+    Step wait = [&] { in_handler.release(), leave.acquire(); };
+    event_signal_add_mc(other, run_signal, &wait, SIGUSR2);
+    raise(SIGUSR2);
+    in_handler.acquire();
+    Step fork_and_look = [&] {
+        const pid_t pid = fork_process([] {
+            fakes.before_message = [](int, size_t) { messages++; };
+            bool none = is_event_loop_thread() == 0 && do_events(0) == -1;
+            event_timer_add(note_timer, nullptr, kHour);
+            none &= event_timer_exists(note_timer, nullptr) == 1;
+            event_fd_del(777);
+            event_signal_del_mc(other, SIGUSR1);
+            cancel_loop_mc(other);
+            cancel_loop();
+            raise(SIGUSR2);
+            if (!none || messages != 0) _exit(4);
+            use_in_child(idle);
+            use_in_child(other);
+        });
+        EXPECT_EQ(0, status_of(pid));
+        EXPECT_EQ(1, is_event_loop_thread());
+        trace += "h";
+    };
+    const int fd = ready_descriptor();
+    Step by_descriptor = [&] { event_fd_del(fd), fork_and_look(), raise(SIGUSR1); };
+    Step by_signal = [&] { fork_and_look(), event_timer_add(run_timer, &fork_and_look, 0); };
+    event_fd_add(run_fd, &by_descriptor, fd, EVENT_FD_READ);
+    event_signal_add(run_signal, &by_signal, SIGUSR1);
+    EXPECT_EQ(0, drive(nullptr).result);
+    EXPECT_EQ("hhh", trace);
+    Step return_into_the_loop = [] {
+        if (fork() != 0) return cancel_loop();
+        trace = "child";
+    };
+    event_timer_add(run_timer, &return_into_the_loop, 0);
+    const int result = et_event_loop();
+    if (trace == "child") _exit(result == -1 && errno == ECANCELED ? 0 : 5);
+    EXPECT_EQ(0, status_of(-1));
+    leave.release();
+    runner.end();
+}
+
+// The default loop's starts and stops, beside one another.
+ISOLATED_TEST(StartStop, StartBesideACancelledLoopIsBusy) {
+    Step start = [] {
+        errno = 0;
+        EXPECT_EQ(-1, event_loop_async_start());
+        EXPECT_EQ(EBUSY, errno);
+    };
+    Step cancel_and_start = [&] { cancel_loop(), start(), std::thread(start).join(); };
+    event_timer_add(run_timer, &cancel_and_start, 0);
+    EXPECT_EQ(0, et_event_loop());
+    EXPECT_EQ(0, fakes.threads);
+    EXPECT_EQ(0, event_timer_exists(event_loop_wait_for_async_loop_ready, nullptr));
+    EXPECT_EQ(0, event_loop_async_start());
+    EXPECT_EQ(0, event_loop_async_stop());
+}
+
+// What another thread does while one is parked in a start or a stop of the default loop.
+void expect_start(int error) {
+    errno = 0;
+    EXPECT_EQ(error ? -1 : 0, event_loop_async_start());
+    EXPECT_EQ(error, errno);
+}
+
+// One stop has cancelled the loop, and waits for a handler. Then another stop or a start comes, which
+// waits in a lock: nobody can see it there, so it has its chance to return before the handler ends.
+ISOLATED_TEST(StartStop, BothWaitForTheLastHandler) {
+    for (const bool start : {false, true}) {
+        Semaphore in_handler(0), joining(0), leave(0);
+        std::atomic<bool> left(false);
+        Step slow = [&] {
+            in_handler.release(), leave.acquire();
+            left = true;
+        };
+        expect_start(0);
+        event_timer_add(run_timer, &slow, 0);
+        in_handler.acquire();
+        const auto stop = [&] {
+            EXPECT_EQ(0, event_loop_async_stop());
+            EXPECT_TRUE(left);
+        };
+        at_call(FAKE_PTHREAD_JOIN, [&] { joining.release(); });
+        std::thread first(stop);
+        joining.acquire();
+        at_call(FAKE_CANCELSTATE, [&] { leave.release(); });
+        std::thread second([&] {
+            start ? expect_start(0) : stop();
+            EXPECT_TRUE(left);
+            leave.release();
+        });
+        first.join();
+        second.join();
+        EXPECT_EQ(0, event_loop_async_stop());
+    }
+}
+
+// The stop finds a thread that has been made and hasn't begun.
+ISOLATED_TEST(StartStop, StopEndsTheLoopThatIsBeingStarted) {
+    Semaphore made(0), begin(0);
+    at_call(FAKE_MKFIFO, [&] { made.release(), begin.acquire(); });
+    at_call(FAKE_COND_WAIT, [&] { made.release(); });
+    std::thread starter([] { event_loop_async_start(); });
+    for (int n = 0; n < 2; n++) made.acquire();
+    for (const int call : {FAKE_PTHREAD_JOIN, FAKE_CANCELSTATE})
+        at_call(call, [&] { begin.release(); });
+    EXPECT_EQ(0, event_loop_async_stop());
+    starter.join();
+    EXPECT_EQ(0, event_loop_async_stop());
+    EXPECT_EQ(0, fakes.threads);
+}
+
+// A synchronous loop begins when the thread is about to be made.
+ISOLATED_TEST(StartStop, StartBesideASynchronousLoopIsBusy) {
+    Semaphore running(0);
+    Step tell = [&] { running.release(); };
+    std::thread synchronous;
+    at_call(FAKE_PTHREAD_CREATE, [&] {
+        event_timer_add(run_timer, &tell, 0);
+        synchronous = std::thread([] { EXPECT_EQ(0, et_event_loop()); });
+        running.acquire();
+    });
+    expect_start(EBUSY);
+    EXPECT_EQ(0, event_timer_exists(event_loop_wait_for_async_loop_ready, nullptr));
+    cancel_loop();
+    synchronous.join();
+    expect_start(0);
+    EXPECT_EQ(0, event_loop_async_stop());
+}
+
+// A loop starts when the stop has cancelled the former one, which has ended, and waits for its thread.
+ISOLATED_TEST(StartStop, StopLeavesALaterLoopAlone) {
+    static Semaphore step(0);
+    static thread_local bool is_later_loop;
+    Step tell = [] { step.release(); };
+    std::thread later;
+    expect_start(0);
+    at_call(FAKE_PTHREAD_JOIN, [&] {
+        fakes.on_select = [](int nfds, fd_set* rset, fd_set* wset, fd_set* eset, timeval* tv) {
+            if (std::exchange(is_later_loop, false)) step.release();
+            return real_select(nfds, rset, wset, eset, tv);
+        };
+        later = std::thread([&] {
+            is_later_loop = true;
+            while (et_event_loop() != 0) EXPECT_EQ(EBUSY, errno);  // The former one is ending.
+        });
+        step.acquire();
+    });
+    EXPECT_EQ(0, event_loop_async_stop());
+    for (int n = 0; n < 2; n++) {
+        event_timer_add(run_timer, &tell, 0);  // Wakes the loop, which would see a flag of 0.
+        step.acquire();
+    }
+    cancel_loop();
+    later.join();
+}
+
+ISOLATED_TEST(Channel, LoggerMayRunALoop) {
+    fakes.on_log = [] {
+        fakes.fail[FAKE_MKFIFO] = 0;
+        fakes.on_log = nullptr;
+        std::thread([] { EXPECT_EQ(0, drive(event_mc_init()).result); }).join();
+    };
+    fakes.fail[FAKE_MKFIFO] = EACCES;
+    EXPECT_EQ(-1, et_event_loop());
+    EXPECT_EQ(EACCES, errno);
+    EXPECT_EQ(nullptr, reinterpret_cast<void*>(fakes.on_log));
+}
+
+// Text that a daemon without standard descriptors prints is no message.
+ISOLATED_TEST(Channel, LeavesTheStandardDescriptorsFree) {
+    const int numbers[] = {0, 1, 2};
+    int saved[3];
+    for (const int fd : numbers) saved[fd] = fcntl(fd, F_DUPFD, 10), close(fd);
+    bool is_free = true;
+    Step print = [&] {
+        for (const int fd : numbers) is_free &= write(fd, "Test", 4) == -1 && errno == EBADF;
+        EXPECT_EQ(0, do_events(0));
+        cancel_loop();
+    };
+    event_timer_add(run_timer, &print, 0);
+    event_signal_add(note_signal, arg("s"), 'T' - 'S');
+    const int result = et_event_loop();
+    for (const int fd : numbers) dup2(saved[fd], fd), close(saved[fd]);
+    EXPECT_TRUE(result == 0 && is_free);
+    EXPECT_EQ("", trace);
+}
+
+// Whoever has opened the FIFO while it had a name has no end of the channel.
+ISOLATED_TEST(Channel, CannotBeOpenedByItsName) {
+    static int stolen = -1;
+    at_call(FAKE_UNLINK, [] {
+        stolen = open(("/tmp/evtloop" + std::to_string(getpid())).c_str(), O_RDWR | O_NONBLOCK);
+    });
+    char message[1 + sizeof(siginfo_t)] = {'S' + SIGTERM};
+    event_signal_add(note_signal, arg("forged"), SIGTERM);
+    EXPECT_EQ(0, drive(nullptr, {[&] {
+                           EXPECT_EQ(sizeof message, write(stolen, message, sizeof message));
+                           EXPECT_EQ(sizeof message, read(stolen, message, sizeof message));
+                           event_timer_del(note_timer, nullptr);
+                           EXPECT_EQ(-1, read(stolen, message, sizeof message));
+                       }})
+                     .result);
+    EXPECT_EQ("", trace);
+}
+
+}  // namespace
