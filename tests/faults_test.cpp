@@ -465,7 +465,7 @@ const Operation kOperations[] = {
               {FAKE_WAIT4, kGoesOn},
               {FAKE_EXEC, kGoesOn}})},  // A command that fails counts as a run.
     {"output", get_output, {{FAKE_FREAD, kEither}, {FAKE_ALLOC, kEither}, {FAKE_FCNTL, kGoesOn}}},
-    {"mount_point", find_mount_point, {{FAKE_ALLOC, kEither}}},
+    {"mount_point", find_mount_point, {{FAKE_ALLOC, kEither}, {FAKE_FCNTL, kGoesOn}}},
     {"pid_file",
      make_pid_file,
      {{FAKE_OPEN, kExits1},

@@ -10,6 +10,7 @@
 #include <climits>
 #include <cstring>
 #include <fstream>
+#include <set>
 #include <sstream>
 
 #include "support/harness.h"
@@ -23,6 +24,7 @@ using namespace tessra_test;
 namespace {
 
 FILE* mount_table;
+int mount_table_flags;  // Of its descriptor, when it was closed.
 
 std::string owned(char* text) {
     const std::string copy = text ? text : "null";
@@ -47,6 +49,10 @@ struct TempFile {
 extern "C" {
 FILE* setmntent(const char* path, const char*) __THROW {
     return strcmp(path, "/etc/mtab") == 0 ? mount_table : nullptr;
+}
+int endmntent(FILE* table) __THROW {
+    mount_table_flags = fcntl(fileno(table), F_GETFD);
+    return fclose(table), 1;
 }
 }
 
@@ -87,15 +93,42 @@ ISOLATED_TEST(DeviceEnvironment, VariableOrRevisionIsReadWrongly) {
     }
 }
 
+// The directories of a table as glibc reads it; of other C libraries none, they decode less.
+std::set<std::string> directories_by_libc([[maybe_unused]] const char* table) {
+    std::set<std::string> directories;
+#if __GLIBC_PREREQ(2, 31)
+    FILE* const file = fopen(table, "r");
+    while (const mntent* entry = getmntent(file)) directories.insert(entry->mnt_dir);
+    fclose(file);
+#endif
+    return directories;
+}
+
 TEST(MountPoint, PathIsFoundOrMissed) {
     const std::string x(4096, 'x');
     const TempFile table("dev / ext4 rw 0 0\n#dev /no ext4 rw 0 0\ndev /a\\040b ext4 rw 0 0\n\n" +
                          x.substr(9) + " /long x" + x + " /no\n" + x.substr(5) +
-                         " /not cut\none\ndev\t/\\134040\\08");
+                         " /not cut\none\n" +
+                         R"(dev /\\040\\\\134\134\011\0128\01\ ext4 rw
+a /x\101\043\000 ext4 rw
+  \043a	/hash	ext4 	ignore
+  #a /no ext4 rw
+a /auto autofs rw,direct,ignore,pipe_ino=1 0 0
+a /auto1 autofs ignore=1
+a /direct autofs rw ignore
+a /bare autofs
+dev	/\134040\08)");
+    const std::set<std::string> by_libc = directories_by_libc(table.name());
+    // Found or missed, then the same of glibc, which cuts long lines and has an entry without a
+    // directory.
     for (const char* path :
-         {"+/", "+/a b", "+/long", "+/\\040\\08", "-/a b/", "-/a", "-/no", "-one", "-"}) {
+         {"++/", "++/a b", "++/long", "+-/not", "-+/no", "-+", "--one", "--/a", "--/a b/",
+          "++/\\040\\\\134\\\t\n8\\01\\", "++/x\\101\\043\\000", "--/x", "++/hash", "--/auto",
+          "--/auto1", "++/direct", "++/bare", "++/\\040\\08"}) {
         mount_table = fopen(table.name(), "r");
-        EXPECT_EQ(*path == '+', is_mountpoint(path + 1)) << path;
+        EXPECT_EQ(path[0] == '+', is_mountpoint(path + 2)) << path;
+        EXPECT_EQ(FD_CLOEXEC, mount_table_flags);
+        if (!by_libc.empty()) EXPECT_EQ(path[1] == '+', by_libc.count(path + 2) == 1) << path;
     }
     mount_table = nullptr;
     EXPECT_TRUE(is_mountpoint("/") == 0 && is_mountpoint(nullptr) == 0);

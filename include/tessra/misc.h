@@ -129,10 +129,15 @@ void get_hw_rev(int* major, int* minor);
  *
  * Compares the text with what the table has, no more: no trailing slash, no symbolic link, no
  * relative path. Blanks, tabs, newlines and backslashes, which the table has as \\040, \\011, \\012
- * and \\134, are compared as themselves. Of a line of more than 4095 bytes the rest is ignored.
+ * and \\134, are compared as themselves, and two backslashes of the table are one. A file system of
+ * the type autofs with the mount option "ignore" doesn't count, as for getmntent() of glibc.
  *
- * Threads: any, at the same time. Memory: a buffer of 4 KiB on the stack, and the C library's for a
- * file. Blocks: as long as reading the table takes.
+ * The table's descriptor is closed on exec. With uClibc and musl a process that another thread
+ * starts while the table is being opened can inherit it.
+ *
+ * Threads: any, at the same time. Memory: a block for the longest line and what the C library takes
+ * for a file, freed before the return. If memory runs out, the table can't be read. Blocks: as long
+ * as reading the table takes.
  */
 int is_mountpoint(const char* path);
 

@@ -1,8 +1,10 @@
 // The table of mounted file systems.
 
+#include <fcntl.h>
 #include <mntent.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "internal/guards.h"
@@ -11,60 +13,72 @@ namespace tessra {
 
 namespace {
 
-bool is_octal(char digit) { return digit >= '0' && digit <= '7'; }
-
-// The kernel writes \040 for a space, and likewise what else would break the line apart.
-void decode(char* text) {
-    char* to = text;
-    for (const char* from = text; *from != 0; ++to) {
-        if (from[0] == '\\' && is_octal(from[1]) && is_octal(from[2]) && is_octal(from[3])) {
-            *to = static_cast<char>((from[1] - '0') * 64 + (from[2] - '0') * 8 + (from[3] - '0'));
-            from += 4;
-        } else {
-            *to = *from++;
+// Whether a field of the table stands for this text. A blank, a tab, a newline and a backslash are
+// octal numbers in the table, or a backslash is two. Any other backslash is itself.
+bool field_is(const char* field, const char* text) {
+    for (;; ++text) {
+        char character = *field++;
+        if (character == '\\') {
+            const char* code = "040 011\t012\n134\\";
+            while (*code != 0 && strncmp(field, code, 3) != 0) code += 4;
+            if (*code != 0) {
+                character = code[3];
+                field += 3;
+            } else if (*field == '\\') {
+                ++field;
+            }
         }
+        if (character != *text) return false;
+        if (character == 0) return true;
     }
-    *to = 0;
 }
 
-// Not by getmntent_r(): some C libraries leave \040 as it is, and take the rest of a line that is
-// longer than the buffer for the next one.
+// Whether a line of the table is an entry for the directory; the line is taken apart. An autofs
+// file system with the option "ignore" asks programs to pass over its entry. Some versions of
+// hasmntopt() also find the word inside another option, but the kernel writes no such option.
+bool is_entry_of(char* line, const char* path) {
+    char* fields[4];
+    char* position = nullptr;
+    for (char*& field : fields) {
+        field = strtok_r(line, " \t\n", &position);
+        line = nullptr;
+    }
+    const auto& [device, directory, type, options] = fields;
+    if (directory == nullptr || *device == '#') return false;
+    struct mntent entry;
+    entry.mnt_opts = options;
+    if (options != nullptr && strcmp(type, "autofs") == 0 &&
+        hasmntopt(&entry, "ignore") != nullptr) {
+        return false;
+    }
+    return field_is(directory, path);
+}
+
+// Not read by getmntent_r(): some C libraries leave \040 as it is, know nothing of "ignore", and
+// take the rest of a line that is longer than the buffer for the next one.
 class MountTable : NotCopyable {
 public:
     MountTable() : file_(setmntent("/etc/mtab", "r")) {}
     ~MountTable() {
         if (file_ != nullptr) (void)endmntent(file_);
+        free(line_);
     }
 
-    // False at the end of the table.
-    bool next(const char*& directory) {
-        while (file_ != nullptr && fgets(line_, sizeof line_, file_) != nullptr) {
-            const bool cut = skip_rest_of_line();
-            char* position = nullptr;
-            const char* const device = strtok_r(line_, kBlanks, &position);
-            char* const field = strtok_r(nullptr, kBlanks, &position);
-            if (field == nullptr || *device == '#') continue;
-            if (cut && strtok_r(nullptr, kBlanks, &position) == nullptr) continue;
-            decode(field);
-            directory = field;
-            return true;
+    bool has(const char* path) {
+        if (file_ == nullptr) return false;
+        // setmntent() itself does this in glibc only. With other C libraries a process that another
+        // thread starts between the two calls inherits the descriptor.
+        (void)fcntl(fileno(file_), F_SETFD, FD_CLOEXEC);
+        while (getline(&line_, &line_size_, file_) != -1) {
+            if (is_entry_of(line_, path)) return true;
         }
         return false;
     }
 
 private:
-    static constexpr char kBlanks[] = " \t\n";
-
-    // True if there was one.
-    bool skip_rest_of_line() {
-        if (strchr(line_, '\n') != nullptr) return false;
-        bool cut = false;
-        for (int c = fgetc(file_); c != EOF && c != '\n'; c = fgetc(file_)) cut = true;
-        return cut;
-    }
-
     FILE* file_;
-    char line_[4096];
+    char* line_ = nullptr;
+    size_t line_size_ = 0;
 };
 
 }  // namespace
@@ -74,9 +88,5 @@ private:
 int is_mountpoint(const char* path) {
     if (path == nullptr) return 0;
     tessra::MountTable table;
-    const char* directory = nullptr;
-    while (table.next(directory)) {
-        if (strcmp(directory, path) == 0) return 1;
-    }
-    return 0;
+    return table.has(path) ? 1 : 0;
 }
