@@ -469,6 +469,7 @@ const Operation kOperations[] = {
     {"pid_file",
      make_pid_file,
      {{FAKE_OPEN, kExits1},
+      {FAKE_CLOSE, kGoesOn},
       {FAKE_FCNTL, kExits1},
       {FAKE_FTRUNCATE, kExits1},
       {FAKE_WRITE, kExits1},

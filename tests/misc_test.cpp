@@ -2,11 +2,13 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <mntent.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <fstream>
@@ -244,6 +246,39 @@ TEST(PidFile, FailureHasAnotherMessage) {
         {sealed, "ERROR: Writing to PID file '" + sealed + "'\n"}};
     for (const auto& [path, output] : rows)
         EXPECT_EQ(output, run_child([&p = path] { createPidFile("", p.c_str(), 1); }).output);
+}
+
+void limit_descriptors(rlim_t limit) {
+    rlimit limits;
+    getrlimit(RLIMIT_NOFILE, &limits);
+    limits.rlim_cur = std::min(limit, limits.rlim_max);
+    setrlimit(RLIMIT_NOFILE, &limits);
+}
+
+// Closes the first descriptors, and sets a limit, which is gone at the exit: sanitizers want a few.
+void leave_descriptors(int closed, rlim_t limit) {
+    atexit([] { limit_descriptors(1024); });
+    for (int fd = 0; fd < closed; fd++) close(fd);
+    limit_descriptors(limit);
+}
+
+TEST(PidFile, StandardNumberIsNeverTaken) {
+    const TempFile file("old\n");
+    const std::string none = file.path + "-none";
+    for (const std::string& path : {file.path, none})
+        EXPECT_EQ("ERROR [EMFILE Too many open files] Could not open PID file " + path + '\n',
+                  run_child([&] {
+                      leave_descriptors(1, 3);
+                      createPidFile("", path.c_str(), 0);
+                  }).output);
+    EXPECT_EQ("old\n", file.text());
+    EXPECT_EQ(-1, access(none.c_str(), F_OK));
+    const ChildEnd last = run_child([&] {
+        leave_descriptors(4, 4);
+        EXPECT_EQ(3, createPidFile("", file.name(), 0));
+        for (int fd = 0; fd < 3; fd++) EXPECT_EQ(-1, fcntl(fd, F_GETFD));
+    });
+    EXPECT_TRUE(last.completed);
 }
 
 ISOLATED_TEST(RegionLocks, RegionIsLockedOtherwise) {

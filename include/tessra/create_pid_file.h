@@ -31,6 +31,10 @@ enum {
  * closes the descriptor. Trap: opening and closing the file anywhere else in the process, if only
  * to read it, drops the lock. A child of fork() doesn't have it, so call this after daemonising.
  *
+ * The descriptor is never a standard one: if 0, 1 or 2 is closed, that number stays free. If no
+ * other number is left, the process ends with the line of a failed open, EMFILE. Then no file is
+ * made, and a file that exists is left as it is.
+ *
  * Failure: it doesn't return. The process ends with a line on standard error by errExit() or
  * fatal() (error_functions.h), status 1. If another process holds the lock, the line is "ERROR: PID
  * file 'FILE' is locked; probably 'NAME' is already running", and the file is left as it is.

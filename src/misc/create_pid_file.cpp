@@ -17,15 +17,22 @@ namespace tessra {
 namespace {
 
 // Never a standard descriptor, should they be closed: what is printed, the message about the lock
-// first, would go into the file. It moves before it is locked, since closing drops the lock.
+// first, would go into the file. So "/" takes the free standard numbers while the file is opened.
+// The file isn't opened first and moved then: a move can fail, and the file would have been made.
 int open_pid_file(const char* path) {
-    int fd = open(path, O_RDWR | O_CREAT, S_IRUSR | S_IWUSR);
-    if (fd != -1 && fd <= STDERR_FILENO) {
-        const int standard = fd;
-        fd = fcntl(standard, F_DUPFD, STDERR_FILENO + 1);
-        (void)close(standard);
+    int taken[STDERR_FILENO + 1];
+    int count = 0;
+    int fd;
+    for (;; ++count) {
+        fd = open("/", O_PATH | O_CLOEXEC);
+        if (fd == -1) errExit("Could not open PID file %s", path);
+        if (fd > STDERR_FILENO || count > STDERR_FILENO) break;
+        taken[count] = fd;
     }
+    (void)close(fd);
+    fd = open(path, O_RDWR | O_CREAT, S_IRUSR | S_IWUSR);
     if (fd == -1) errExit("Could not open PID file %s", path);
+    while (count > 0) (void)close(taken[--count]);
     return fd;
 }
 
