@@ -22,33 +22,39 @@ std::string printed(const std::string& text) {
     return testing::internal::GetCapturedStderr();
 }
 
-// `highest` is the highest level of zone 6 that is wanted, 0 for none.
+// `highest` is the highest level of zone 6 that is wanted, `other` that of zones -1 and 0. 0 stands
+// for none.
 TEST(Liblog, RuleIsReadWrong) {
     const struct {
         const char* rules;
-        int highest;
+        int highest, other = 0;
     } rows[] = {
-        {nullptr, 1},
-        {"", 0},
+        {nullptr, 1, 1},
+        {"", 1, 1},  // As by "TESSRA_LOG= program": nobody asked for silence.
         {"off", 0},
         {"6:2", 2},
-        {"all:3", 3},
+        {"all:3", 3, 3},
         {"7:2", 0},
         {"60:2", 0},
         {"16:2", 0},  // A zone is compared whole.
-        {"all:1,6:3", 3},
-        {"6:3,all:1", 1},  // The last rule that fits counts, not the narrowest.
+        {"all:1,6:3", 3, 1},
+        {"6:3,all:1", 1, 1},  // The last rule that fits counts, not the narrowest.
         {"6:3,off", 0},
         {"6:3,7:1", 3},
         {"6:2x", 0},
         {"6:2,6:", 2},  // What can't be read changes nothing, and hides no other rule.
-        {"6:2,:,,all:,all,offf,6:-1,6:,6", 2},
-        {"6:99999999999999999999", 2147483647},
+        {"6:2,:,:2,-1:2,,all:,all,offf,6:-1,6:,6", 2},
+        {"6:99999999999999999999,99999999999999999999:0", 2147483647},
     };
-    for (const auto& [rules, highest] : rows) {
+    for (const auto& [rules, highest, other] : rows) {
         set_rules(rules);
+        errno = ENOENT;
         for (const int level : {1, highest, highest == 2147483647 ? 1 : highest + 1})
             EXPECT_EQ(level > 0 && level <= highest, logzone_enabled(kZone, level) != 0) << rules;
+        for (const int zone : {-1, 0})
+            for (const int level : {1, other + 1})
+                EXPECT_EQ(level <= other, logzone_enabled(zone, level) != 0) << rules << zone;
+        EXPECT_EQ(ENOENT, errno) << rules;
     }
 }
 

@@ -2,13 +2,14 @@
 // rules separated by commas, of which the last one that fits a zone counts.
 //
 //     6:2        zone 6 up to level 2
-//     all:1      every zone up to level 1; what counts when the variable isn't set
+//     all:1      every zone up to level 1; what counts when the variable isn't set or is empty
 //     all:1,6:3  zone 6 up to level 3, the others up to level 1
 //     off        nothing
 //
 // Levels begin at 1, the most important. A zone that no rule fits is silent, and a rule that can't
-// be read fits none.
+// be read fits none. Nothing here changes errno, which is why numbers aren't read by strtol().
 #include <limits.h>
+#include <stdbool.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -18,32 +19,35 @@ static const char kAllZones[] = "all:";
 
 enum { kDefaultLevel = 1, kNoRule = -1 };
 
-// Reads a decimal number of at least one digit; *text moves behind it. Returns -1 if none is there.
-static int read_number(const char** text) {
-    if (**text < '0' || **text > '9') return -1;
-    char* end;
-    const long number = strtol(*text, &end, 10);
-    *text = end;
-    return number > INT_MAX ? INT_MAX : (int)number;
+// Reads a decimal number, INT_MAX for a larger one; *text moves behind it. Returns false if there
+// is no digit.
+static bool read_number(const char** text, int* number) {
+    const char* const begin = *text;
+    *number = 0;
+    for (; **text >= '0' && **text <= '9'; ++*text) {
+        const int digit = **text - '0';
+        *number = *number > (INT_MAX - digit) / 10 ? INT_MAX : *number * 10 + digit;
+    }
+    return *text != begin;
 }
 
 // Returns the highest wanted level of the zone after one rule, or kNoRule if the rule doesn't fit.
 static int level_of_rule(const char* rule, size_t length, int zone) {
     if (length == 3 && strncmp(rule, "off", length) == 0) return 0;
     const char* const end = rule + length;
+    int number;
     if (strncmp(rule, kAllZones, sizeof kAllZones - 1) == 0) {
         rule += sizeof kAllZones - 1;
     } else {
-        if (read_number(&rule) != zone || *rule != ':') return kNoRule;
+        if (!read_number(&rule, &number) || number != zone || *rule != ':') return kNoRule;
         ++rule;
     }
-    const int level = read_number(&rule);
-    return rule == end ? level : kNoRule;
+    return read_number(&rule, &number) && rule == end ? number : kNoRule;
 }
 
 int logzone_enabled(int zone, int level) {
     const char* rule = getenv("TESSRA_LOG");
-    if (rule == NULL) return level <= kDefaultLevel;
+    if (rule == NULL || *rule == '\0') return level <= kDefaultLevel;
     int highest = 0;
     for (;;) {
         const size_t length = strcspn(rule, ",");
