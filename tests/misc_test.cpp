@@ -72,10 +72,11 @@ TEST(SystemOutput, OutputIsCutOrChanged) {
 }
 
 ISOLATED_TEST(DeviceEnvironment, VariableOrRevisionIsReadWrongly) {
-    const TempFile fw("a=1\nname=x=y\n");
+    const TempFile fw("name\na=1\nname=x=y\n");
     setenv("PATH", (std::string(TESSRA_TOOLS ":") + getenv("PATH")).c_str(), 1);
     setenv("TESSRA_FW_ENV", fw.name(), 1);
     EXPECT_EQ("x=y", owned(get_fw_printenv("name")));
+    EXPECT_EQ("", owned(get_fw_printenv("name=x")));  // Not "x=y" or "y".
     const struct {
         const char* value;
         int major, minor;

@@ -9,12 +9,12 @@ if ! [ -r "$variables" ]; then
     exit 1
 fi
 while IFS= read -r line || [ -n "$line" ]; do
-    case $line in
-        "$2="*)
-            printf '%s\n' "${line#*=}"
-            exit 0
-            ;;
-    esac
+    # A name ends at the first "=" of its line, so one that holds "=" is never found.
+    value=${line#*=}
+    if [ "$line" = "$2=$value" ]; then
+        printf '%s\n' "$value"
+        exit 0
+    fi
 done <"$variables"
 echo "${0##*/}: no variable '$2'" >&2
 exit 1
