@@ -227,6 +227,43 @@ ISOLATED_TEST(Shell, WatcherAddedMeanwhileIsLostAtItsEnd) {
     rmdir(name);
 }
 
+void older(int) {}
+
+// One comes before the call, another while the command runs. Where the kernel can't close a
+// range, there are cancellation points between vfork() and exec.
+ISOLATED_TEST(Shell, CancelWaitsForTheEndOfTheCommand) {
+    char name[] = "/tmp/tessra-shell-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(name));
+    static const std::string fifo = std::string(name) + "/fifo";
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+    static struct fault no_range = {FAKE_SYSCALL, 1, ENOSYS, 0, {}};
+    fakes.fault = &no_range;
+    const int signals[] = {SIGINT, SIGQUIT, SIGCHLD};
+    for (const int signal : signals) ::signal(signal, older);
+    static int round, status, state_after;
+    for (round = 0; round < 2; round++) {
+        no_range.calls[FAKE_SYSCALL] = 0;
+        status = state_after = -1;
+        pthread_t caller;
+        const auto run = [](void*) -> void* {
+            if (round == 0) pthread_cancel(pthread_self());
+            status = event_system("read x < %s", fifo.c_str());
+            pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state_after);
+            return nullptr;
+        };
+        ASSERT_EQ(0, pthread_create(&caller, nullptr, run, nullptr));
+        const int running = open(fifo.c_str(), O_WRONLY);
+        if (round == 1) pthread_cancel(caller);
+        close(running);
+        pthread_join(caller, nullptr);
+        EXPECT_EQ(256, status);
+        EXPECT_EQ(PTHREAD_CANCEL_ENABLE, state_after);
+        for (const int signal : signals) EXPECT_EQ(older, ::signal(signal, older));
+    }
+    unlink(fifo.c_str());
+    rmdir(name);
+}
+
 // The uptime is the fake clock's.
 TEST(BackgroundTask, RunsTooEarlyTwiceOrNever) {
     const struct {

@@ -425,6 +425,10 @@ void event_loop_wait_for_async_loop_ready(void* arg);
  * meanwhile. A disposition that another thread sets meanwhile, as by a first watcher, stays, and so
  * does one that the system refuses to change.
  *
+ * Cancellation of the calling thread is disabled during the call. A pthread_cancel() acts at the
+ * thread's first cancellation point after it, when the command has ended and the dispositions are
+ * back.
+ *
  * Threads: any, but one call at a time, event_system_env() included. Blocks: until the shell ends;
  * on a loop's thread that holds up the whole loop.
  */

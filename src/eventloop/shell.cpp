@@ -140,6 +140,7 @@ int close_fds_system(const char* buffer, const char** env) {
 
 __attribute__((format(printf, 2, 0))) int format_and_run(const char** env, const char* format,
                                                          va_list arguments) {
+    const CancelDisabled no_cancel;  // The child calls cancellation points, too.
     char buffer[kCommandSize];
     (void)vsnprintf(buffer, sizeof buffer, format, arguments);
     return close_fds_system(buffer, env);

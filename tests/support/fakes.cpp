@@ -123,6 +123,9 @@ PLAIN int* __errno_location() __THROW {
     return REAL(__errno_location)();
 }
 
+// pthread_cancel() opens a library, and the loader keeps memory where LeakSanitizer doesn't look.
+const char* __lsan_default_suppressions() { return "leak:ld-linux"; }
+
 // What calloc() and realloc() of some C libraries call is neither counted nor made to fail.
 static __thread bool inside_allocator;
 
