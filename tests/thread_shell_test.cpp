@@ -147,6 +147,9 @@ TEST(Shell, StatusIsWrong) {
         EXPECT_EQ(row.status, event_system_env(row.env, "%s", row.command.c_str())) << row.command;
         if (!row.env) EXPECT_EQ(row.status, event_system("%s", row.command.c_str()));
     }
+    errno = 0;
+    EXPECT_EQ(-1, event_system("exit 0; %ls", L"\x20ac"));
+    EXPECT_EQ(EILSEQ, errno);
 }
 
 ISOLATED_TEST(Shell, DescriptorReachesTheChild) {
@@ -278,6 +281,9 @@ TEST(BackgroundTask, RunsTooEarlyTwiceOrNever) {
             setenv("TESSRA_TASK", path, 1);
             bg_task_t task = {command, row.minimum_delay, row.last_ran};
             set_clock(100000);
+            errno = 0;
+            run_bg_task(nullptr);
+            EXPECT_EQ(EINVAL, errno);
             for (int n = 0; n < 3; n++) run_bg_task(&task);
             drive(nullptr);
             EXPECT_EQ(row.runs_at, task.last_ran);

@@ -415,8 +415,9 @@ void event_loop_wait_for_async_loop_ready(void* arg);
  *                The text goes to a shell: never let foreign text into it unquoted.
  *
  * Returns the raw wait status of the shell: use WIFEXITED() and its likes; exit code 127 if the
- * shell couldn't be started. Returns -1 if no process could be made or the wait failed; after a
- * wait that a signal interrupted, the command may still be running.
+ * shell couldn't be started. Returns -1 with the errno of the failing call if vsnprintf() can't
+ * format the command line (nothing runs), if no process could be made or if the wait failed. After
+ * a wait that a signal interrupted, the command may still be running.
  *
  * The command inherits the descriptors 0, 1 and 2 and no others: all below the hard limit of
  * RLIMIT_NOFILE (1024 if there is none) are closed. Signals that the library catches are back at
@@ -464,8 +465,8 @@ typedef struct {
  * meanwhile is noticed only when another one ends. Its status is dropped, and a failing command
  * counts as a run.
  *
- * Failure: ENOMEM. Threads: any; two requests made at the same moment on two threads can make two
- * runs, minimum_delay apart. Blocks: never for long.
+ * Failure: ENOMEM; EINVAL if @p tospawn is NULL. Threads: any; two requests made at the same moment
+ * on two threads can make two runs, minimum_delay apart. Blocks: never for long.
  */
 void run_bg_task(bg_task_t* tospawn);
 

@@ -142,7 +142,7 @@ __attribute__((format(printf, 2, 0))) int format_and_run(const char** env, const
                                                          va_list arguments) {
     const CancelDisabled no_cancel;  // The child calls cancellation points, too.
     char buffer[kCommandSize];
-    (void)vsnprintf(buffer, sizeof buffer, format, arguments);
+    if (vsnprintf(buffer, sizeof buffer, format, arguments) < 0) return -1;
     return close_fds_system(buffer, env);
 }
 
@@ -191,6 +191,10 @@ int event_system_env(const char** env, const char* format, ...) {
 }
 
 void run_bg_task(bg_task_t* tospawn) {
+    if (tospawn == nullptr) {
+        errno = EINVAL;
+        return;
+    }
     if (event_timer_exists(task_spawn_timer, tospawn)) return;
     event_timer_add(task_spawn_timer, tospawn, 0);
 }
