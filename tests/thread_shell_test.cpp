@@ -14,6 +14,7 @@
 #include <semaphore>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 #include "support/harness.h"
 
@@ -121,7 +122,7 @@ ISOLATED_TEST(Thread, StopReturnsBeforeTheHandlerOrHangs) {
     EXPECT_EQ(0, event_loop_async_stop());
 }
 
-TEST(Shell, StatusIsWrong) {
+ISOLATED_TEST(Shell, StatusIsWrong) {
     static const std::string too_long(200000, '=');  // More than the kernel takes for a program.
     static const char *one[] = {"TESSRA_A=1 2", nullptr}, *none[] = {nullptr};
     static const char* no_program[] = {too_long.c_str(), nullptr};
@@ -141,8 +142,12 @@ TEST(Shell, StatusIsWrong) {
         {0, "test \"$TESSRA_B\" = mine"},
         {0, "kill -INT $PPID; kill -QUIT $PPID"},  // Ignored.
         {SIGINT, "kill -INT $$; exit 1"},          // Not ignored there.
+        {256, "kill -USR1 $$; exit 1"},            // Ignored there as well.
+        {SIGUSR2, "kill -USR2 $$; exit 1"},
     };
     setenv("TESSRA_B", "mine", 1);
+    for (const int each : {SIGUSR1, SIGUSR2}) event_signal_add(note_signal, nullptr, each);
+    signal(SIGUSR1, SIG_IGN);
     for (const auto& row : rows) {
         EXPECT_EQ(row.status, event_system_env(row.env, "%s", row.command.c_str())) << row.command;
         if (!row.env) EXPECT_EQ(row.status, event_system("%s", row.command.c_str()));
@@ -213,24 +218,66 @@ ISOLATED_TEST(Shell, WatchedSignalIsBrokenAfterwards) {
     EXPECT_EQ("iq", trace);
 }
 
-ISOLATED_TEST(Shell, WatcherAddedMeanwhileIsLostAtItsEnd) {
-    char name[] = "/tmp/tessra-shell-XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(name));
-    const std::string fifo = std::string(name) + "/fifo";
-    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
-    std::thread command([&] { EXPECT_EQ(256, event_system("read x < %s", fifo.c_str())); });
-    const int running = open(fifo.c_str(), O_WRONLY);
-    for (const int signal : {SIGINT, SIGQUIT, SIGCHLD})
-        event_signal_add(note_signal, arg("s"), signal);
-    close(running);
-    command.join();
-    drive(nullptr, {[] { raise(SIGINT), raise(SIGQUIT), raise(SIGCHLD); }});
-    EXPECT_EQ("sss", trace);
-    unlink(fifo.c_str());
-    rmdir(name);
+void older(int) {}
+void newer(int) {}
+
+void watch(int signal) { event_signal_add(note_signal, nullptr, signal); }
+void handle(int signal) { ::signal(signal, newer); }
+// As the command itself sets it.
+void set_alike(int signal) { ::signal(signal, signal == SIGCHLD ? SIG_DFL : SIG_IGN); }
+
+std::atomic<bool> newer_is_set;
+std::thread elsewhere;
+void watch_elsewhere(int signal) {
+    elsewhere = std::thread(watch, signal);
+    for (int n = 0; n < 20000 && !newer_is_set; n++) sched_yield();
 }
 
-void older(int) {}
+// Once another thread has set a disposition, the older one is not in place at any moment. Only one
+// that the daemon itself sets between the last look and the change is put back a moment later.
+ISOLATED_TEST(Shell, DispositionSetMeanwhileStays) {
+    static const struct {
+        const char* what;
+        void (*set)(int signal);
+        bool after_look = false;
+    } rows[] = {{"watched", watch},
+                {"handled", handle},
+                {"as the command sets it", set_alike},
+                {"handled after the look", handle, true},
+                {"watched after the look", watch_elsewhere, true}};
+    static const auto* row = rows;
+    static int signal;
+    static const pid_t daemon = getpid();
+    static const auto handler_now = [] {
+        struct sigaction now;
+        sigaction(signal, nullptr, &now);
+        return now.sa_handler;
+    };
+    static bool armed;
+    fakes.after_sigaction = [](int which, const struct sigaction* action) {
+        if (getpid() != daemon) return;
+        if (which == signal) {
+            if (action && action->sa_flags & SA_SIGINFO) newer_is_set = true;  // The catcher.
+            if (newer_is_set) EXPECT_NE(older, handler_now()) << row->what;
+        }
+        const bool all_set = action && which == SIGCHLD, looked = !action && which == signal;
+        if (!(row->after_look ? looked : all_set) || !std::exchange(armed, false)) return;
+        row->set(signal);
+        if (!row->after_look) newer_is_set = true;
+    };
+    for (; row < std::end(rows); row++) {
+        for (const int each : {SIGINT, SIGQUIT, SIGCHLD}) {
+            ::signal(signal = each, older);
+            newer_is_set = false, armed = true;
+            EXPECT_EQ(0, event_system(":"));
+            EXPECT_FALSE(armed);
+            if (elsewhere.joinable()) elsewhere.join();
+            EXPECT_NE(older, handler_now()) << row->what;
+            const auto uncaught = signal == SIGCHLD ? SIG_DFL : SIG_IGN;
+            EXPECT_EQ(row->set == set_alike, handler_now() == uncaught) << row->what;
+        }
+    }
+}
 
 // One comes before the call, another while the command runs. Where the kernel can't close a
 // range, there are cancellation points between vfork() and exec.
@@ -265,6 +312,22 @@ ISOLATED_TEST(Shell, CancelWaitsForTheEndOfTheCommand) {
     }
     unlink(fifo.c_str());
     rmdir(name);
+}
+
+// The child of vfork() has the daemon's memory, unless a sanitizer or an emulator gives it its own.
+ISOLATED_TEST(Shell, SignalBeforeTheExecRunsNoHandler) {
+    static auto* const ran = static_cast<int*>(
+        mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    static const pid_t daemon = getpid();
+    static int signal;
+    fakes.after_sigaction = [](int, const struct sigaction*) {
+        if (getpid() != daemon && signal) kill(getpid(), std::exchange(signal, 0));
+    };
+    for (const int each : {SIGUSR1, SIGUSR2, SIGRTMIN + 1}) {
+        ::signal(signal = each, [](int) { ++*ran; });
+        EXPECT_EQ(each, event_system("exit 1"));
+    }
+    EXPECT_EQ(0, *ran);
 }
 
 // The uptime is the fake clock's.

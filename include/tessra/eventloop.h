@@ -420,18 +420,28 @@ void event_loop_wait_for_async_loop_ready(void* arg);
  * a wait that a signal interrupted, the command may still be running.
  *
  * The command inherits the descriptors 0, 1 and 2 and no others: all below the hard limit of
- * RLIMIT_NOFILE (1024 if there is none) are closed. Signals that the library catches are back at
- * their default in it; ignored and blocked ones stay so. While it runs, the whole process ignores
- * SIGINT and SIGQUIT, and SIGCHLD has its default action: watchers of these three miss what happens
- * meanwhile. A disposition that another thread sets meanwhile, as by a first watcher, stays, and so
- * does one that the system refuses to change.
+ * RLIMIT_NOFILE (1024 if there is none) are closed.
+ *
+ * Signals in the command. SIGINT, SIGQUIT and SIGCHLD have their default action, even if the
+ * process ignores them. Each signal that the process catches, by a watcher or by a handler of its
+ * own, has its default action, too. None of these handlers runs in the child before the exec. All
+ * other signals that the process ignores stay ignored, also those that were watched before. Blocked
+ * signals stay blocked.
+ *
+ * Signals in the process. While the command runs, the whole process ignores SIGINT and SIGQUIT, and
+ * SIGCHLD has its default action: watchers of these three miss what happens meanwhile. Afterwards
+ * the earlier dispositions are back. A disposition that another thread sets meanwhile stays, and so
+ * does one that the system refuses to change. One that event_signal_add() or event_process_add()
+ * sets is in place from then on without a gap. The same holds for a sigaction() of the program's
+ * own, with one exception: if it comes between the last two system calls for its signal at the end,
+ * the earlier disposition is in place until the next system call puts the newer one back.
  *
  * Cancellation of the calling thread is disabled during the call. A pthread_cancel() acts at the
  * thread's first cancellation point after it, when the command has ended and the dispositions are
  * back.
  *
- * Threads: any, but one call at a time, event_system_env() included. Blocks: until the shell ends;
- * on a loop's thread that holds up the whole loop.
+ * Threads: any, but one call at a time; event_system_env() and the C library's system() count, too.
+ * Blocks: until the shell ends; on a loop's thread that holds up the whole loop.
  */
 int event_system(const char* format, ...) __attribute__((format(printf, 1, 2)));
 

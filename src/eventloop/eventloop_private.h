@@ -1,8 +1,10 @@
 // The event loop's records and what its files offer to one another.
 //
-// Lock order: eventlists_mutex, contexts_mutex, then timerlist_mutex or processlist_mutex, then
-// rec_mutex. A start or an end of a loop takes channel_mutex, and a start or a stop of the loop's own
-// thread takes thread_mutex; neither holds any of the other locks.
+// Lock order: eventlists_mutex of a context, then contexts_mutex, then timerlist_mutex or
+// processlist_mutex, then rec_mutex. disposition_mutex comes after eventlists_mutex, and no other lock
+// is taken under it. A start or an end of a loop holds none of these; it takes channel.cpp's lock, and
+// before it, for the loop's own thread, that of thread.cpp. fork() takes contexts_mutex, channel.cpp's
+// lock and the list locks of contexts that are idle.
 #ifndef TESSRA_EVENTLOOP_PRIVATE_H
 #define TESSRA_EVENTLOOP_PRIVATE_H
 
@@ -226,9 +228,11 @@ void run_ready_descriptors_locked(event_loop_ctx_tp el_ctx, const SelectSets& re
 void event_fd_free(event_loop_ctx_tp el_ctx);
 
 // signals.cpp
+// Held where the library sets the catcher, and where the end of a shell command looks at a
+// disposition and puts an older one back.
+extern pthread_mutex_t disposition_mutex;
 bool signal_add(event_loop_ctx_tp el_ctx, signal_handler_t handler, void* arg, int signal);
 void run_signal_watchers_locked(event_loop_ctx_tp el_ctx, int signal, siginfo_t& info);
-void reset_caught_signals();
 void event_signal_free(event_loop_ctx_tp el_ctx);
 
 // children.cpp

@@ -62,6 +62,7 @@ void make_new(event_loop_ctx_t& el_ctx) {
 
 void after_fork_in_child() {
     rec_mutex = PTHREAD_MUTEX_INITIALIZER;
+    disposition_mutex = PTHREAD_MUTEX_INITIALIZER;
     list_t* node;
     dll_foreach(node, &contexts) {
         event_loop_ctx_t& el_ctx = *context_of(node);

@@ -26,39 +26,74 @@ constexpr long kCloseRange = 436;
 constexpr unsigned int kEntryLength = 16;
 constexpr unsigned int kEntryName = 19;
 
+// The signals whose dispositions a command changes. While it runs, the parent ignores the first two
+// and leaves the third at its default.
+constexpr int kCommandSignals[] = {SIGQUIT, SIGINT, SIGCHLD};
+constexpr int kCommandSignalCount = sizeof kCommandSignals / sizeof kCommandSignals[0];
+
+// Without a handler this flag has no effect. It tells what a command sets from a SIG_IGN or SIG_DFL
+// that another thread sets meanwhile.
+constexpr int kSetByCommand = SA_ONSTACK;
+
+bool is_caught(const struct sigaction& action) {
+    return action.sa_handler != SIG_IGN && action.sa_handler != SIG_DFL;
+}
+
+bool is_set_by_command(const struct sigaction& action) {
+    return (action.sa_flags & kSetByCommand) != 0 && !is_caught(action);
+}
+
+void set_uncaught(int signal, void (*ignore_or_default)(int), struct sigaction* before) {
+    struct sigaction action = {};
+    action.sa_handler = ignore_or_default;
+    action.sa_flags = kSetByCommand;
+    (void)sigaction(signal, &action, before);
+}
+
+// Puts back a disposition, unless another thread has set one while the command ran. The lock keeps
+// the catcher of a first watcher from coming between the query and the change. A sigaction() of the
+// daemon's own takes no lock: if its disposition comes in between, it is replaced, then put back.
+void restore_disposition_locked(int signal, const struct sigaction& before) {
+    struct sigaction present;
+    if (sigaction(signal, nullptr, &present) != 0 || !is_set_by_command(present)) return;
+    (void)sigaction(signal, &before, &present);
+    if (!is_set_by_command(present)) (void)sigaction(signal, &present, nullptr);
+}
+
 // The dispositions that a command needs, for as long as it runs. Whole records are put back, since
-// a watched signal needs its SA_SIGINFO.
+// a watched signal needs its SA_SIGINFO. They are set once: the child's own changes after vfork()
+// don't reach the parent, so setting them again after it would only replace what another thread has
+// set meanwhile.
 class CommandDispositions : NotCopyable {
 public:
     CommandDispositions() {
-        for (int i = 0; i < kCount; ++i) {
-            struct sigaction action = {};
-            action.sa_handler = kSignals[i] == SIGCHLD ? SIG_DFL : SIG_IGN;
-            changed_[i] = sigaction(kSignals[i], &action, &before_[i]) == 0;
+        for (int i = 0; i < kCommandSignalCount; ++i) {
+            const int signal = kCommandSignals[i];
+            set_uncaught(signal, signal == SIGCHLD ? SIG_DFL : SIG_IGN, &before_[i]);
         }
     }
-    // What another thread has set meanwhile stays, above all the catcher of a first watcher.
     ~CommandDispositions() {
-        for (int i = 0; i < kCount; ++i) {
-            if (!changed_[i]) continue;
-            struct sigaction replaced = {};
-            (void)sigaction(kSignals[i], &before_[i], &replaced);
-            const auto ours = kSignals[i] == SIGCHLD ? SIG_DFL : SIG_IGN;
-            if (replaced.sa_handler != ours) (void)sigaction(kSignals[i], &replaced, nullptr);
+        const MutexLock lock(disposition_mutex);
+        for (int i = 0; i < kCommandSignalCount; ++i) {
+            restore_disposition_locked(kCommandSignals[i], before_[i]);
         }
     }
 
 private:
-    static constexpr int kCount = 3;
-    static constexpr int kSignals[kCount] = {SIGQUIT, SIGINT, SIGCHLD};
-    struct sigaction before_[kCount];
-    bool changed_[kCount];
+    struct sigaction before_[kCommandSignalCount];
 };
 
-void set_default(int signal) {
-    struct sigaction action = {};
-    action.sa_handler = SIG_DFL;
-    (void)sigaction(signal, &action, nullptr);
+// For the child between vfork() and exec: no handler may run there, since it would write to the
+// parent's memory. The C library keeps a few signals for itself and refuses to change or to block
+// them. Their handlers do nothing in the child: they act only on what a thread of the same process
+// has sent, and cancellation is disabled.
+void reset_dispositions() {
+    for (const int signal : kCommandSignals) set_uncaught(signal, SIG_DFL, nullptr);
+    for (int signal = 1; signal < NSIG; ++signal) {
+        struct sigaction present;
+        const bool known = sigaction(signal, nullptr, &present) == 0;
+        if (known && is_caught(present)) set_uncaught(signal, SIG_DFL, nullptr);
+    }
 }
 
 // One more than the largest descriptor that the child closes.
@@ -103,14 +138,10 @@ void close_descriptors(unsigned int max_fds) {
 }
 
 // The child between vfork() and exec. It shares the parent's memory, so it touches nothing but its
-// own dispositions, mask and descriptors. Signals stay blocked until the catcher is out of place:
-// in here it would write to the parent's channel.
+// own dispositions, mask and descriptors. Signals stay blocked until no handler is left.
 [[noreturn]] void exec_shell(const char* buffer, const char** env, unsigned int max_fds,
                              const AllSignalsBlocked& blocked) {
-    set_default(SIGQUIT);
-    set_default(SIGINT);
-    set_default(SIGCHLD);
-    reset_caught_signals();
+    reset_dispositions();
     blocked.restore();
     close_descriptors(max_fds);
     if (env != nullptr) {

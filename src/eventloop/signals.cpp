@@ -6,13 +6,9 @@
 
 namespace tessra {
 
+pthread_mutex_t disposition_mutex = PTHREAD_MUTEX_INITIALIZER;
+
 namespace {
-
-// One bit for each signal whose disposition is the catcher. A child that is about to exec puts them
-// back to their default: the catcher has no business there.
-constinit std::atomic<unsigned> caught_signals{0};
-
-unsigned bit_of(int signal) { return 1U << signal; }
 
 // The one function of the library that runs in signal context.
 void event_signal_cb(int sig, siginfo_t* info, void* /*ctx*/) { channel_send_signal(sig, *info); }
@@ -22,10 +18,10 @@ bool catch_signal(int signal) {
     action.sa_sigaction = event_signal_cb;
     action.sa_flags = SA_SIGINFO | SA_RESTART;
     (void)sigemptyset(&action.sa_mask);
-    // SIGKILL and SIGSTOP are always refused; their watcher stays and never runs.
-    if (sigaction(signal, &action, nullptr) != 0) return signal == SIGKILL || signal == SIGSTOP;
-    caught_signals.fetch_or(bit_of(signal));
-    return true;
+    const MutexLock lock(disposition_mutex);
+    if (sigaction(signal, &action, nullptr) == 0) return true;
+    // These two are always refused; their watcher stays and never runs.
+    return signal == SIGKILL || signal == SIGSTOP;
 }
 
 }  // namespace
@@ -56,15 +52,6 @@ void run_signal_watchers_locked(event_loop_ctx_tp el_ctx, int signal, siginfo_t&
             watcher->handler(watcher->signal, &info, watcher->arg);
             return true;
         });
-}
-
-void reset_caught_signals() {
-    struct sigaction action = {};
-    action.sa_handler = SIG_DFL;
-    const unsigned caught = caught_signals.load();
-    for (int signal = 1; signal <= kMaxSignal; ++signal) {
-        if (caught & bit_of(signal)) (void)sigaction(signal, &action, nullptr);
-    }
 }
 
 void event_signal_free(event_loop_ctx_tp el_ctx) {

@@ -252,6 +252,14 @@ PLAIN int fcntl64(int fd, int command, ...) {
     return FAULT_HITS(FAKE_FCNTL) ? -1 : REAL(fcntl64)(fd, command, arg);
 }
 
+PLAIN int sigaction(int signal, const struct sigaction* action, struct sigaction* before) __THROW {
+    if (FAULT_HITS(FAKE_SIGACTION)) return -1;
+    const int result = REAL(sigaction)(signal, action, before);
+    if (fakes.after_sigaction && made_by_library(__builtin_return_address(0)))
+        fakes.after_sigaction(signal, action);
+    return result;
+}
+
 PLAIN int close(int fd) {
     const int result = REAL(close)(fd);
     return FAULT_HITS(FAKE_CLOSE) ? -1 : result;
@@ -276,9 +284,6 @@ FAIL_ON_DEMAND(FAKE_GETRLIMIT, getrlimit64,
 FAIL_ON_DEMAND(FAKE_WAIT4, wait4,
                (pid_t pid, __WAIT_STATUS status, int options, rusage* usage)__THROWNL,
                (pid, status, options, usage))
-FAIL_ON_DEMAND(FAKE_SIGACTION, sigaction,
-               (int signal, const struct sigaction* action, struct sigaction* before)__THROW,
-               (signal, action, before))
 FAIL_AS(FAKE_POPEN, FILE*, nullptr, popen, (const char* command, const char* mode), (command, mode))
 FAIL_AS(FAKE_FREAD, size_t, 0, fread, (void* into, size_t size, size_t count, FILE* file),
         (into, size, count, file))

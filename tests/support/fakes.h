@@ -4,6 +4,7 @@
 #ifndef TESSRA_TESTS_FAKES_H
 #define TESSRA_TESTS_FAKES_H
 
+#include <signal.h>
 #include <sys/select.h>
 #include <sys/types.h>
 
@@ -79,6 +80,8 @@ extern struct fakes {
     read_call* on_read;     /**< Stands for read(), if not null. */
     // Called before a message of this size is written, a signal or a wake-up, if not null.
     void (*before_message)(int fd, size_t size);
+    // Called after a sigaction() of the library, if not null. `action` is null for a query.
+    void (*after_sigaction)(int signal, const struct sigaction* action);
     void (*before_open)(int nth); /**< Called before the nth open() of the library, if not null. */
     int opens;                    /**< Made by the library so far. */
     unsigned long long clock_ns;  /**< CLOCK_MONOTONIC_RAW, and the uptime; 0 for the real ones. */
