@@ -212,7 +212,8 @@ TEST(Descriptors, ClosedOneGoesUnnoticed) {
         first = [] { event_timer_add(run_timer, &last, 2); };
         event_timer_add(run_timer, &first, 1);
     };
-    // In the middle of a walk that goes on. A careless look at the sets takes -1 for 63, which is ready.
+    // In the middle of a walk that goes on. A careless look at the sets takes -1 for 63, which is
+    // ready.
     static const auto add_in_handler = [] {
         static Step add = [] { event_fd_add(note_fd, arg("-1"), -1, EVENT_FD_READ); };
         event_fd_add(run_fd, &add, dup2(ready_descriptor(), 63), EVENT_FD_READ);

@@ -1,5 +1,5 @@
-// Orders of calls between threads, signals and processes that a daemon of many months meets once. One
-// side is parked at a call that it makes; the other then does what it must survive.
+// Orders of calls between threads, signals and processes that a daemon of many months meets once.
+// One side is parked at a call that it makes; the other then does what it must survive.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -62,8 +62,8 @@ ISOLATED_TEST(Free, TakesNoLockOfAnotherContext) {
     }
 }
 
-// The canceller is parked at each kind of call that it makes. If the loop sees the cancel then, its end
-// waits for the canceller, in nanosleep(); if not, it waits for events again.
+// The canceller is parked at each kind of call that it makes. If the loop sees the cancel then, its
+// end waits for the canceller, in nanosleep(); if not, it waits for events again.
 ISOLATED_TEST(Free, MayFollowTheLoopsReturnWhateverACancelDoes) {
     for (const int call : {FAKE_CANCELSTATE, FAKE_ERRNO, FAKE_WRITE}) {
         static Semaphore moved(0);
@@ -110,8 +110,8 @@ ISOLATED_TEST(Free, EndsTheWalkOfItsChildrenFromAChildsHandler) {
     EXPECT_EQ("ff", trace);
 }
 
-// pthread_cancel() comes at a call inside of the library. The thread goes on until it is outside, and
-// nothing is left locked, open or unsent.
+// pthread_cancel() comes at a call inside of the library. The thread goes on until it is outside,
+// and nothing is left locked, open or unsent.
 ISOLATED_TEST(Cancelled, ThreadLeavesTheLibraryWhole) {
     static Semaphore signalled(0);
     static Step on_signal = [] { signalled.release(); };
@@ -322,8 +322,9 @@ void expect_start(int error) {
     EXPECT_EQ(error, errno);
 }
 
-// One stop has cancelled the loop, and waits for a handler. Then another stop or a start comes, which
-// waits in a lock: nobody can see it there, so it has its chance to return before the handler ends.
+// One stop has cancelled the loop, and waits for a handler. Then another stop or a start comes,
+// which waits in a lock: nobody can see it there, so it has its chance to return before the handler
+// ends.
 ISOLATED_TEST(StartStop, BothWaitForTheLastHandler) {
     for (const bool start : {false, true}) {
         Semaphore in_handler(0), joining(0), leave(0);
@@ -387,7 +388,8 @@ ISOLATED_TEST(StartStop, StartBesideASynchronousLoopIsBusy) {
     EXPECT_EQ(0, event_loop_async_stop());
 }
 
-// A loop starts when the stop has cancelled the former one, which has ended, and waits for its thread.
+// A loop starts when the stop has cancelled the former one, which has ended, and waits for its
+// thread.
 ISOLATED_TEST(StartStop, StopLeavesALaterLoopAlone) {
     static Semaphore step(0);
     static thread_local bool is_later_loop;

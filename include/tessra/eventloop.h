@@ -14,27 +14,48 @@
  *
  * Handlers run on the loop's thread, one after another, inside a pass: first the handlers of ready
  * descriptors in order of adding, then those of at most one caught signal, then those of due
- * timers. A handler may add and delete watchers of any kind, itself and its neighbours included,
- * may cancel the loop, and may run one nested pass with do_events(). It must not let a C++
- * exception out, must not end the context, and must not block for long: all others wait for it.
+ * timers. A handler may add and delete watchers of any kind on its own context, itself and its
+ * neighbours included, may add and delete timers of any context, may cancel any loop, and may run
+ * one nested pass with do_events(). It must not let a C++ exception out, must not end its thread,
+ * must not free its own context, and must not block for long: all others wait for it.
  *
  * Threads. Every function may be called from any thread except where it says otherwise; none may be
  * called from a signal handler. A change made on another thread wakes the loop. Descriptor, signal
  * and child handlers run with the locks of their watcher lists held, so that an add or delete of
  * such a watcher on another thread waits until they are done: a handler that waits for a thread
- * which is in such a call never ends. Timer handlers run without a lock.
+ * which is in such a call never ends. For the same reason such a handler changes descriptor, signal
+ * and child watchers of its own context only: two loops whose handlers change each other's would
+ * wait for each other. Timer handlers run without a lock, except in a nested pass: there they run
+ * with the locks of the handler that called do_events().
  *
- * Signals that arrive while no loop runs are dropped. A daemon that must not miss an early SIGTERM
- * blocks it before event_signal_add() and unblocks it in a timer armed with 0, which the loop's
- * first pass runs.
+ * Cancelled threads. pthread_cancel() of a thread that runs a loop acts after et_event_loop() has
+ * returned, at the thread's next cancellation point: the library defers it, handlers included, and
+ * it does not end the loop. A wake-up, the catching of a signal, a start, a stop and a shell
+ * command defer it until they are through. Asynchronous cancellation (PTHREAD_CANCEL_ASYNCHRONOUS)
+ * must be off in every call.
+ *
+ * Signals that arrive while no loop runs are dropped. A daemon that must not miss an early SIGTERM,
+ * or the SIGCHLD of an early child, blocks it before event_signal_add() and unblocks it in a timer
+ * armed with 0, which the loop's first pass runs. A cancel also drops the signals that have been
+ * caught and not yet taken.
  *
  * Failure of an add. The add functions have no result. One that can't register (ENOMEM, EMFILE,
  * EINVAL as told there) registers nothing, changes nothing and sets errno; one that registers
  * leaves errno as it was. Set errno to 0 before the call to tell.
  *
- * After fork() a child has no loop: signals caught there reach no context, and the wake-up channel
- * is closed on exec. A child of fork() that doesn't exec may run a loop on a context that was idle
- * at the time of the fork.
+ * After fork() a child has no loop. Every context is idle in it: is_event_loop_thread() is 0, also
+ * in a child that was forked in a handler, do_events() is -1, and adds, deletes and cancels write
+ * nothing anywhere. A context that was idle keeps its watchers in the child, but those of children;
+ * a context whose loop ran has none. The child may run a loop on either. Its copies of the parent's
+ * wake-up channels stay open and unused until exec. A child that was forked in a handler calls exec
+ * or _exit(), or stays in the handler; if the handler returns there, the rest of the pass runs, and
+ * then et_event_loop() returns -1 with errno ECANCELED. The library's fork handlers wait for
+ * changes, starts and ends that other threads are making. They are registered by its first use, so
+ * a daemon registers its own handlers, if they call the library or take a lock under which it is
+ * called, after that. fork() must not be called from a signal handler.
+ *
+ * The shared library stays in memory once it is loaded, since the signal catcher may be installed.
+ * A plugin that contains the static library is linked with -z nodelete.
  *
  * All times are milliseconds of the clock of event_get_time(), which no one can set.
  */
@@ -79,8 +100,12 @@ event_loop_ctx_tp event_mc_init(void);
  *
  * @param ctx  a context whose loop never ran or has returned; NULL is allowed and does nothing
  *
- * If the process's child watchers were set up on this context (see event_process_add()), they
- * stop working for good. Threads: any, but no other thread may use the context any more.
+ * If the process's child watchers were set up on this context (see event_process_add_mc()), they
+ * stop working for good. A child's handler may free that context: no further child is looked at
+ * then. Takes the locks of @p ctx alone, so a handler of another loop may wait for it; only a
+ * handler of a child that is watched on @p ctx must not wait for another thread's call.
+ * Threads: any, but no other thread may use the context any more. A cancel_loop_mc() or a change
+ * that another thread began before the loop returned is through by then.
  */
 void event_mc_free(event_loop_ctx_tp ctx);
 
@@ -94,16 +119,22 @@ void event_mc_free(event_loop_ctx_tp ctx);
 /**
  * Runs the loop of @p el_ctx on the calling thread until cancel_loop_mc().
  *
- * The start makes the wake-up channel: a FIFO named "/tmp/evtloop" and the process id, whose name
- * is removed again as soon as both its ends are open. Both ends are closed on exec.
+ * The start makes a FIFO named "/tmp/evtloop" and the process id, opens both its ends, and removes
+ * its name. A pipe without a name then carries the wake-ups and signals, so that no other process
+ * can reach them. Its numbers are above 2, and both ends are closed on exec.
  *
  * Returns 0 after a cancel, once the pass under way has finished. Returns -1 if the loop didn't
- * start: it runs already, or has not yet returned from a cancelled run (nothing is logged, nothing
- * changes, errno is EBUSY), or the channel can't be made (errno is that of the failing call, EMFILE
- * for a descriptor that doesn't fit an fd_set, EPERM for a name that isn't a FIFO of this user; a
- * line goes to liblog, zone 6, level 1). A FIFO that couldn't be opened stays in /tmp and is used
- * again by the next start; anything under that name that isn't a FIFO of this user fails the start.
- * Watchers are kept when a start fails.
+ * start. Watchers are kept then, and errno is one of these:
+ * - EBUSY: the loop runs already, or has not yet returned from a cancelled run. Nothing is logged.
+ * - ENOMEM: no memory for the fork handlers. Nothing is logged.
+ * - EMFILE, ENFILE: no descriptor left for the channel, or none below FD_SETSIZE.
+ * - EPERM: something else than a FIFO has the name.
+ * - ELOOP, ENXIO, EACCES and others: the error of mkfifo() or open() for what has the name.
+ *
+ * A failure of the channel is logged to liblog, zone 6, level 1, with no lock held: the logger may
+ * run a loop of its own. A FIFO that couldn't be opened stays in /tmp and is used again by the next
+ * start. A process in another PID namespace may have the same id and /tmp. A start that meets such
+ * another start tries again, up to 100 times in about 10 milliseconds.
  *
  * At the end of its loop the default context drops all its watchers without running them; another
  * context keeps them for its next run. Dispositions of signals stay as event_signal_add() set them.
@@ -122,7 +153,9 @@ int et_event_loop(void);
 
 /**
  * Ends the loop of @p el_ctx: the pass under way finishes all its handlers, then et_event_loop_mc()
- * returns 0. On an idle context it has no lasting effect. Threads: any. Blocks: never.
+ * returns 0. On an idle context it has no lasting effect. The caller is through with the context
+ * before et_event_loop_mc() returns, so that its owner may free it then.
+ * Threads: any. Blocks: never.
  */
 void cancel_loop_mc(event_loop_ctx_tp el_ctx);
 /** cancel_loop_mc() on the default context. */
@@ -138,8 +171,9 @@ void cancel_loop(void);
  * Returns 0 if a pass ran, also when nothing was ready. Returns -1 without a pass on any other
  * thread than the loop's, when the loop doesn't run, inside another do_events() pass of this
  * context, after a signal interrupted the wait (its handler runs in a later pass), when select()
- * goes on failing, and with errno EINVAL for a @p timeout above 2147483. As in the main loop, a
- * watched descriptor that has been closed ends the process with exit(-1).
+ * has failed three times (a watcher that another thread deletes meanwhile, and whose descriptor it
+ * closes, doesn't count), and with errno EINVAL for a @p timeout above 2147483. As in the main
+ * loop, a watched descriptor that has been closed ends the process with exit(-1).
  *
  * The nested pass can run the calling handler again if its descriptor is still ready. During one
  * from a descriptor, signal or child handler, other threads' changes of such watchers wait.
@@ -182,10 +216,14 @@ typedef void (*timer_handler_t)(void* arg);
  * @param arg      handed to @p handler
  * @param timeout  milliseconds from now, below 2^63; 0 fires in the next timer phase
  *
- * Timers fire by deadline, those with the same deadline in order of adding, never early. A late
- * timer fires once. On a loop that nothing else wakes once a day, a timer more than 24 hours ahead
- * is taken for a jump of the clock and moved on: re-arm long delays in steps of less than a day.
- * Failure: ENOMEM. Threads: any. Blocks: never for long.
+ * Timers fire by deadline, those with the same deadline in order of adding, never early by the
+ * clock of event_get_time(). That clock cuts its reading to whole milliseconds, so by a finer clock
+ * a timer may fire up to a millisecond early. A late timer fires once. A timer of 0 that a timer
+ * handler arms fires in the same phase until the clock's millisecond is over: who has more to do
+ * arms 1. On a loop that nothing else wakes once a day, a timer more than 24 hours ahead is taken
+ * for a jump of the clock and moved on: re-arm long delays in steps of less than a day.
+ * Failure: ENOMEM.
+ * Threads: any. Blocks: never for long.
  */
 void event_timer_add_mc(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg,
                         long long unsigned int timeout);
@@ -241,7 +279,8 @@ typedef void (*fd_handler_t)(int fd, void* arg);
  * @param el_ctx   context whose loop will run the handler; it need not run yet
  * @param handler  not null
  * @param arg      handed to @p handler
- * @param fd       an open descriptor below FD_SETSIZE (1024); stays the caller's
+ * @param fd       an open descriptor below FD_SETSIZE (1024); stays the caller's. A negative
+ *                 number, such as that of a failed open(), counts as one that isn't open.
  * @param type     conditions, or-ed; 0 watches nothing, but the descriptor must still stay open
  *
  * One descriptor may have several watchers; each runs by its own conditions, in order of adding.
@@ -255,9 +294,16 @@ void event_fd_add(fd_handler_t handler, void* arg, int fd, int type);
 
 /**
  * Deletes the oldest watcher of @p fd. When it returns, on whatever thread, that watcher's handler
- * isn't running (unless it is the caller) and will not run again.
+ * isn't running and will not run again. The one exception is a handler further up the caller's own
+ * stack: the calling handler itself, or the one that called do_events() around it.
  *
- * Trap: delete before you close(). Deleting what doesn't exist is no error and wakes the loop.
+ * Trap: delete before you close(). A process that unshares its descriptors (unshare(CLONE_FILES))
+ * on a thread must not watch those of that thread's own table: nothing notices when they are
+ * closed.
+ * Trap: in a handler, a watcher that the walk visits next is only marked, and freed by the walk. A
+ * second delete of the same number finds that watcher again and leaves a younger one of the number
+ * alone; to close the descriptor after it ends the process. So is it with signals and children.
+ * Deleting what doesn't exist is no error and wakes the loop.
  * Threads: any; on another thread than the loop's it waits for running handlers.
  */
 void event_fd_del_mc(event_loop_ctx_tp el_ctx, int fd);
@@ -291,12 +337,15 @@ typedef void (*signal_handler_t)(int signal, siginfo_t* info, void* arg);
  *
  * From now to the end of the process the signal is caught (SA_SIGINFO, SA_RESTART) and its default
  * action doesn't happen any more, not even while no loop runs: what arrives then is dropped. Every
- * running loop gets each caught signal and runs its own watchers of it, in order of adding.
- * Of signals that come faster than a loop takes them it keeps about 500; beyond that, as the kernel
- * does for a blocked signal, one of each number, the first, which may run before earlier others.
+ * running loop gets each caught signal and runs its own watchers of it, in order of adding. Of
+ * signals that come faster than a loop takes them, the channel keeps as many as a pipe holds: 496
+ * in the 16 pages of the kernel's default, fewer while wake-ups wait with them. Beyond that, as the
+ * kernel does for a blocked signal, one of each number is kept, the first, which may run before
+ * earlier others.
  * Failure: ENOMEM; EINVAL for a number outside 1 to 31; that of sigaction(), should the system
- * refuse it. SIGKILL and SIGSTOP can't be caught: their watcher stays and never runs, with errno
- * EINVAL.
+ * refuse it. SIGKILL and SIGSTOP can't be caught: they register, with errno EINVAL, and their
+ * watcher never runs. SIGSEGV, SIGBUS, SIGFPE and SIGILL must not be watched: after a fault of the
+ * program the catcher returns to the faulting instruction, without end.
  * Threads: any; on another thread than the loop's it waits for running handlers.
  */
 void event_signal_add_mc(event_loop_ctx_tp el_ctx, signal_handler_t handler, void* arg, int signal);
@@ -338,15 +387,20 @@ typedef int (*process_handler_t)(int pid, void* arg, int status);
  * @param handler  NULL collects the status silently and keeps the watcher
  * @param arg      handed to @p handler
  *
- * Add the watcher as soon as the child exists: one that has ended before is noticed only when
- * another child ends. Of two watchers of one child the older one is called. Stopped children are
- * not reported. While event_system() runs, the end of a child is noticed at the next one's end.
+ * Add the watcher as soon as the child exists: one that has ended before, or before the loop runs,
+ * is noticed only when another child ends. Block SIGCHLD until the loop runs, as
+ * the top of this file shows for SIGTERM. Of two watchers of one child the older one is called.
+ * Stopped children are not reported.
+ * While event_system() runs, the end of a child is noticed at the next one's end.
  *
  * Trap: the first call in a process decides the context. The one SIGCHLD watcher of the process
  * lives on the default context, whose loop must run, and looks after the children of the context
- * of that first call alone; watchers on other contexts never fire. It is gone for good once the
- * default context's loop has ended, SIGCHLD has been deleted there with event_signal_del(), or the
- * context of the first call has been freed. So use event_process_add() and run one default loop.
+ * of that first call alone; watchers on other contexts never fire. The first call takes the default
+ * context's lock of signal watchers, on whatever context it is made: if a handler of the default
+ * loop waits for the caller's thread, neither goes on. Make it before the loops run. It is gone for
+ * good once the default context's loop has ended, SIGCHLD has been deleted there with
+ * event_signal_del(), or the context of the first call has been freed. So use event_process_add()
+ * and run one default loop.
  *
  * Failure: ENOMEM, and on the first call as event_signal_add().
  * Threads: any; on another thread than the loop's it waits for running handlers.
@@ -374,14 +428,20 @@ void event_process_del(int pid);
 /**
  * Runs the default context's loop on a new thread and returns once it runs.
  *
- * Returns 0 when the loop runs. Returns -1 if it runs already, on whatever thread, if no thread can
- * be made, or if the loop doesn't start or is cancelled before its first pass; then no thread is
- * left, and the watchers are as they were unless the loop had begun. A failing mutex or condition
- * call is a broken process: a line on stderr, then abort().
+ * A former thread whose loop was cancelled is waited for first. Returns 0 when the loop has run a
+ * pass; a cancel may end it at once. Returns -1 if it doesn't run; no thread is left then, and
+ * errno is:
+ * - EBUSY: the default loop runs on whatever thread, or a cancelled loop has not returned yet.
+ * - EAGAIN or EPERM: no thread can be made.
+ * - ENOMEM and those of et_event_loop_mc(): the loop doesn't start. Watchers are kept.
+ * - ECANCELED: the loop was cancelled before its first pass. Watchers are dropped, as at any end.
  *
- * Handlers of timers that are already due may run before it returns.
- * Threads: one at a time, not from a handler of the default loop.
- * Blocks: until the loop's first pass.
+ * A failing mutex or condition call is a broken process: a line on stderr, then abort().
+ *
+ * Handlers of the first pass may run before it returns: those of ready descriptors, of a signal,
+ * and of timers that are due.
+ * Threads: any; calls of this and of event_loop_async_stop() follow one another. In a handler of
+ * the default loop it fails with EBUSY. Blocks: until the loop's first pass.
  */
 int event_loop_async_start(void);
 
@@ -389,8 +449,11 @@ int event_loop_async_start(void);
  * Cancels the loop of event_loop_async_start() and waits for the end of its thread, which drops all
  * watchers of the default context. Always returns 0.
  *
- * Without a thread to wait for it only cancels. Trap: on the loop's own thread it can't wait; it
- * cancels and returns, and the thread is collected by the next stop or start made elsewhere.
+ * If another thread is in a start, it waits until the loop runs and then ends it. If several
+ * threads call it, all return after the last handler. Without a thread to wait for it only cancels:
+ * a loop that starts later runs on.
+ * Trap: on the loop's own thread it can't wait; it cancels and returns, and the thread is collected
+ * by the next stop or start made elsewhere.
  * Threads: any but the loop's. Blocks: until the loop's running handlers have returned.
  */
 int event_loop_async_stop(void);

@@ -1,12 +1,12 @@
 // The wake-up channel of a loop, and the list of the running loops that the signal catcher walks.
 //
-// The channel is a pipe. Messages are '-' (look again) and 'S' plus a signal number, followed by that
-// signal's siginfo_t. A message is written with a single write() below PIPE_BUF, so it is in the
-// channel whole or not at all and never interleaved. A signal that finds the channel full is kept
-// beside it; see pending_signals.h.
+// The channel is a pipe. Messages are '-' (look again) and 'S' plus a signal number, followed by
+// that signal's siginfo_t. A message is written with a single write() below PIPE_BUF, so it is in
+// the channel whole or not at all and never interleaved. A signal that finds the channel full is
+// kept beside it; see pending_signals.h.
 //
-// A start makes a FIFO in /tmp first, opens it at both ends and removes its name again. Everybody can
-// see that name and open the FIFO in between, so it carries no message: the pipe has no name.
+// A start makes a FIFO in /tmp first, opens it at both ends and removes its name again. Everybody
+// can see that name and open the FIFO in between, so it carries no message: the pipe has no name.
 //
 // The catcher runs in signal context, on any thread, at any instant, and takes no lock. These rules
 // keep it from a freed context or a closed descriptor:
@@ -82,8 +82,8 @@ struct RunningLoops {
 };
 constinit RunningLoops loops = {{&loops.list, &loops.list}, 0, {}, PTHREAD_MUTEX_INITIALIZER};
 
-// For whoever uses a ping_fd, the catcher included. pthread_setcancelstate() is not on POSIX's list for
-// signal handlers, but in glibc, uClibc and musl it is a store into the thread's own record.
+// For whoever uses a ping_fd, the catcher included. pthread_setcancelstate() is not on POSIX's list
+// for signal handlers, but in glibc, uClibc and musl it is a store into the thread's own record.
 class InsideGate : NotCopyable {
 public:
     [[gnu::noinline]] InsideGate() : side_(loops.gate.enter()) {}
@@ -179,7 +179,8 @@ bool use_name(const char* path, event_loop_ctx_t& el_ctx, StartFailure& failure)
 }
 
 // A process in another PID namespace may have our number and the same /tmp, so that its start uses
-// our name. It removes the name between two of our steps, or makes it anew, which gives these errors.
+// our name. It removes the name between two of our steps, or makes it anew, which gives these
+// errors.
 bool is_other_start() { return errno == ENOENT || errno == ENXIO; }
 
 // Gives a descriptor a number that isn't standard input, output or error. A daemon may be started

@@ -68,7 +68,8 @@ void collect_if_ended(process_t* child) {
 }
 
 // Takes the lock of the watched context's children; null if there is no such context any more. The
-// lock is taken before contexts_mutex is given back, so that no thread frees the context in between.
+// lock is taken before contexts_mutex is given back, so that no thread frees the context in
+// between.
 event_loop_ctx_t* lock_child_context() {
     const MutexLock lock(contexts_mutex);
     if (child_context != nullptr) recursive_mutex_lock(&child_context->processlist_mutex);

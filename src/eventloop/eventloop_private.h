@@ -1,10 +1,10 @@
 // The event loop's records and what its files offer to one another.
 //
 // Lock order: eventlists_mutex of a context, then contexts_mutex, then timerlist_mutex or
-// processlist_mutex, then rec_mutex. disposition_mutex comes after eventlists_mutex, and no other lock
-// is taken under it. A start or an end of a loop holds none of these; it takes channel.cpp's lock, and
-// before it, for the loop's own thread, that of thread.cpp. fork() takes contexts_mutex, channel.cpp's
-// lock and the list locks of contexts that are idle.
+// processlist_mutex, then rec_mutex. disposition_mutex comes after eventlists_mutex, and no other
+// lock is taken under it. A start or an end of a loop holds none of these; it takes channel.cpp's
+// lock, and before it, for the loop's own thread, that of thread.cpp. fork() takes contexts_mutex,
+// channel.cpp's lock and the list locks of contexts that are idle.
 #ifndef TESSRA_EVENTLOOP_PRIVATE_H
 #define TESSRA_EVENTLOOP_PRIVATE_H
 

@@ -1,16 +1,16 @@
 // fork() while other threads use the library.
 //
-// The child has one thread, and of each lock and each list the state at the instant of the copy. In the
-// child every context is idle, and usable:
-//   - A context that was idle keeps its watchers. The thread that forks holds the locks of its lists
-//     meanwhile, so that no other thread is in the middle of a change. Nobody holds these locks for
-//     long, with one exception: a walk of the children on an idle context.
+// The child has one thread, and of each lock and each list the state at the instant of the copy. In
+// the child every context is idle, and usable:
+//   - A context that was idle keeps its watchers. The thread that forks holds the locks of its
+//     lists meanwhile, so that no other thread is in the middle of a change. Nobody holds these
+//     locks for long, with one exception: a walk of the children on an idle context.
 //   - So the child drops all child watchers. The children are its parent's anyway.
-//   - A context whose loop ran is as new. Its locks may be held by a handler that waits for the thread
-//     that forks, so they can't be waited for. Its records are left as they are, since the thread may
-//     have forked in a handler, which returns into a walk of them.
-//   - The channels' descriptors stay open until exec, and nothing is written to them or closed: their
-//     numbers may be other files by then.
+//   - A context whose loop ran is as new. Its locks may be held by a handler that waits for the
+//     thread that forks, so they can't be waited for. Its records are left as they are, since the
+//     thread may have forked in a handler, which returns into a walk of them.
+//   - The channels' descriptors stay open until exec, and nothing is written to them or closed:
+//     their numbers may be other files by then.
 
 #include <cstring>
 

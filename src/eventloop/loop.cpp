@@ -98,8 +98,8 @@ int select_with_retries(event_loop_ctx_tp el_ctx, SelectSets& sets, timeval& tim
     return -1;
 }
 
-// A loop whose handler has forked and returned in the child: there the thread runs no loop any more,
-// and what the context has may belong to a new one.
+// A loop whose handler has forked and returned in the child: there the thread runs no loop any
+// more, and what the context has may belong to a new one.
 bool is_still_running(const event_loop_ctx_t& el_ctx) {
     return pthread_equal(el_ctx.eloopthread.load(std::memory_order_relaxed), pthread_self());
 }

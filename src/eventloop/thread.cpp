@@ -1,14 +1,14 @@
 // The default context's loop on a thread of its own.
 //
-// The lock is held by a start until the new thread has answered, and by a stop until the thread
-// has been joined. So starts and stops follow one another, and the thread's identity is taken out only
+// The lock is held by a start until the new thread has answered, and by a stop until the thread has
+// been joined. So starts and stops follow one another, and the thread's identity is taken out only
 // after the join. Handlers on that thread may call both functions while another thread waits in one
 // of them, so they take no lock: there a start fails, and a stop only cancels.
 //
-// The new thread itself arms the handshake's timer, on the loop that it has just started and that it
-// alone walks. The first pass of the loop fires the timer, or the end of the loop drops it; both come
-// before another loop can run on the context. `waiting` is the condition's predicate. The timer clears
-// it, or the thread does if its loop didn't get that far.
+// The new thread itself arms the handshake's timer, on the loop that it has just started and that
+// it alone walks. The first pass of the loop fires the timer, or the end of the loop drops it; both
+// come before another loop can run on the context. `waiting` is the condition's predicate. The
+// timer clears it, or the thread does if its loop didn't get that far.
 
 #include <cstdio>
 #include <cstdlib>
@@ -66,7 +66,8 @@ void* event_loop_thread(void* /*arg*/) {
     return nullptr;
 }
 
-// Whether the caller is a handler on that thread. Relaxed: the thread itself has stored its identity.
+// Whether the caller is a handler on that thread. Relaxed: the thread itself has stored its
+// identity.
 bool is_loop_thread() {
     return is_event_loop_thread() != 0 &&
            pthread_equal(default_el_ctx.async_loop.load(std::memory_order_relaxed), pthread_self());

@@ -43,8 +43,8 @@ pid_t fork_process(const Step& body);
 // Waits until a child has ended or stopped, and leaves its status to be collected.
 void await_child(pid_t pid);
 
-// The next call of this kind that the library makes, on whatever thread, runs the step first: a place
-// to park the caller at. An empty step takes the place away.
+// The next call of this kind that the library makes, on whatever thread, runs the step first: a
+// place to park the caller at. An empty step takes the place away.
 void at_call(int call, Step step);
 
 // Number of open descriptors below 2048.

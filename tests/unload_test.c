@@ -1,0 +1,23 @@
+/* A plugin's use of the library: it is loaded, catches a signal, and is unloaded. argv: libtessra.so */
+#include <dlfcn.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "tessra/eventloop.h"
+
+static void ignore(int signal, siginfo_t* info, void* arg) { (void)signal, (void)info, (void)arg; }
+
+int main(int argc, char** argv) {
+    void* const library = argc == 2 ? dlopen(argv[1], RTLD_NOW) : NULL;
+    void (*add)(signal_handler_t, void*, int);
+    void* const found = library ? dlsym(library, "event_signal_add") : NULL;
+    if (!found) {
+        fprintf(stderr, "unload_test: %s\n", dlerror());
+        return 1;
+    }
+    memcpy(&add, &found, sizeof add);
+    add(ignore, NULL, SIGTERM);
+    if (dlclose(library) != 0) return 1;
+    return raise(SIGTERM); /* The catcher, which nobody but the library can take out. */
+}
