@@ -176,6 +176,23 @@ void storm_over_a_full_channel() {
     for (int signal = 1; signal < 32; signal++) EXPECT_LE(delivered[signal], sent[signal]);
 }
 
+// SIGHUP is kept again and again, since its handler raises more of it than the loop takes.
+ISOLATED_TEST(Signals, KeptOnesTakeTurns) {
+    static int turns;
+    const signal_handler_t refill = [](int, siginfo_t*, void*) {
+        for (int n = 0; n < 40; n++) raise(SIGHUP);
+        if (++turns == 3000) cancel_loop();
+    };
+    const signal_handler_t end = [](int, siginfo_t*, void*) { cancel_loop(); };
+    event_signal_add(refill, nullptr, SIGHUP);
+    event_signal_add(end, nullptr, SIGTERM);
+    drive(nullptr, {[] {
+              for (int n = 0; n < 1000; n++) raise(SIGHUP);
+              raise(SIGTERM);
+          }});
+    EXPECT_LT(turns, 100);
+}
+
 TEST(Signals, StormOverAFullChannelLosesOrInventsAKind) {
     if (getenv("TESSRA_EMULATED"))
         GTEST_SKIP()

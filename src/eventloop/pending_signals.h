@@ -30,11 +30,14 @@ public:
 
     bool any() const { return full_.load() != 0; }
 
-    // The loop's thread: hands out the lowest number and its record, or returns 0.
+    // The loop's thread: hands out a number and its record, or returns 0. The numbers take turns,
+    // so that one which is kept again and again doesn't hold up the others.
     int take(siginfo_t& info) {
         const unsigned full = full_.load();
         if (full == 0) return 0;
-        const int signal = __builtin_ctz(full);
+        const unsigned later = full & (~1U << last_taken_);
+        const int signal = __builtin_ctz(later != 0 ? later : full);
+        last_taken_ = signal;
         Slot& slot = slots_[signal - 1];
         full_.fetch_and(~(1U << signal));
         memcpy(&info, &slot.info, sizeof info);
@@ -57,6 +60,7 @@ private:
     };
 
     std::atomic<unsigned> full_;  // A bit for each number whose slot is full.
+    int last_taken_ = 0;          // The loop's thread only.
     Slot slots_[kMaxSignal];
 };
 
