@@ -1,4 +1,4 @@
-/* A plugin's use of the library: it is loaded, catches a signal, and is unloaded. argv: libtessra.so */
+/* A plugin's use of the library: it loads, catches a signal, and unloads. argv[1]: libtessra.so */
 #include <dlfcn.h>
 #include <signal.h>
 #include <stdio.h>

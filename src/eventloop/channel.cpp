@@ -133,14 +133,13 @@ void close_if_open(int& fd) {
 struct StartFailure {
     const char* text = nullptr;
     int line = 0;
-
-    // Returns false, the result of the step.
-    bool note(const char* failed_text, int failed_line) {
-        text = failed_text;
-        line = failed_line;
-        return false;
-    }
 };
+
+// Returns false, the result of the step.
+bool note_failure(StartFailure& failure, const char* text, int line) {
+    failure = {text, line};
+    return false;
+}
 
 int open_end(const char* path, int access) {
     return open(path, access | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
@@ -158,7 +157,7 @@ constexpr char kNoReading[] = "<%x> %s:%s(%d) - Failed to open pingpong fifo for
 bool use_name(const char* path, event_loop_ctx_t& el_ctx, StartFailure& failure) {
     close_if_open(el_ctx.pong_fd);
     if (mkfifo(path, 0666) != 0 && errno != EEXIST) {
-        return failure.note("<%x> %s:%s(%d) - Failed to create fifo\n", __LINE__);
+        return note_failure(failure, "<%x> %s:%s(%d) - Failed to create fifo\n", __LINE__);
     }
     // The read end first: without a reader a non-blocking open for writing fails.
     el_ctx.pong_fd = open_end(path, O_RDONLY);
@@ -166,10 +165,10 @@ bool use_name(const char* path, event_loop_ctx_t& el_ctx, StartFailure& failure)
         close_if_open(el_ctx.pong_fd);
         errno = EPERM;
     }
-    if (el_ctx.pong_fd == kNoFd) return failure.note(kNoReading, __LINE__);
+    if (el_ctx.pong_fd == kNoFd) return note_failure(failure, kNoReading, __LINE__);
     int write_end = open_end(path, O_WRONLY);
     if (write_end == kNoFd) {
-        return failure.note("<%x> %s:%s(%d) - Failed to open pingpong fifo for writing\n",
+        return note_failure(failure, "<%x> %s:%s(%d) - Failed to open pingpong fifo for writing\n",
                             __LINE__);
     }
     (void)unlink(path);
@@ -222,7 +221,7 @@ bool open_channel_locked(event_loop_ctx_t& el_ctx, StartFailure& failure) {
         (void)nanosleep(&pause, nullptr);
     }
     failure = {};
-    return open_pipe(el_ctx) || failure.note(kNoReading, __LINE__);
+    return open_pipe(el_ctx) || note_failure(failure, kNoReading, __LINE__);
 }
 
 bool start_locked(event_loop_ctx_t& el_ctx, StartFailure& failure) {
