@@ -37,12 +37,15 @@ enum {
  *
  * Failure: it doesn't return. The process ends with a line on standard error by errExit() or
  * fatal() (error_functions.h), status 1. If another process holds the lock, the line is "ERROR: PID
- * file 'FILE' is locked; probably 'NAME' is already running", and the file is left as it is.
+ * file 'FILE' is locked; probably 'NAME' is already running", and the file is left as it is. If the
+ * process id can't be written, as on a full disk, the file stays empty or incomplete, and unlocked.
  *
  * The file of a dead process is taken over and never removed: removing it would let two instances
  * lock two files of one name.
  *
- * Threads: any, once at the start. Memory: none allocated. Blocks: as opening and writing does.
+ * Threads: any, once at the start. #PID_FILE_CLOEXEC takes effect just after the file is opened: a
+ * process that another thread starts in between inherits the descriptor, without the lock. Memory:
+ * none allocated. Blocks: as opening and writing does.
  */
 int createPidFile(const char* progName, const char* pidFile, int flags);
 

@@ -14,7 +14,8 @@
  * that is cut has none.
  *
  * The line goes out in one piece, behind what standard output has buffered, unless a function says
- * otherwise. Failures to format or write are passed over.
+ * otherwise. Failures to format or write are passed over. A pipe that nobody reads, at standard
+ * output or standard error, raises SIGPIPE as in every write().
  *
  * The end. The functions that end the process do so with status 1 by exit(), which runs its
  * handlers and writes what streams have buffered. If the environment variable EF_DUMPCORE is set
@@ -60,8 +61,9 @@ void errExitEN(int errnum, const char* format, ...) __attribute__((noreturn, for
 void fatal(const char* format, ...) __attribute__((noreturn, format(printf, 1, 2)));
 
 /**
- * Writes "Usage: " and the message, whole and without a newline of its own, and ends the process
- * with exit(1). EF_DUMPCORE plays no part.
+ * Writes "Usage: " and the message, uncut and without a newline of its own, and ends the process
+ * with exit(1). The two go out one after the other, so text of another thread or process can come
+ * between them. EF_DUMPCORE plays no part.
  */
 void usageErr(const char* format, ...) __attribute__((noreturn, format(printf, 1, 2)));
 
