@@ -27,6 +27,7 @@ constexpr unsigned int kMaxNameBytes = 255;
 constexpr unsigned int kMaxMessageBytes = 65535;
 
 constexpr unsigned int kPointer = 0xC0;  // Both bits set in a length byte: RFC 1035, 4.1.4.
+constexpr unsigned int kPointerBytes = 2;
 
 // What lies between the names of a message.
 constexpr unsigned int kQuestionTailBytes = 4;  // Type and class.
@@ -35,8 +36,7 @@ constexpr unsigned int kRecordHeaderBytes = 10;
 
 constexpr unsigned int kTypeA = 1;
 constexpr unsigned int kTypeAaaa = 28;  // RFC 3596
-
-enum class Pointers { kRefused, kAllowed };
+constexpr unsigned int kClassIn = 1;
 
 // Where an address of a reply goes.
 struct Target {
@@ -52,26 +52,37 @@ dns_header_t& header_of(char* message) {
     return *static_cast<dns_header_t*>(bytes);
 }
 
-// The offset behind the name at `at`; 0, which no name ends at, for one that is refused.
-unsigned int skip_name(const char* message, unsigned int at, Pointers pointers) {
+// The offset behind the name at `at`. If that is no name: behind the bytes of a pointer.
+unsigned int skip_name(const char* message, unsigned int at) {
     const unsigned int begin = at;
     while (at < kMaxMessageBytes && at - begin < kMaxNameBytes) {
         const unsigned int length = byte_at(message + at);
         if (length == 0) return at + 1;
-        if (length >= kPointer) return pointers == Pointers::kAllowed ? at + 2 : 0;
-        if (length > kMaxLabelBytes) return 0;
+        if (length >= kPointer) return at + kPointerBytes;
+        if (length > kMaxLabelBytes) break;
         at += 1 + length;
     }
-    return 0;
+    return begin + kPointerBytes;
 }
 
-// Some senders leave the two bytes of the owner's pointer blank. That looks like the root, but its
-// type is then 0, which no record has.
+// The offset behind the owner of the record at `at`; an offset without room for a record if there
+// is none here. Servers send a pointer. Whatever else the two bytes in its place hold, they are
+// taken for the owner, unless the bytes that follow them can only belong to a name:
+//
+// - The root and names of one letter are followed by a type and class IN. Behind an owner of two
+//   bytes, the same bytes would be the ends of type and class, or of class and TTL.
+// - In other names the two bytes in the place of a type are text, or the length of a label and
+//   text, or a pointer. Nearly all types in use are smaller numbers.
 unsigned int skip_owner(const char* message, unsigned int at) {
-    const unsigned int behind = skip_name(message, at, Pointers::kAllowed);
-    const bool is_root = behind == at + 1;
-    return is_root && behind + 2 <= kMaxMessageBytes && read16(message + behind) == 0 ? behind + 1
-                                                                                      : behind;
+    if (at + 1 + kRecordHeaderBytes > kMaxMessageBytes) return kMaxMessageBytes;
+    const unsigned int length = byte_at(message + at);
+    const unsigned int type = read16(message + at + kPointerBytes);
+    if (length <= 1) {
+        const unsigned int end = at + 2 * length;
+        if (message[end] == 0 && read16(message + end + 3) == kClassIn) return end + 1;
+    }
+    const unsigned int min_text = length == 1 ? 0x0120 : 0x2000;
+    return length != 0 && type >= min_text ? skip_name(message, at) : at + kPointerBytes;
 }
 
 bool all_zero(const char* data, unsigned int size) {
@@ -95,7 +106,7 @@ int find_address(char* rep, unsigned int at, const Target& target) {
     dns_header_t& header = header_of(rep);
     while (header.answer_count-- != 0) {
         at = skip_owner(rep, at);
-        if (at == 0 || at + kRecordHeaderBytes > kMaxMessageBytes) return 0;
+        if (at + kRecordHeaderBytes > kMaxMessageBytes) return 0;
         const unsigned int type = read16(rep + at);
         const unsigned int rdlength = read16(rep + at + kRdlengthOffset);
         at += kRecordHeaderBytes;
@@ -127,12 +138,10 @@ int parse_reply(char* rep, char** name, const Target& target) {
     header.answer_count = ntohs(header.answer_count);
     if ((header.f.raw & kReplyCodeMask) != 0) return -1;
     if (header.answer_count == 0) return 0;
-    const unsigned int behind = skip_name(rep, kHeaderBytes, Pointers::kRefused);
-    if (name != nullptr) {
-        *name = behind != 0 ? text_of_name(rep + kHeaderBytes, behind - kHeaderBytes - 1) : nullptr;
-    }
-    if (behind == 0) return 0;
-    return find_address(rep, behind + kQuestionTailBytes, target);
+    const char* const question = rep + kHeaderBytes;
+    const auto size = static_cast<unsigned int>(strnlen(question, kMaxMessageBytes - kHeaderBytes));
+    if (name != nullptr) *name = name2string(rep + kHeaderBytes);
+    return find_address(rep, kHeaderBytes + size + 1 + kQuestionTailBytes, target);
 }
 
 }  // namespace

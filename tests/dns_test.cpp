@@ -16,7 +16,7 @@ namespace {
 
 constexpr size_t kMaxMessage = 65535;
 const string ip = "\1\2\3\4";
-constexpr unsigned kA = 1, kCname = 5, kAaaa = 28, kOther = 0x0101;
+constexpr unsigned kA = 1, kCname = 5, kAaaa = 28, kUri = 256, kCaa = 257;
 
 // A copy of some bytes, never unmapped, whose end is the end of the memory.
 char* at_edge(const string& bytes) {
@@ -76,7 +76,7 @@ TEST(Dns, RepliesGiveAnotherResultOrAreReadBeyondTheirEnd) {
     const string too_long = labels + label(62) + '\0';
     // The longest message, with a record or a part of one at its end.
     const auto full = [](const string& last) {
-        return reply(2, record("\0"s, kOther, string(kMaxMessage - 33 - last.size(), 'y')) + last);
+        return reply(2, record("\0"s, kCaa, string(kMaxMessage - 33 - last.size(), 'y')) + last);
     };
     const string found = "1 1.2.3.4 0 a.bc";
     const struct {
@@ -92,7 +92,7 @@ TEST(Dns, RepliesGiveAnotherResultOrAreReadBeyondTheirEnd) {
         {reply(3, a), "1 1.2.3.4 2 a.bc"},           // The rest isn't looked at.
         {reply(2, answer(kCname, "\1b\xC0\x0C") + a), found},
         {reply(1, answer(kCname, "\1b\xC0\x0C")), "0 - 65535 a.bc"},
-        {reply(2, answer(kOther, string(300, 'y')) + a), found},
+        {reply(2, answer(kCaa, string(300, 'y')) + a), found},
         {reply(2, a0 + a2), "1 0.0.0.5 0 a.bc"},
         {reply(1, a0), "0 0.0.0.0 65535 a.bc"},
         {reply(1, aaaa), "0 - 65535 a.bc", "1 2001::6 0 a.bc"},
@@ -100,23 +100,30 @@ TEST(Dns, RepliesGiveAnotherResultOrAreReadBeyondTheirEnd) {
         {reply(2, aaaa + a), found, "1 2001::6 1 a.bc"},
         {reply(2, aaaa0 + a), found},
         {reply(2, a + aaaa), "1 1.2.3.4 1 a.bc"},
-        // Owner names spelled out, wholly or in part, and ones that are no names.
-        {reply(2, record("\1A\2BC\0"s, kOther, "") + record("\1A\xC0\x0E", kA, ip)), found},
+        // Owner names of labels, wholly or in part.
+        {reply(2, record("\1A\2BC\0"s, kCaa, "") + record("\1A\xC0\x0E", kA, ip)), found},
+        {reply(2, record("\1A\0"s, kCaa, "") + record("\2de\0"s, kA, ip, 3)), found},
         {reply(1, record(longest, kA, ip)), found},
-        {reply(1, record(too_long, kA, ip)), "0 - 0 a.bc"},
-        {reply(2, "\x40"), "0 - 1 a.bc"},
-        {reply(2, "\1x\xBF"), "0 - 1 a.bc"},
-        // Names of the question.
-        {reply(1, a, "\3a\0b\0"s), "1 1.2.3.4 0 a"},
-        {reply(1, a, longest), "1 1.2.3.4 0 " + string(63, 'x') + "." + string(63, 'x') + "." +
-                                   string(63, 'x') + "." + string(61, 'x')},
-        {reply(1, a, too_long), "0 - 1 null"},
-        {header(0, 1) + "\1a\xC0", "0 - 1 null"},
-        {header(0, 1) + "\x40", "0 - 1 null"},
+        // Owners of two bytes that aren't a pointer. What they are taken for if they are looked at:
+        {reply(1, record("\x40\7", kA, ip)), found},              // A reason to refuse the reply,
+        {reply(1, record("\xBF\0"s, kA, ip, 3)), found},          // likewise,
+        {reply(2, record("\77x", kCaa, "") + a), found},          // a label beyond the end,
+        {reply(2, record("\2x", kUri, "\0\1\0\1"s) + a), found},  // a name and no record,
+        {reply(1, record("\1x", kA, ip)), found},                 // a name of one letter,
+        {reply(2, record("\0\0"s, kUri, "\0\1\0\1a"s) + a), found},         // the root,
+        {reply(1, record("\0\0"s, kCaa, "\0\5issue"s)), "0 - 65535 a.bc"},  // an A record of it.
+        // Names of the question beyond the standard's lengths.
+        {reply(1, a, label(64) + '\0'), "1 1.2.3.4 0 " + string(64, 'x')},
+        {reply(1, a, too_long), "1 1.2.3.4 0 " + string(63, 'x') + "." + string(63, 'x') + "." +
+                                    string(63, 'x') + "." + string(62, 'x')},
+        {reply(1, a, label(191) + label(100) + '\0'), "1 1.2.3.4 0 null"},
+        {reply(1, a, '\xEE' + string(494, 'x') + '\0'), "1 1.2.3.4 0 null"},
+        {header(0, 1) + string(kMaxMessage - 12, 'x'), "0 - 0 null"},
         // At the last byte of the longest message, and beyond it.
         {full(short_a), found},
         {full(short_a.substr(0, 14)), "0 - 65535 a.bc"},
         {full(short_a.substr(0, 10)), "0 - 0 a.bc"},
+        {full(a.substr(0, 11)), "0 - 0 a.bc"},
         {full("\xC0"), "0 - 0 a.bc"},
         {full(""), "0 - 0 a.bc"},
         {reply(0xFFFF, string(kMaxMessage - 22, '\0')), "0 - 60075 a.bc"},

@@ -18,8 +18,10 @@
  * - Lengths. No call is told how long a buffer is. A reply must be complete: all the records that
  *   its header counts, each with all of its data. One that is cut off is read beyond its end. Give
  *   the parsers a buffer of 65535 bytes, the longest message there is, whose rest behind what was
- *   received is zero: no reply leads a parser out of that, however it is made. Never hand on fewer
- *   than 12 bytes received, and see the flag `truncated`.
+ *   received is zero: no reply leads a parser out of that, however it is made. The zeros count as
+ *   part of the reply, though: of an address that is cut off they make another address. So compare
+ *   the length received with the one sent (recv() tells it with MSG_TRUNC; over TCP it stands
+ *   before the message), and see the flag `truncated`. Never hand on fewer than 12 bytes received.
  *
  * Threads: any, each with buffers of its own; there is no state. Memory: only a name that is handed
  * out is allocated. Blocks: never. Nothing is printed.
@@ -143,12 +145,24 @@ int dns_build_request(char* req, char* name, int type, int clss, int trans);
  * Returns 0 if there is no such address. @p addr is untouched then, or zero if A records of 0.0.0.0
  * were there.
  *
- * Also 0, for what no proper reply has: a question's name with a compression pointer, with a label
- * above 63 bytes or of more than 255 bytes in all, for which @p name gets NULL; an answer whose
- * owner name is neither a compression pointer nor labels that end with a zero byte or with a
- * pointer (RFC 1035, 4.1.4) nor two zero bytes, or has more than 255 bytes of labels; an answer
- * that goes on beyond byte 65535 of the message. Bytes behind the last answer looked at are never
- * read.
+ * The question's name ends at its first zero byte, however long it and its labels are. @p name
+ * gets NULL for one that name2string() can't decode.
+ *
+ * The owner name of an answer is taken to be the two bytes of a compression pointer, which are never
+ * looked at. A name of labels, ended by a zero byte or a pointer (RFC 1035, 4.1.4), counts as well
+ * if it is one of these:
+ *
+ * - The root or a name of one letter, of a record of class IN.
+ * - A name of up to 255 bytes whose first label has two or more bytes, the second being 32 or more.
+ * - A name of up to 255 bytes whose first label has one byte, with a pointer behind it or a label
+ *   whose first byte is 32 or more.
+ *
+ * Trap: an owner of two bytes that isn't a pointer can look like such a name, if its first byte is 1
+ * to 63 and the record's type is 8192 or more, or 288 or more where that byte is 1. Records of
+ * addresses have smaller types.
+ *
+ * An answer that goes on beyond byte 65535 of the message ends the search. Bytes behind the last
+ * answer looked at are never read.
  * Trap: an A record counts as having 4 bytes of data whatever its rdlength says.
  */
 int dns_parse_reply(char* rep, char** name, struct in_addr* addr);
