@@ -148,17 +148,17 @@ int dns_build_request(char* req, char* name, int type, int clss, int trans);
  * The question's name ends at its first zero byte, however long it and its labels are. @p name
  * gets NULL for one that name2string() can't decode.
  *
- * The owner name of an answer is taken to be the two bytes of a compression pointer, which are never
- * looked at. A name of labels, ended by a zero byte or a pointer (RFC 1035, 4.1.4), counts as well
- * if it is one of these:
+ * The owner name of an answer is taken to be the two bytes of a compression pointer, which are
+ * never looked at. A name of labels, ended by a zero byte or a pointer (RFC 1035, 4.1.4), counts as
+ * well if it is one of these:
  *
  * - The root or a name of one letter, of a record of class IN.
  * - A name of up to 255 bytes whose first label has two or more bytes, the second being 32 or more.
  * - A name of up to 255 bytes whose first label has one byte, with a pointer behind it or a label
  *   whose first byte is 32 or more.
  *
- * Trap: an owner of two bytes that isn't a pointer can look like such a name, if its first byte is 1
- * to 63 and the record's type is 8192 or more, or 288 or more where that byte is 1. Records of
+ * Trap: an owner of two bytes that isn't a pointer can look like such a name, if its first byte is
+ * 1 to 63 and the record's type is 8192 or more, or 288 or more where that byte is 1. Records of
  * addresses have smaller types.
  *
  * An answer that goes on beyond byte 65535 of the message ends the search. Bytes behind the last
