@@ -6,6 +6,7 @@
 
 #include "tessra/binarytree.h"
 
+#include <atomic>
 #include <climits>
 #include <cstddef>
 #include <cstdlib>
@@ -40,9 +41,15 @@ using Side = Node* Node::*;
 constexpr Side kLeft = &Node::left;
 constexpr Side kRight = &Node::right;
 
-// The link that leads down to `node` from its parent `above`.
-Node*& link_to(const Node* node, Node* above) {
-    return above->left == node ? above->left : above->right;
+// True once the program has called a building block that changes links or heights. From then on any
+// tree may be out of balance, with wrong heights or root, when an operation begins.
+constinit std::atomic<bool> changed_by_hand = false;
+
+// Called by those building blocks. Hands the node through, which keeps their code short. Relaxed,
+// since threads that share a tree synchronise in any case.
+Node* by_hand(Node* node) {
+    changed_by_hand.store(true, std::memory_order_relaxed);
+    return node;
 }
 
 int height_of(const Node* node) { return node != nullptr ? static_cast<int>(node->height) : 0; }
@@ -105,7 +112,7 @@ Node* find(const BinaryTree* tree, void* key) {
 Node* rotate(Node* node, Side down, Side up) {
     Node* top = node->*up;
     Node* above = node->parent;
-    if (above != nullptr) link_to(node, above) = top;
+    if (above != nullptr) (above->left == node ? above->left : above->right) = top;
     top->parent = above;
     node->*up = top->*down;
     if (node->*up != nullptr) (node->*up)->parent = node;
@@ -135,16 +142,15 @@ inline Node* balance(Node* node) {
     return node;
 }
 
-enum class Climb { kToTheRoot, kWhileHeightsChange };
-
-// Where a height stays as it was, the nodes above see no change, if their own were exact.
-void climb(BinaryTree* tree, Node* node, Climb how) {
+// Where a height stays as it was, the nodes above see no change. The climb ends there, unless they
+// may have been wrong before.
+void climb(BinaryTree* tree, Node* node) {
     for (;;) {
         Node* above = node->parent;
         const unsigned int before = node->height;
         node = balance(node);
         if (above == nullptr) break;
-        if (node->height == before && how == Climb::kWhileHeightsChange) return;
+        if (node->height == before && !changed_by_hand.load(std::memory_order_relaxed)) return;
         node = above;
     }
     tree->root = node;
@@ -165,16 +171,13 @@ void swap(Node* a, Node* b) {
     return nullptr;
 }
 
-void delete_leaf(BinaryTree* tree, Node* leaf, Climb how) {
-    Node* above = leaf->parent;
-    if (above == nullptr) {
-        tree->root = nullptr;
-    } else {
-        link_to(leaf, above) = nullptr;
-        climb(tree, above, how);
+// Takes a leaf off its parent. By hand a program can make one that its parent doesn't have.
+void unlink(const Node* leaf, Node* above) {
+    if (above->left == leaf) {
+        above->left = nullptr;
+    } else if (above->right == leaf) {
+        above->right = nullptr;
     }
-    free(leaf);
-    --tree->itemcount;
 }
 
 // The entry sinks to a leaf. It changes places with a neighbour each time, so the order of the
@@ -252,9 +255,10 @@ unsigned int slots_of(const BinaryTree* tree) {
 void link_leaf(BinaryTree* tree, Node* parent, int comparison, Node* leaf) {
     if (parent == nullptr) {
         tree->root = leaf;
+        tree->itemcount = 0;
     } else {
         (comparison < 0 ? parent->left : parent->right) = leaf;
-        climb(tree, parent, Climb::kWhileHeightsChange);
+        climb(tree, parent);
     }
     ++tree->itemcount;
 }
@@ -262,7 +266,15 @@ void link_leaf(BinaryTree* tree, Node* parent, int comparison, Node* leaf) {
 Node* replacement_of(Node* node) { return next_below(node); }
 
 void remove_leaf(BinaryTree* tree, Node* leaf) {
-    delete_leaf(tree, leaf, Climb::kWhileHeightsChange);
+    Node* above = leaf->parent;
+    if (above == nullptr) {
+        tree->root = nullptr;
+    } else {
+        unlink(leaf, above);
+        climb(tree, above);
+    }
+    free(leaf);
+    --tree->itemcount;
 }
 
 }  // namespace tessra
@@ -285,7 +297,7 @@ void BT_delete(BinaryTree* todelete) {
             continue;
         }
         Node* above = node->parent;
-        if (above != nullptr) link_to(node, above) = nullptr;
+        if (above != nullptr) unlink(node, above);
         free(node);
         node = above;
     }
@@ -380,20 +392,22 @@ BinaryTreeNode* findinsertionpoint(BinaryTree* intree, void* tofind, int* lastco
 }
 
 BinaryTreeNode* createnode(BinaryTreeNode* parent, void* key, void* data) {
-    return new_leaf(parent, key, data);
+    return new_leaf(by_hand(parent), key, data);
 }
 
-void recalculateheight(BinaryTreeNode* curnode) { update_height(curnode); }
+void recalculateheight(BinaryTreeNode* curnode) { update_height(by_hand(curnode)); }
 
 int getbalance(BinaryTreeNode* ofnode) { return lean_of(ofnode); }
 
-BinaryTreeNode* rotateleft(BinaryTreeNode* torotate) { return rotate(torotate, kLeft, kRight); }
-
-BinaryTreeNode* rotateright(BinaryTreeNode* torotate) { return rotate(torotate, kRight, kLeft); }
-
-void balanceup(BinaryTree* tree, BinaryTreeNode* fromnode) {
-    climb(tree, fromnode, Climb::kToTheRoot);
+BinaryTreeNode* rotateleft(BinaryTreeNode* torotate) {
+    return rotate(by_hand(torotate), kLeft, kRight);
 }
+
+BinaryTreeNode* rotateright(BinaryTreeNode* torotate) {
+    return rotate(by_hand(torotate), kRight, kLeft);
+}
+
+void balanceup(BinaryTree* tree, BinaryTreeNode* fromnode) { climb(tree, by_hand(fromnode)); }
 
 void swapnodes(BinaryTreeNode* nodea, BinaryTreeNode* nodeb) { swap(nodea, nodeb); }
 
@@ -404,7 +418,7 @@ BinaryTreeNode* findreplacement(BinaryTreeNode* ofnode) {
 
 void DeleteLeafNode(BinaryTree* intree, BinaryTreeNode* todelete) {
     if (intree == nullptr || todelete == nullptr) return;
-    delete_leaf(intree, todelete, Climb::kToTheRoot);
+    remove_leaf(intree, by_hand(todelete));
 }
 
 BinaryTreeNode* leftmost(BinaryTree* oftree) { return first_of(oftree); }

@@ -1,10 +1,13 @@
 // The balanced tree against std::map, with all invariants checked after every step.
 #include "tessra/binarytree.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <map>
 #include <random>
+#include <string>
+#include <vector>
 
 #include "support/harness.h"
 
@@ -86,6 +89,81 @@ TEST(BinaryTree, ArrayThatNoMemoryHolds) {
     EXPECT_TRUE(!BT_toarray(tree, &slots) && slots == 0 && errno == ENOMEM);
     EXPECT_EQ(UINT_MAX, CalculateTreeArraySize(tree));
     BT_delete(tree);
+}
+
+// A node with its height and its children.
+std::string shape_of(const BinaryTreeNode* node) {
+    if (!node) return "-";
+    return std::to_string(reinterpret_cast<uintptr_t>(node->key)) + ':' +
+           std::to_string(node->height) + '(' + shape_of(node->left) + shape_of(node->right) + ')';
+}
+
+void insert_or_remove(BinaryTree* tree, void* key) {
+    if (!BT_insert(tree, key, key)) BT_remove(tree, key);
+}
+
+// The same, step by step and each time up to the root.
+void by_building_blocks(BinaryTree* tree, void* key) {
+    int side;
+    BinaryTreeNode *node = findinsertionpoint(tree, key, &side), *below;
+    if (side) {
+        (side < 0 ? node->left : node->right) = createnode(node, key, key);
+        tree->itemcount++;
+        return balanceup(tree, node);
+    }
+    for (; (below = findreplacement(node)) != node; node = below) swapnodes(node, below);
+    DeleteLeafNode(tree, node);
+}
+
+using Order = std::vector<uintptr_t>;  // Of insertions.
+using Change = void (*)(BinaryTreeNode*);
+
+// What an insertion or removal makes of a tree whose node n is changed by hand, for each key.
+std::string changed(const Order& order, Change change, size_t n, bool by_blocks) {
+    std::string shapes;
+    for (uintptr_t key = 1; key <= 2 * order.size() + 1; key++) {
+        BinaryTree* tree = BT_create(compare);
+        for (uintptr_t each : order) BT_insert(tree, number(2 * each), nullptr);
+        BinaryTreeNode* node = leftmost(tree);
+        for (size_t i = 0; i < n; i++) node = inordernext(node);
+        change(node);
+        (by_blocks ? by_building_blocks : insert_or_remove)(tree, number(key));
+        shapes += shape_of(tree->root) + std::to_string(tree->itemcount) + '\n';
+        BT_delete(tree);
+    }
+    return shapes;
+}
+
+// All shapes of seven entries. A process for each change, since the first makes the tree careful.
+TEST(BinaryTree, ChangeByHandIsLeftUnbalanced) {
+    const Change changes[] = {
+        [](BinaryTreeNode* node) { node->right ? void(rotateleft(node)) : void(); },
+        [](BinaryTreeNode* node) { node->left ? void(rotateright(node)) : void(); },
+        [](BinaryTreeNode* node) {
+            if (node->right) return;
+            void* key = number(reinterpret_cast<uintptr_t>(node->key) - 1);
+            for (int n = 0; n < 2; n++, node = node->right)
+                node->right = createnode(node, key, key);
+        }};
+    std::map<std::string, Order> orders;
+    Order order = {1, 2, 3, 4, 5, 6, 7};
+    do {
+        BinaryTree* tree = BT_create(compare);
+        for (uintptr_t each : order) BT_insert(tree, number(each), nullptr);
+        orders.emplace(shape_of(tree->root), order);
+        BT_delete(tree);
+    } while (std::next_permutation(order.begin(), order.end()));
+    ASSERT_EQ(17u, orders.size());
+    for (const Change change : changes) {
+        tessra_test::run_isolated([&] {
+            std::vector<std::string> seen[2];
+            for (const bool by_blocks : {false, true})
+                for (const auto& [shape, each] : orders)
+                    for (size_t n = 0; n < 7; n++)
+                        seen[by_blocks].push_back(shape + changed(each, change, n, by_blocks));
+            EXPECT_EQ(seen[true], seen[false]);
+        });
+    }
 }
 
 }  // namespace

@@ -208,6 +208,8 @@ static void test_building_blocks(void) {
     recalculateheight(at_x);
     balanceup(tree, at_x);
     CHECK(getbalance(at_t) == 1 && rotateleft(at_t) == at_x && rotateright(at_x) == at_t);
+    DeleteLeafNode(tree, createnode(at_x, "z", NULL)); /* one that its parent doesn't have */
+    CHECK(at_x->right && ++tree->itemcount == 4);
     DeleteLeafNode(tree, at_x->right);
     swapnodes(at_t, at_x);
     BT_deletenode(tree, at_x);

@@ -210,6 +210,15 @@ unsigned int CalculateTreeArraySize(BinaryTree* oftree);
 /**
  * @name Building blocks
  * What the functions above are made of, for trees with needs of their own. Nothing is checked.
+ *
+ * A change by hand can leave heights, balance and root wrong. BT_insert(), BT_remove() and
+ * balanceup() correct them from the changed leaf up to the root; other parts of the tree stay as
+ * they are. BT_toarray() needs exact heights and the right root.
+ *
+ * Cost: normally BT_insert() and BT_remove() stop where a height stays as it was. Once the program
+ * has called createnode(), recalculateheight(), rotateleft(), rotateright(), balanceup() or
+ * DeleteLeafNode(), they go up to the root in every tree, and so does the tracker of memchk.h. That
+ * takes them 40 % more instructions with 1000 entries.
  * @{
  */
 
@@ -264,8 +273,9 @@ void swapnodes(BinaryTreeNode* nodea, BinaryTreeNode* nodeb);
 BinaryTreeNode* findreplacement(BinaryTreeNode* ofnode);
 
 /**
- * Unlinks the leaf @p todelete, frees it, counts it off and runs balanceup() from its parent. Does
- * nothing if one of the two is NULL. Trap: a node with children must not be given.
+ * Unlinks the leaf @p todelete, frees it, counts it off and runs balanceup() from its parent. A
+ * parent that doesn't have it as a child keeps its children. Without a parent the tree has no root
+ * afterwards. Does nothing if one of the two is NULL. Trap: a node with children must not be given.
  */
 void DeleteLeafNode(BinaryTree* intree, BinaryTreeNode* todelete);
 
