@@ -217,6 +217,7 @@ using namespace tessra;
 int p_compare(uintptr_t a, uintptr_t b) { return compare(a, b); }
 
 void add_allocation(void* pointer, const char* file, unsigned int line, unsigned int size) {
+    if (pointer == nullptr) return;
     if (allocation_tree == nullptr) allocation_tree = new_tree();
     if (allocation_tree == nullptr) return;  // errno tells.
     int comparison;

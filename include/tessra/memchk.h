@@ -156,7 +156,7 @@ static inline char* tessra_memchk_n_dup(const char* todup, size_t n, const char*
 /**
  * Enters a live block.
  *
- * @param pointer  its address, not null; nothing is read there
+ * @param pointer  its address; nothing is read there. NULL does nothing.
  * @param size     its length in bytes; kept for a debugger's eyes, not reported
  *
  * An address that is tracked already keeps its first site. Failure: ENOMEM; nothing changes.
