@@ -71,8 +71,6 @@ void* data_of(const Node* node) { return node != nullptr ? node->data : nullptr;
     return node;
 }
 
-Node* first_of(const BinaryTree* tree) { return outermost(tree->root, kLeft); }
-
 Node* last_of(const BinaryTree* tree) { return outermost(tree->root, kRight); }
 
 // The neighbour in walking order towards `side`: below if there is anything on that side, else the
@@ -87,8 +85,6 @@ Node* neighbour(Node* node, Side side, Side opposite) {
     }
     return above;
 }
-
-Node* next_of(Node* node) { return neighbour(node, kRight, kLeft); }
 
 Node* previous_of(Node* node) { return neighbour(node, kLeft, kRight); }
 
@@ -262,6 +258,10 @@ void link_leaf(BinaryTree* tree, Node* parent, int comparison, Node* leaf) {
     }
     ++tree->itemcount;
 }
+
+Node* first_of(const BinaryTree* tree) { return outermost(tree->root, kLeft); }
+
+Node* next_of(Node* node) { return neighbour(node, kRight, kLeft); }
 
 Node* replacement_of(Node* node) { return next_below(node); }
 

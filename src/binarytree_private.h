@@ -25,6 +25,10 @@ BinaryTreeNode* search_by(const BinaryTree* tree, void* key, int& comparison, Co
     return node;
 }
 
+// leftmost() and inordernext().
+BinaryTreeNode* first_of(const BinaryTree* tree);
+BinaryTreeNode* next_of(BinaryTreeNode* node);
+
 // Makes a node the leaf of an entry where such a search has ended without finding its key. The rest
 // of the block behind it is the caller's.
 void link_leaf(BinaryTree* tree, BinaryTreeNode* parent, int comparison, BinaryTreeNode* leaf);

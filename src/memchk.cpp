@@ -95,7 +95,7 @@ void delete_tree(BinaryTree* tree) {
 template <class Visit>
 void for_each_node(BinaryTree* tree, Visit visit) {
     if (tree == nullptr) return;
-    for (BinaryTreeNode* node = leftmost(tree); node != nullptr; node = inordernext(node)) {
+    for (BinaryTreeNode* node = first_of(tree); node != nullptr; node = next_of(node)) {
         visit(node);
     }
 }
