@@ -70,8 +70,11 @@ static inline void list_add_tail(list_t* list, list_t* entry) {
 static inline void list_delete(list_t* entry) {
     entry->next->prev = entry->prev;
     entry->prev->next = entry->next;
-    entry->next = 0;
-    entry->prev = 0;
+#ifdef __cplusplus
+    entry->next = entry->prev = nullptr;
+#else
+    entry->next = entry->prev = 0;
+#endif
 }
 
 /** @cond */

@@ -136,7 +136,11 @@ static inline void* tessra_memchk_calloc(size_t count, size_t size, const char* 
     const unsigned int fitting_count = count & UINT_MAX;
     if (fitting_size != size || fitting_count != count) {
         errno = ENOMEM;
+#ifdef __cplusplus
+        return nullptr;
+#else
         return NULL;
+#endif
     }
     return memchk_calloc(fitting_size, fitting_count, file, line);
 }

@@ -10,7 +10,8 @@ warnings=(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wundef -Werror)
 count=0
 for compiler in "$@"; do
     case $compiler in
-        *++*) language=(-x c++ -std=c++17 -Wnon-virtual-dtor ${CXXFLAGS:-}) ;;
+        *++*) language=(-x c++ -std=c++17 -Wnon-virtual-dtor -Wzero-as-null-pointer-constant
+            ${CXXFLAGS:-}) ;;
         *) language=(-x c -std=c11 -Wstrict-prototypes ${CFLAGS:-}) ;;
     esac
     # Of the C libraries, only glibc has what the headers name with nothing but ISO C asked for.
