@@ -161,7 +161,7 @@ typedef void (*hashtable_iterator_t)(hashlist_t* entry, void* arg);
  * Makes a table of @p elements empty buckets.
  *
  * @param elements  fixed for the table's life. Any positive number will do, prime or not. With 0
- *                  the table can be counted, walked and freed; all else would divide by zero.
+ *                  the table has one bucket that its size doesn't count.
  *
  * Returns the table, which the caller ends with hashtable_free() or str_hashtable_free(), or NULL
  * with errno ENOMEM: no memory, a size beyond what a block can have, or a negative number.
@@ -172,7 +172,7 @@ hashtable_t* hashtable_alloc(int elements);
 static inline list_t* hashtable_get_bucket(hashtable_t* ht, unsigned int hash) {
     const unsigned int size = (unsigned int)ht->size;
     const unsigned int mask =
-        size - 1; /* Of a power of two; small processors divide in software. */
+        size - (size != 0); /* Of a power of two; small processors divide in software. */
     return &ht->hashlist[(size & mask) == 0 ? hash & mask : hash % size].list;
 }
 

@@ -28,7 +28,8 @@ void list_free(list_t* l, list_destructor_t destructor) {
 hashtable_t* hashtable_alloc(int elements) {
     constexpr size_t kHeads = offsetof(hashtable_t, hashlist);
     constexpr size_t kMostElements = (PTRDIFF_MAX - kHeads) / sizeof(hashlist_t);
-    const auto count = static_cast<size_t>(elements);  // Beyond all limits if it was negative.
+    // One bucket at least, for what looks for one. Beyond all limits if the number is negative.
+    const auto count = static_cast<size_t>(elements != 0 ? elements : 1);
     if (count > kMostElements) {
         errno = ENOMEM;
         return nullptr;
@@ -53,10 +54,11 @@ hashlist_t* hashtable_get_index(hashtable_t* ht, unsigned int hash, int index) {
 
 void hashtable_iterate(hashtable_t* ht, hashtable_iterator_t iter, void* arg) {
     if (ht == nullptr) return;
-    for (int bucket = 0; bucket < ht->size; bucket++) {
+    int bucket = 0;
+    do {
         list_t* node;
         dll_foreach(node, &ht->hashlist[bucket].list) iter(record_of<hashlist_t>(node), arg);
-    }
+    } while (++bucket < ht->size);
 }
 
 unsigned int hashtable_count(hashtable_t* ht) {
@@ -67,8 +69,9 @@ unsigned int hashtable_count(hashtable_t* ht) {
 
 void hashtable_free(hashtable_t* ht, list_destructor_t destructor) {
     if (ht == nullptr) return;
-    for (int bucket = 0; bucket < ht->size; bucket++) {
+    int bucket = 0;
+    do {
         list_free_items(&ht->hashlist[bucket].list, destructor);
-    }
+    } while (++bucket < ht->size);
     free(ht);
 }
