@@ -36,7 +36,7 @@
  * logarithm of the number of entries; BT_delete() and the snapshots pass over all.
  *
  * Exhausted memory: whatever has to allocate sets errno to ENOMEM and changes nothing. Calls that
- * succeed leave errno as it was.
+ * succeed leave errno as it was; those that free memory do so where the C library's free() does.
  */
 #ifndef TESSRA_BINARYTREE_H
 #define TESSRA_BINARYTREE_H

@@ -19,7 +19,7 @@
  * no lock; the caller sees to it that one thread at a time uses them. Blocks: never.
  *
  * Exhausted memory: whatever has to allocate sets errno to ENOMEM and changes nothing. Calls that
- * succeed leave errno as it was.
+ * succeed leave errno as it was; those that free memory do so where the C library's free() does.
  */
 #ifndef TESSRA_LINKEDLIST_H
 #define TESSRA_LINKEDLIST_H

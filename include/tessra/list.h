@@ -17,8 +17,13 @@
  *
  * Memory: blocks that change hands come from malloc() and go to free(). A function that runs out of
  * it sets errno to ENOMEM and, if it says nothing else, leaves list and table as they were; one
- * that succeeds leaves errno as it was. Threads: lists and tables have no lock; the caller holds
- * whatever guards them. Callbacks run on the calling thread, inside the call. Blocks: never.
+ * that succeeds leaves errno as it was, and one that frees memory where the C library's free()
+ * does. Threads: lists and tables have no lock; the caller holds whatever guards them. Callbacks
+ * run on the calling thread, inside the call. Blocks: never.
+ *
+ * Trap: free() is the plain one. It doesn't tell the tracker of memchk.h, which goes on reporting
+ * tracked blocks as leaks after they are freed here; "Blocks that the library frees" there says
+ * what to do.
  */
 #ifndef TESSRA_LIST_H
 #define TESSRA_LIST_H
@@ -247,7 +252,8 @@ unsigned int strhash(const char* k);
  *
  * So each key is a block of its own, e.g. of strdup(), and never that of another entry. A value
  * that can meet one of the first two ways is such a block or NULL; others must leave by the last
- * two.
+ * two. Key and value that are tracked by memchk.h go through remove_allocation() when
+ * str_hashtable_put() has taken them over, or they are reported as leaks once the table frees them.
  * @{
  */
 

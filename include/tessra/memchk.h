@@ -33,10 +33,18 @@
  *
  * Traps. The tracker knows blocks by address, and dumps remember bare addresses: a new block in the
  * place of one that was alive at the first dump is never listed (unless that dump ran out of
- * memory), and one in the place of a block of
- * the dump before is listed one dump early. So a site whose count wavers is busy and doesn't leak.
+ * memory), and one in the place of a block of the dump before is listed one dump early. So a site
+ * whose count wavers is busy and doesn't leak.
  * A block handed to plain free() or realloc() counts as alive, also when its address comes back
  * from another site: give it back with memchk_free(), and don't resize it.
+ *
+ * Blocks that the library frees. The library itself calls plain free(), so tracked blocks that it
+ * frees are reported as leaks. These are the keys and values of a string hash table, and the
+ * records that list_free_items(), list_free() and hashtable_free() dispose of without a destructor.
+ * Call remove_allocation() for key and value when str_hashtable_put() has taken them over, and give
+ * lists and tables of tracked records a destructor that calls MEMCHK_FREE(). Blocks that the
+ * library hands out (of BT_pairs(), base64_encode_alloc()) aren't tracked; memchk_free() frees them
+ * like any other.
  *
  * Cost. A wrapper's allocation and its memchk_free() take, besides their own, one more pair of
  * malloc() and free(), and two ways down and up a balanced tree of all live blocks, of about log2
