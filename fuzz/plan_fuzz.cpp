@@ -51,11 +51,9 @@ struct Model {
         if (error) return;
         names.push_back(name);
         zip64 = zip64 || size > UINT32_MAX;
-        // Counted as in ZIP64: header, extra field, descriptor.
-        const uint64_t fixed = 30 + 20 + 24 + name.size(), before = bytes + names_bytes;
-        if (size > kMostBytes - before - fixed) return void(error = EFBIG);
-        bytes += size + 30 + 20 + 24;
+        bytes += size + 30 + 20 + 24;  // As in ZIP64: header, extra field, descriptor.
         names_bytes += name.size();
+        if (size > kMostBytes || archive() > kMostBytes) error = EFBIG;
     }
     uint64_t archive() const {
         const uint64_t entries = names.size(), whole = bytes + 2 * names_bytes;

@@ -200,6 +200,38 @@ TEST(Szip, Zip64BySize) {
                    1 << 20);
 }
 
+std::vector<uint64_t> told_sizes;  // By stat(), of the files "0", "1" and so on.
+
+// With a name of one byte the records of an entry take 150 bytes; those behind all entries take 98.
+TEST(Szip, LongerArchiveThanAnOffsetCountsIsPlanned) {
+    constexpr uint64_t longest = INT64_MAX;
+    const struct {
+        std::vector<uint64_t> sizes;
+        bool fits;
+    } rows[] =
+        {
+            {{longest - 98 - 150}, true},   {{longest - 98 - 149}, false},
+            {{0, longest - 398}, true},     {{longest - 397, 0}, false},
+            {{longest - 75, 0}, false},  // The second entry begins at the largest offset.
+            {{longest, longest, 2}, false},
+        };
+    const Tree tree;
+    fakes.after_stat = [](const char* path, struct stat64* info) {
+        info->st_size = off64_t(told_sizes[size_t(path[strlen(path) - 1] - '0')]);
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(&row - rows);
+        told_sizes = row.sizes;
+        Pieces names;
+        for (size_t n = 0; n < row.sizes.size(); n++) tree.put(names.emplace_back(1, '0' + n), "");
+        errno = 0;
+        const Plan plan = tree.plan(names);
+        EXPECT_EQ(row.fits ? 0 : EFBIG, errno);
+        EXPECT_EQ(row.fits ? longest : 0, szip_calc_size(plan.get(), 0));
+    }
+    fakes.after_stat = nullptr;
+}
+
 TEST(Szip, TimeStampsAreLocalAndEven) {
     const std::tuple<const char*, time_t, unsigned, unsigned> rows[] = {
         {"UTC", kStamp, kDosTime, kDosDate},

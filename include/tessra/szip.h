@@ -68,7 +68,7 @@ typedef ssize_t (*szip_write_func)(void* arg, const void* buf, size_t count);
  *     null or @p numfiles is 0 (@c EINVAL); if stat() fails for a path, with its @c errno (on 32
  *     bits @c EOVERFLOW for a time stamp after 2038); if a full path has more than 4095 bytes
  *     (@c ENAMETOOLONG); if a path doesn't lie under @p zbase or is @p zbase itself (@c EINVAL);
- *     if data, names and records would come to about 8 EiB (@c EFBIG); if memory is short or too
+ *     if the archive would be longer than 2^63 - 1 bytes (@c EFBIG); if memory is short or too
  *     small for @p numfiles entries (@c ENOMEM). Then nothing stays allocated.
  *
  * Names longer than 65535 bytes can't occur, and the same path may be named twice. A file that is

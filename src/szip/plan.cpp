@@ -16,8 +16,8 @@ constexpr size_t kPathBuffer = 4096;
 constexpr size_t kEntryAlignment = 16;
 static_assert(alignof(szip_upi_t) <= kEntryAlignment);
 
-// No archive reaches this length, so that sums of offsets and record sizes can't wrap around.
-constexpr uint64_t kMaxOffset = INT64_MAX;
+// The longest archive. The sum of two such numbers and the size of some records can't wrap around.
+constexpr uint64_t kMaxArchive = INT64_MAX;
 
 // Builds a path in a buffer, or notes that it doesn't fit: a path cut short would be another file.
 class PathBuilder {
@@ -138,6 +138,7 @@ bool plan_entries(szip_info_t* info, const char** files, const char* base, const
     auto* text = static_cast<char*>(buf.get());
     PathBuilder path(text);
     uint64_t offset = 0;
+    uint64_t length = kZip64End;  // Of an archive of the entries so far.
     for (unsigned int i = 0; i < info->count; i++) {
         szip_upi_t* upi = &info->upi[i];
         if (files[i] == nullptr) {
@@ -151,11 +152,13 @@ bool plan_entries(szip_info_t* info, const char** files, const char* base, const
         }
         upi->local_offset = offset;
         info->zip64 |= exceeds_32_bits(upi->size);
-        const uint64_t fixed = kLocalFixed + strlen(upi->rel);
-        if (upi->size > kMaxOffset - offset - fixed) {
+        const size_t name = strlen(upi->rel);
+        const uint64_t local = kLocalFixed + name + upi->size;
+        offset += local;
+        length += local + kCentralFixed + name;
+        if ((upi->size | length) > kMaxArchive) {
             return fail(EFBIG);
         }
-        offset += fixed + upi->size;
     }
     return true;
 }

@@ -244,6 +244,12 @@ PLAIN int open64(const char* path, int flags, ...) {
     return FAULT_HITS(FAKE_OPEN) ? -1 : REAL(open64)(path, flags, mode);
 }
 
+PLAIN int stat64(const char* path, struct stat64* into) __THROW {
+    const int result = FAULT_HITS(FAKE_STAT) ? -1 : REAL(stat64)(path, into);
+    if (result == 0 && fakes.after_stat) fakes.after_stat(path, into);
+    return result;
+}
+
 PLAIN int fcntl64(int fd, int command, ...) {
     va_list args;
     va_start(args, command);
@@ -275,7 +281,6 @@ PLAIN int close(int fd) {
 
 FAIL_ON_DEMAND(FAKE_MKFIFO, mkfifo, (const char* path, mode_t mode)__THROW, (path, mode))
 FAIL_ON_DEMAND(FAKE_PIPE, pipe2, (int* ends, int flags)__THROW, (ends, flags))
-FAIL_ON_DEMAND(FAKE_STAT, stat64, (const char* path, struct stat64* into)__THROW, (path, into))
 FAIL_ON_DEMAND(FAKE_FSTAT, fstat64, (int fd, struct stat64* into)__THROW, (fd, into))
 FAIL_ON_DEMAND(FAKE_FTRUNCATE, ftruncate64, (int fd, off64_t length)__THROW, (fd, length))
 FAIL_ON_DEMAND(FAKE_UNLINK, unlink, (const char* path)__THROW, (path))

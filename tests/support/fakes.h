@@ -6,6 +6,7 @@
 
 #include <signal.h>
 #include <sys/select.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 extern "C" {
@@ -82,6 +83,8 @@ extern struct fakes {
     void (*before_message)(int fd, size_t size);
     // Called after a sigaction() of the library, if not null. `action` is null for a query.
     void (*after_sigaction)(int signal, const struct sigaction* action);
+    // Called after a stat() that was successful, if not null.
+    void (*after_stat)(const char* path, struct stat64* info);
     void (*before_open)(int nth); /**< Called before the nth open() of the library, if not null. */
     int opens;                    /**< Made by the library so far. */
     unsigned long long clock_ns;  /**< CLOCK_MONOTONIC_RAW, and the uptime; 0 for the real ones. */
