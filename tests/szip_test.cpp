@@ -1,5 +1,9 @@
 // Archives byte for byte against a second writer, and what becomes of files that change.
 #include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sched.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +13,7 @@
 #include <fstream>
 #include <memory>
 #include <set>
+#include <thread>
 #include <tuple>
 
 #include "support/harness.h"
@@ -399,6 +404,66 @@ TEST(Szip, AShortWriteIsTheLast) {
     EXPECT_EQ(0, szip_stream_zip(plan.get(), nullptr, &none, 4));
     EXPECT_EQ(0, none.stream({nullptr, szip_free_info}, 4));
     EXPECT_TRUE(none.pieces.empty());
+}
+
+volatile sig_atomic_t handled;
+
+ssize_t write_all(void* arg, const void* buf, size_t count) {
+    for (size_t done = 0; done < count;) {
+        const ssize_t taken =
+            write(*static_cast<int*>(arg), static_cast<const char*>(buf) + done, count - done);
+        if (taken >= 0)
+            done += size_t(taken);
+        else if (errno != EINTR)
+            return -1;
+    }
+    return ssize_t(count);
+}
+
+// The two ways to stream beside signals, and what happens without them.
+TEST(Szip, HandledSignalCutsAStreamShort) {
+    const struct {
+        const char* what;
+        bool blocked, goes_on;
+    } rows[] = {{"neither", false, false}, {"blocked", true, false}, {"goes on", false, true}};
+    const Tree tree;
+    tree.put("f", "", 1 << 20);
+    const Plan plan = tree.plan({"f"});
+    struct sigaction action = {}, before;
+    action.sa_handler = [](int) { handled = 1; };
+    action.sa_flags = SA_RESTART;
+    ASSERT_EQ(0, sigaction(SIGUSR1, &action, &before));
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        int ends[2], whole = -1;
+        ASSERT_EQ(0, pipe(ends));
+        handled = 0;
+        std::thread stream([&] {
+            sigset_t all, mask;
+            sigfillset(&all);
+            if (row.blocked) pthread_sigmask(SIG_SETMASK, &all, &mask);
+            whole = row.goes_on ? szip_stream_zip(plan.get(), write_all, &ends[1], 65536)
+                                : szip_stream_zip_fd(ends[1], plan.get(), 65536);
+            close(ends[1]);
+            EXPECT_EQ(!row.blocked, handled);
+            if (row.blocked) pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+        });
+        // A chunk is larger than the room in the pipe, so the write has begun and waits.
+        for (pollfd room = {ends[1], POLLOUT, 0}; poll(&room, 1, 0) != 0;) sched_yield();
+        pthread_kill(stream.native_handle(), SIGUSR1);
+        while (!row.blocked && !handled) sched_yield();
+        uint64_t arrived = 0;
+        std::vector<char> bytes(65536);
+        for (ssize_t got; (got = read(ends[0], bytes.data(), bytes.size())) > 0;)
+            arrived += uint64_t(got);
+        stream.join();
+        close(ends[0]);
+        EXPECT_TRUE(handled);
+        const bool is_whole = row.blocked || row.goes_on;
+        EXPECT_EQ(is_whole, whole);
+        EXPECT_EQ(is_whole, arrived == szip_calc_size(plan.get(), 0)) << arrived;
+    }
+    sigaction(SIGUSR1, &before, nullptr);
 }
 
 }  // namespace

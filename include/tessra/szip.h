@@ -122,8 +122,45 @@ int szip_stream_zip(szip_info_t* info, szip_write_func szip_write, void* warg,
 /**
  * szip_stream_zip() to the descriptor @p fd, one write() per piece.
  *
- * A partial write ends the stream, so @p fd should be blocking, and no signal handler without
- * SA_RESTART should come in between; for anything else write a @ref szip_write_func that goes on.
+ * A partial write ends the stream, so @p fd should be blocking, and no signal handler may run on
+ * the calling thread before the end. A handler interrupts a write() that waits for room in a pipe
+ * or a socket, and then write() returns the number of bytes that have gone out. SA_RESTART doesn't
+ * change that, and the library's own handler, of event_signal_add(), is no exception. There are two
+ * ways out: block the signals on the thread, or stream with a function that goes on after a partial
+ * write.
+ *
+ * ```c
+ * #include <errno.h>
+ * #include <pthread.h>
+ * #include <signal.h>
+ * #include <tessra/szip.h>
+ * #include <unistd.h>
+ *
+ * // Signals that come meanwhile are delivered at the end, or to another thread.
+ * int stream_with_signals_blocked(int fd, szip_info_t* info) {
+ *     sigset_t all, before;
+ *     sigfillset(&all);
+ *     pthread_sigmask(SIG_SETMASK, &all, &before);
+ *     const int whole = szip_stream_zip_fd(fd, info, 65536);
+ *     pthread_sigmask(SIG_SETMASK, &before, NULL);
+ *     return whole;
+ * }
+ *
+ * static ssize_t write_all(void* fd, const void* buf, size_t count) {
+ *     for (size_t done = 0; done < count;) {
+ *         const ssize_t taken = write(*(int*)fd, (const char*)buf + done, count - done);
+ *         if (taken >= 0)
+ *             done += (size_t)taken;
+ *         else if (errno != EINTR)
+ *             return -1;
+ *     }
+ *     return (ssize_t)count;
+ * }
+ *
+ * int stream_despite_signals(int fd, szip_info_t* info) {
+ *     return szip_stream_zip(info, write_all, &fd, 65536);
+ * }
+ * ```
  */
 int szip_stream_zip_fd(int fd, szip_info_t* info, unsigned int chunk_size);
 

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Compiles every C snippet of some pages as a program of its own, as a reader would who pastes it; once
-# more with what it shows of another library, if that is here and NATIVE is set, as a cross compiler
-# has none.
+# Compiles every C snippet of some pages or headers as a program of its own, as a reader would who pastes
+# it; once more with what it shows of another library, if that is here and NATIVE is set, as a cross
+# compiler has none.
 #
 #   tests/install/snippets.sh COMPILER PAGE...
 set -euo pipefail
@@ -15,6 +15,7 @@ trap 'rm -rf "$work"' EXIT
 for page in "$@"; do
     # A snippet keeps its line numbers, so that the compiler's messages lead to the page.
     awk -v to="$work/" -v page="$page" '
+        page ~ /\.h$/ { sub(/^ \* ?/, "") }
         /^```c$/ { n++; file = to n ".c"; printf "#line %d \"%s\"\n", NR + 1, page > file; next }
         /^```/ { file = "" }
         file { print > file }' "$page"
