@@ -2,7 +2,8 @@
 //
 // The building blocks are exported under plain names. A program may well have a leftmost() of its
 // own, which then stands for ours wherever that is called by name. So nothing in here calls them:
-// they are shells around the private functions that do the work.
+// they are shells around the private functions that do the work. They are weak, so that such a
+// program links with the archive.
 
 #include "tessra/binarytree.h"
 
@@ -385,46 +386,51 @@ void** BT_toarray(BinaryTree* tree, unsigned int* count) {
     return reinterpret_cast<void**>(array);
 }
 
-unsigned int CalculateTreeArraySize(BinaryTree* oftree) { return slots_of(oftree); }
+[[gnu::weak]] unsigned int CalculateTreeArraySize(BinaryTree* oftree) { return slots_of(oftree); }
 
-BinaryTreeNode* findinsertionpoint(BinaryTree* intree, void* tofind, int* lastcomparison) {
+[[gnu::weak]] BinaryTreeNode* findinsertionpoint(BinaryTree* intree, void* tofind,
+                                                 int* lastcomparison) {
     return search(intree, tofind, *lastcomparison);
 }
 
-BinaryTreeNode* createnode(BinaryTreeNode* parent, void* key, void* data) {
+[[gnu::weak]] BinaryTreeNode* createnode(BinaryTreeNode* parent, void* key, void* data) {
     return new_leaf(by_hand(parent), key, data);
 }
 
-void recalculateheight(BinaryTreeNode* curnode) { update_height(by_hand(curnode)); }
+[[gnu::weak]] void recalculateheight(BinaryTreeNode* curnode) { update_height(by_hand(curnode)); }
 
-int getbalance(BinaryTreeNode* ofnode) { return lean_of(ofnode); }
+[[gnu::weak]] int getbalance(BinaryTreeNode* ofnode) { return lean_of(ofnode); }
 
-BinaryTreeNode* rotateleft(BinaryTreeNode* torotate) {
+[[gnu::weak]] BinaryTreeNode* rotateleft(BinaryTreeNode* torotate) {
     return rotate(by_hand(torotate), kLeft, kRight);
 }
 
-BinaryTreeNode* rotateright(BinaryTreeNode* torotate) {
+[[gnu::weak]] BinaryTreeNode* rotateright(BinaryTreeNode* torotate) {
     return rotate(by_hand(torotate), kRight, kLeft);
 }
 
-void balanceup(BinaryTree* tree, BinaryTreeNode* fromnode) { climb(tree, by_hand(fromnode)); }
+[[gnu::weak]] void balanceup(BinaryTree* tree, BinaryTreeNode* fromnode) {
+    climb(tree, by_hand(fromnode));
+}
 
-void swapnodes(BinaryTreeNode* nodea, BinaryTreeNode* nodeb) { swap(nodea, nodeb); }
+[[gnu::weak]] void swapnodes(BinaryTreeNode* nodea, BinaryTreeNode* nodeb) { swap(nodea, nodeb); }
 
-BinaryTreeNode* findreplacement(BinaryTreeNode* ofnode) {
+[[gnu::weak]] BinaryTreeNode* findreplacement(BinaryTreeNode* ofnode) {
     Node* below = ofnode != nullptr ? replacement_of(ofnode) : nullptr;
     return below != nullptr ? below : ofnode;
 }
 
-void DeleteLeafNode(BinaryTree* intree, BinaryTreeNode* todelete) {
+[[gnu::weak]] void DeleteLeafNode(BinaryTree* intree, BinaryTreeNode* todelete) {
     if (intree == nullptr || todelete == nullptr) return;
     remove_leaf(intree, by_hand(todelete));
 }
 
-BinaryTreeNode* leftmost(BinaryTree* oftree) { return first_of(oftree); }
+[[gnu::weak]] BinaryTreeNode* leftmost(BinaryTree* oftree) { return first_of(oftree); }
 
-BinaryTreeNode* rightmost(BinaryTree* oftree) { return last_of(oftree); }
+[[gnu::weak]] BinaryTreeNode* rightmost(BinaryTree* oftree) { return last_of(oftree); }
 
-BinaryTreeNode* inordernext(BinaryTreeNode* ofnode) { return next_of(ofnode); }
+[[gnu::weak]] BinaryTreeNode* inordernext(BinaryTreeNode* ofnode) { return next_of(ofnode); }
 
-BinaryTreeNode* inorderprevious(BinaryTreeNode* ofnode) { return previous_of(ofnode); }
+[[gnu::weak]] BinaryTreeNode* inorderprevious(BinaryTreeNode* ofnode) {
+    return previous_of(ofnode);
+}

@@ -130,6 +130,10 @@ char* text_of_name(const char* name, unsigned int size) {
     return text;
 }
 
+// The public functions, whose names the program may have taken.
+[[gnu::alias("string2name")]] int name_of_string(char* s, char* d);
+[[gnu::alias("name2string")]] char* string_of_name(char* p);
+
 int parse_reply(char* rep, char** name, const Target& target) {
     dns_header_t& header = header_of(rep);
     header.transaction_id = ntohs(header.transaction_id);
@@ -140,7 +144,7 @@ int parse_reply(char* rep, char** name, const Target& target) {
     if (header.answer_count == 0) return 0;
     const char* const question = rep + kHeaderBytes;
     const auto size = static_cast<unsigned int>(strnlen(question, kMaxMessageBytes - kHeaderBytes));
-    if (name != nullptr) *name = name2string(rep + kHeaderBytes);
+    if (name != nullptr) *name = string_of_name(rep + kHeaderBytes);
     return find_address(rep, kHeaderBytes + size + 1 + kQuestionTailBytes, target);
 }
 
@@ -151,7 +155,7 @@ int parse_reply(char* rep, char** name, const Target& target) {
 using namespace tessra;
 
 // A label's length byte is left open until the label's end.
-int string2name(char* s, char* d) {
+[[gnu::weak]] int string2name(char* s, char* d) {
     char* const begin = d;
     char* length = d++;
     for (;; ++s) {
@@ -167,7 +171,7 @@ int string2name(char* s, char* d) {
     return static_cast<int>(d - begin);
 }
 
-char* name2string(char* p) {
+[[gnu::weak]] char* name2string(char* p) {
     unsigned int size = 0;
     for (unsigned int length; (length = byte_at(p + size)) != 0;) {
         size += length + 1;
@@ -187,7 +191,7 @@ int dns_build_request(char* req, char* name, int type, int clss, int trans) {
         header.f.raw = htons(kRecursionDesired);
         header.question_count = htons(1);
         tail += kHeaderBytes;
-        tail += string2name(name, tail);
+        tail += name_of_string(name, tail);
         tail += write16(tail, static_cast<unsigned short>(type));
         tail += write16(tail, static_cast<unsigned short>(clss));
     }

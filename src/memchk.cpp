@@ -214,7 +214,7 @@ char* track_text(char* copy, const char* file, unsigned int line) {
 
 using namespace tessra;
 
-int p_compare(uintptr_t a, uintptr_t b) { return compare(a, b); }
+[[gnu::weak]] int p_compare(uintptr_t a, uintptr_t b) { return compare(a, b); }
 
 void add_allocation(void* pointer, const char* file, unsigned int line, unsigned int size) {
     if (pointer == nullptr) return;

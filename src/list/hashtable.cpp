@@ -8,7 +8,7 @@
 
 using namespace tessra;
 
-void list_free_items(list_t* l, list_destructor_t destructor) {
+[[gnu::weak]] void list_free_items(list_t* l, list_destructor_t destructor) {
     if (l == nullptr) return;
     list_t* node;
     dll_foreach(node, l) {
@@ -20,8 +20,11 @@ void list_free_items(list_t* l, list_destructor_t destructor) {
     }
 }
 
-void list_free(list_t* l, list_destructor_t destructor) {
-    list_free_items(l, destructor);
+[[gnu::alias("list_free_items")]] void tessra::free_items(list_t* head,
+                                                          list_destructor_t destructor);
+
+[[gnu::weak]] void list_free(list_t* l, list_destructor_t destructor) {
+    free_items(l, destructor);
     free(l);
 }
 
@@ -71,7 +74,7 @@ void hashtable_free(hashtable_t* ht, list_destructor_t destructor) {
     if (ht == nullptr) return;
     int bucket = 0;
     do {
-        list_free_items(&ht->hashlist[bucket].list, destructor);
+        free_items(&ht->hashlist[bucket].list, destructor);
     } while (++bucket < ht->size);
     free(ht);
 }

@@ -21,6 +21,10 @@ Record* record_of(list_t* node) {
     return reinterpret_cast<Record*>(node);
 }
 
+// strhash() and list_free_items().
+unsigned int hash_of(const char* text);
+void free_items(list_t* head, list_destructor_t destructor);
+
 // hashtable_iterate() with something callable.
 template <class Record, class Visit>
 void for_each(hashtable_t* ht, Visit visit) {
@@ -42,7 +46,7 @@ bool has_text(const Record* entry, unsigned int hash, const char* text) {
 // unlink the entry.
 template <class Record, const char* (*text_of)(const Record*), class Visit>
 void for_each_match(hashtable_t* ht, const char* text, Visit visit) {
-    const unsigned int hash = strhash(text);
+    const unsigned int hash = hash_of(text);
     list_t* bucket = hashtable_get_bucket(ht, hash);
     list_t* node;
     dll_foreach(node, bucket) {

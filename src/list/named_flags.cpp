@@ -43,7 +43,7 @@ void named_flag_set(hashtable_t* ht, const char* name) {
     auto* flag = static_cast<named_flag_t*>(new_block(offsetof(named_flag_t, name) + length));
     if (flag == nullptr) return;  // errno tells.
     memcpy(flag->name, name, length);
-    hashtable_put(ht, strhash(name), &flag->list);
+    hashtable_put(ht, hash_of(name), &flag->list);
 }
 
 int named_flag_clr(hashtable_t* ht, const char* name) {

@@ -14,7 +14,7 @@ const char* key_of(const string_hash_t* entry) { return entry->key; }
 string_hash_t* str_hashtable_get_entry(hashtable_t* ht, const char* key, int str_index) {
     if (ht == nullptr || key == nullptr || str_index < 0) return nullptr;
     // Not for_each_match(), since most calls are look-ups and its visitor goes through memory.
-    const unsigned int hash = strhash(key);
+    const unsigned int hash = hash_of(key);
     list_t* bucket = hashtable_get_bucket(ht, hash);
     for (list_t* node = bucket->next; node != bucket; node = node->next) {
         auto* entry = record_of<string_hash_t>(node);
@@ -60,7 +60,7 @@ void* str_hashtable_put(hashtable_t* ht, char* key, void* value) {
     if (entry == nullptr) return nullptr;
     entry->key = key;
     entry->value = value;
-    hashtable_put(ht, strhash(key), &entry->list);
+    hashtable_put(ht, hash_of(key), &entry->list);
     return value;
 }
 
@@ -101,7 +101,7 @@ void str_hashtable_values(hashtable_t* ht, list_t* list) {
     });
     if (complete) return;
     // A part of the values would pass for all of them.
-    list_free_items(list, nullptr);
+    free_items(list, nullptr);
     list_init(list);
     errno = ENOMEM;
 }
@@ -124,7 +124,7 @@ void str_hashtable_filter(hashtable_t* ht, const char* key, str_hashtable_filter
     } else {
         for_each<string_hash_t>(ht, judge);
     }
-    list_free_items(&rejected, drop_without_value);
+    free_items(&rejected, drop_without_value);
 }
 
 void str_hashtable_free(hashtable_t* ht) { hashtable_free(ht, str_hash_free); }

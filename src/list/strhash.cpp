@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "tessra/list.h"
+#include "list/hashtable_private.h"
 
 namespace tessra {
 
@@ -110,4 +110,6 @@ static_assert(lookup2("abcdefghijklm", 13) == 0xe71c206c);
 
 }  // namespace tessra
 
-unsigned int strhash(const char* k) { return tessra::lookup2(k, strlen(k)); }
+[[gnu::weak]] unsigned int strhash(const char* k) { return tessra::lookup2(k, strlen(k)); }
+
+[[gnu::alias("strhash")]] unsigned int tessra::hash_of(const char* text);

@@ -9,8 +9,7 @@
 
 #include <cstdio>
 
-#include "tessra/error_functions.h"
-#include "tessra/region_locking.h"
+#include "misc/misc_private.h"
 
 namespace tessra {
 
@@ -25,39 +24,39 @@ int open_pid_file(const char* path) {
     int fd;
     for (;; ++count) {
         fd = open("/", O_PATH | O_CLOEXEC);
-        if (fd == -1) errExit("Could not open PID file %s", path);
+        if (fd == -1) exit_with_errno("Could not open PID file %s", path);
         if (fd > STDERR_FILENO || count > STDERR_FILENO) break;
         taken[count] = fd;
     }
     (void)close(fd);
     fd = open(path, O_RDWR | O_CREAT, S_IRUSR | S_IWUSR);
-    if (fd == -1) errExit("Could not open PID file %s", path);
+    if (fd == -1) exit_with_errno("Could not open PID file %s", path);
     while (count > 0) (void)close(taken[--count]);
     return fd;
 }
 
 void close_on_exec(int fd, const char* path) {
     const int flags = fcntl(fd, F_GETFD);
-    if (flags == -1) errExit("Could not get flags for PID file %s", path);
+    if (flags == -1) exit_with_errno("Could not get flags for PID file %s", path);
     if (fcntl(fd, F_SETFD, flags | FD_CLOEXEC) == -1) {
-        errExit("Could not set flags for PID file %s", path);
+        exit_with_errno("Could not set flags for PID file %s", path);
     }
 }
 
 void lock_pid_file(int fd, const char* path, const char* program) {
-    if (lockRegion(fd, F_WRLCK, SEEK_SET, 0, 0) != -1) return;
+    if (lock_region(fd, F_WRLCK, SEEK_SET, 0, 0) != -1) return;
     if (errno == EAGAIN || errno == EACCES) {
-        fatal("PID file '%s' is locked; probably '%s' is already running", path, program);
+        exit_with_line("PID file '%s' is locked; probably '%s' is already running", path, program);
     }
-    errExit("Unable to lock PID file '%s'", path);
+    exit_with_errno("Unable to lock PID file '%s'", path);
 }
 
 void write_pid(int fd, const char* path) {
-    if (ftruncate(fd, 0) == -1) errExit("Could not truncate PID file '%s'", path);
+    if (ftruncate(fd, 0) == -1) exit_with_errno("Could not truncate PID file '%s'", path);
     char text[100];
     const int length = snprintf(text, sizeof text, "%ld\n", static_cast<long>(getpid()));
     if (write(fd, text, static_cast<size_t>(length)) != length) {
-        fatal("Writing to PID file '%s'", path);
+        exit_with_line("Writing to PID file '%s'", path);
     }
 }
 
@@ -65,7 +64,7 @@ void write_pid(int fd, const char* path) {
 
 }  // namespace tessra
 
-int createPidFile(const char* progName, const char* pidFile, int flags) {
+[[gnu::weak]] int createPidFile(const char* progName, const char* pidFile, int flags) {
     const int fd = tessra::open_pid_file(pidFile);
     if ((flags & PID_FILE_CLOEXEC) != 0) tessra::close_on_exec(fd, pidFile);
     // Truncated only once the lock is won: a second instance leaves the first one's number alone.

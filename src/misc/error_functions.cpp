@@ -11,6 +11,7 @@
 
 #include "internal/guards.h"
 #include "misc/error_names.h"
+#include "misc/misc_private.h"
 
 namespace tessra {
 
@@ -77,7 +78,7 @@ bool core_is_wanted() {
 
 using namespace tessra;
 
-void errMsg(const char* format, ...) {
+[[gnu::weak]] void errMsg(const char* format, ...) {
     const ErrnoKeeper keep_errno;
     va_list arguments;
     va_start(arguments, format);
@@ -85,7 +86,7 @@ void errMsg(const char* format, ...) {
     va_end(arguments);
 }
 
-void errExit(const char* format, ...) {
+[[gnu::weak]] void errExit(const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
     output_error(Number::kGiven, errno, Stdout::kFlush, format, arguments);
@@ -93,7 +94,7 @@ void errExit(const char* format, ...) {
     terminate_by_exit();
 }
 
-void err_exit(const char* format, ...) {
+[[gnu::weak]] void err_exit(const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
     output_error(Number::kGiven, errno, Stdout::kKeep, format, arguments);
@@ -102,7 +103,7 @@ void err_exit(const char* format, ...) {
     _exit(1);
 }
 
-void errExitEN(int errnum, const char* format, ...) {
+[[gnu::weak]] void errExitEN(int errnum, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
     output_error(Number::kGiven, errnum, Stdout::kFlush, format, arguments);
@@ -110,7 +111,7 @@ void errExitEN(int errnum, const char* format, ...) {
     terminate_by_exit();
 }
 
-void fatal(const char* format, ...) {
+[[gnu::weak]] void fatal(const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
     output_error(Number::kNone, 0, Stdout::kFlush, format, arguments);
@@ -118,14 +119,19 @@ void fatal(const char* format, ...) {
     terminate_by_exit();
 }
 
-void usageErr(const char* format, ...) {
+[[gnu::weak]] void usageErr(const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
     complain("Usage: ", format, arguments);
 }
 
-void cmdLineErr(const char* format, ...) {
+[[gnu::weak]] void cmdLineErr(const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
     complain("Command-line usage error: ", format, arguments);
 }
+
+// NOLINTBEGIN(cert-dcl50-cpp): they are C functions by another name.
+[[gnu::alias("errExit")]] void tessra::exit_with_errno(const char* format, ...);
+[[gnu::alias("fatal")]] void tessra::exit_with_line(const char* format, ...);
+// NOLINTEND(cert-dcl50-cpp)

@@ -4,6 +4,8 @@
 
 #include <fcntl.h>
 
+#include "misc/misc_private.h"
+
 namespace tessra {
 
 namespace {
@@ -17,7 +19,7 @@ struct flock region(int type, int whence, int start, off_t len) {
     return region;
 }
 
-int lock_region(int fd, int cmd, int type, int whence, int start, off_t len) {
+int apply_lock(int fd, int cmd, int type, int whence, int start, off_t len) {
     struct flock wanted = region(type, whence, start, len);
     return fcntl(fd, cmd, &wanted);
 }
@@ -28,16 +30,19 @@ int lock_region(int fd, int cmd, int type, int whence, int start, off_t len) {
 
 using namespace tessra;
 
-int lockRegion(int fd, int type, int whence, int start, int len) {
-    return lock_region(fd, F_SETLK, type, whence, start, len);
+[[gnu::weak]] int lockRegion(int fd, int type, int whence, int start, int len) {
+    return apply_lock(fd, F_SETLK, type, whence, start, len);
 }
 
-int lockRegionWait(int fd, int type, int whence, int start, int len) {
-    return lock_region(fd, F_SETLKW, type, whence, start, len);
+[[gnu::weak]] int lockRegionWait(int fd, int type, int whence, int start, int len) {
+    return apply_lock(fd, F_SETLKW, type, whence, start, len);
 }
 
-pid_t regionIsLocked(int fd, int type, int whence, int start, int len) {
+[[gnu::weak]] pid_t regionIsLocked(int fd, int type, int whence, int start, int len) {
     struct flock found = region(type, whence, start, len);
     if (fcntl(fd, F_GETLK, &found) == -1) return -1;
     return found.l_type == F_UNLCK ? 0 : found.l_pid;
 }
+
+[[gnu::alias("lockRegion")]] int tessra::lock_region(int fd, int type, int whence, int start,
+                                                     int len);

@@ -80,10 +80,10 @@ use_pkg_config() {
     mkdir -p "$out"
     export PKG_CONFIG_LIBDIR=$libdir/pkgconfig
     flags=$(pkg-config --cflags --libs tessra) || fail "pkg-config doesn't find tessra"
-    $CC ${C_FLAGS:-} -std=c11 -o "$out/c-shared" "$here/consumer/consumer.c" $flags
+    $CC ${C_FLAGS:-} -std=c11 -o "$out/c-shared" "$here"/consumer/{consumer,words}.c $flags
     $CXX ${CXX_FLAGS:-} -std=c++17 -o "$out/cxx-shared" "$here/consumer/consumer.cpp" $flags
     flags=$(pkg-config --static --cflags --libs tessra)
-    $CC ${C_FLAGS:-} -std=c11 -static -o "$out/c-static" "$here/consumer/consumer.c" $flags
+    $CC ${C_FLAGS:-} -std=c11 -static -o "$out/c-static" "$here"/consumer/{consumer,words}.c $flags
     $CXX ${CXX_FLAGS:-} -std=c++17 -static -o "$out/cxx-static" "$here/consumer/consumer.cpp" $flags
     for program in c-shared cxx-shared c-static cxx-static; do
         check_linkage "$out/$program"
