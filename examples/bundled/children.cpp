@@ -91,7 +91,10 @@ void close_from(int first) {
 
 // As exec() would do it: caught signals go back to their default, so that none is lost in the
 // library's catcher; ignored ones stay ignored, but for the one that the daemon itself ignores.
-void reset_signals() {
+void reset_signals(bool stay_blocked) {
+    sigset_t mask;
+    sigfillset(&mask);
+    (void)sigprocmask(SIG_SETMASK, &mask, nullptr);
     for (int number = 1; number < NSIG; ++number) {
         struct sigaction action;
         const bool caught = sigaction(number, nullptr, &action) == 0 &&
@@ -100,9 +103,10 @@ void reset_signals() {
             (void)signal(number, SIG_DFL);
         }
     }
-    sigset_t none;
-    sigemptyset(&none);
-    (void)sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (!stay_blocked) {
+        sigemptyset(&mask);
+        (void)sigprocmask(SIG_SETMASK, &mask, nullptr);
+    }
 }
 
 void wait_for_gate(const Pipe& gate) {
@@ -115,7 +119,7 @@ void wait_for_gate(const Pipe& gate) {
 // Ends without the destructors and exit handlers of the daemon, whose files and buffers it shares.
 [[noreturn]] void run_child(const ChildTask& task, const Pipe& output, const Pipe& gate) {
     wait_for_gate(gate);
-    reset_signals();
+    reset_signals(task.blocks_signals);
     const bool keeps = task.kept_fd >= 0;
     const int null = open("/dev/null", O_RDONLY);
     const bool ready = null >= 0 && dup2(null, STDIN_FILENO) >= 0 &&

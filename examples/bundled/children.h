@@ -23,6 +23,7 @@ struct ChildTask {
     int (*main)(const void* arg);  ///< Its result is the exit status.
     const void* arg;               ///< Needed until start() has returned.
     int kept_fd = -1;              ///< A descriptor to hand down: kKeptFd in the child.
+    bool blocks_signals = false;   ///< Only SIGKILL and SIGSTOP reach it.
 };
 
 constexpr int kKeptFd = 3;

@@ -184,7 +184,8 @@ void Deliveries::on_client_gone(void* delivery) {
 
 void Deliveries::start(Connection& connection, const BundleSettings& settings) {
     const Order order = {&settings, connection.head_only, connection.server->idle_ms()};
-    const ChildTask task = {run_delivery, &order, connection.socket.get()};
+    // "killall -HUP bundled" reaches the child as well, and would end it in the middle.
+    const ChildTask task = {run_delivery, &order, connection.socket.get(), true};
     const ChildLimits limits = {0, 0, settings.streams};
     std::unique_ptr<Delivery> delivery(new (here()) Delivery{{}, this, &connection, nullptr});
     delivery->child = children_.start(task, limits, on_child_done, delivery.get());

@@ -160,6 +160,9 @@ stop() {
 # A zombie has ended: only its parent's wait is missing.
 has_ended() { ! grep -q '^State:[[:space:]]*[^Z]' "/proc/$pid/status" 2>/dev/null; }
 
+# children: the process ids of the daemon's children.
+children() { grep -ls "^PPid:[[:space:]]*$pid\$" /proc/[0-9]*/status | tr -dc '0-9\n'; }
+
 write_config() {
     cat >"$work/config" <<END
 # Written by demo.sh.
@@ -624,7 +627,7 @@ reload_bundle() {
 
 sends_bundles() {
     title "Bundles"
-    local reloads=0 patient=$'bundle = tree\nbundle-streams = 1\nidle-ms = 20000' round
+    local reloads=0 patient=$'bundle = tree\nbundle-streams = 1\nidle-ms = 20000' round child
     make_tree
     start --port 0 --config "$work/config"
     ask /bundle.zip
@@ -645,7 +648,14 @@ sends_bundles() {
     ask /bundle.zip
     pass_if "503 for one bundle more than allowed" matches "$answer" '^HTTP/1.0 503'
     pass_if "and still under way" status_has '^bundles running: 1$'
+    child=$(children)
+    show "kill -HUP CHILD; kill -TERM CHILD; kill -USR1 \$! CHILD # again and again"
+    pass_if "signals reach its child" kill -HUP "$child"
+    while kill -HUP "$child" && kill -TERM "$child" && kill -USR1 "$pid" "$child"; do
+        sleep 0.01
+    done 2>/dev/null &
     read_bundle slow.zip
+    wait "$!"
     pass_if "whole all the same" cmp -s "$work/1.zip" "$work/slow.zip"
     fetch limited.zip --limit-rate 30M
     pass_if "whole for a slow client" cmp -s "$work/1.zip" "$work/limited.zip"
@@ -687,10 +697,10 @@ TABLE
 
     reload_bundle "$patient"
     begin_bundle "a reader that stops"
-    answer=$(grep -ls "^PPid:[[:space:]]*$pid\$" /proc/[0-9]*/status)
-    pass_if "its child runs" test -e "$answer"
+    child=$(children)
+    pass_if "its child runs" test -e "/proc/$child"
     stop TERM
-    pass_if "and goes with the daemon" test ! -e "$answer"
+    pass_if "and goes with the daemon" test ! -e "/proc/$child"
     exec {link}>&-
 }
 
