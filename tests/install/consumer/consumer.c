@@ -1,7 +1,7 @@
 /* A daemon in small: a timer writes into a pipe, the pipe's watcher raises a signal, and the
    signal's watcher ends the loop. Exits with 0 if all three came in that order, and if the parts of
    the library find one another though words.c has taken names of theirs. */
-#define _POSIX_C_SOURCE 200809L
+#define _XOPEN_SOURCE 700
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
