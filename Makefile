@@ -1,11 +1,12 @@
 # The commands of everyday work; each does its own set-up. CMake does the building.
-.PHONY: help test demo cross check soak bench size docs abi packages format clean
+.PHONY: help test demo cross check models soak bench size docs abi packages format clean
 
 help:
 	@echo 'make test     build (preset dev) and run the test suite'
 	@echo 'make demo     build (preset release) and run the demonstration'
 	@echo 'make cross    build and test for ARM and for other C libraries'
 	@echo 'make check    everything that CI runs'
+	@echo 'make models   check the models of the loop'\''s protocol, and that broken ones are refuted'
 	@echo 'make soak     random operations from several threads, five minutes each under two sanitizers'
 	@echo 'make bench    build (preset bench) and measure beside peers; prints a table of ratios'
 	@echo 'make size     text, data, stack and heap on 32-bit ARM, beside the recorded ones'
@@ -34,6 +35,10 @@ cross:
 
 check:
 	@scripts/check
+
+models:
+	@scripts/setup check
+	@scripts/models
 
 soak:
 	@scripts/setup build

@@ -1,0 +1,418 @@
+/*
+ * thread.cpp: start, cancel and stop of the default context's loop on a thread of its own.
+ *
+ * The scenarios, each with a cancel from anywhere at any time:
+ *   - two threads start, two stop;
+ *   - BESIDE_SYNCHRONOUS: one thread starts twice, one stops, and on another et_event_loop() runs;
+ *   - FROM_HANDLERS: one thread starts, one stops, on another et_event_loop() runs, and handlers of
+ *     whichever loop runs call both functions.
+ * A start of a loop may fail, a timer may find no memory, a thread may not be made, and a wait for a
+ * condition may return without a signal; each once.
+ *
+ * What is asserted:
+ *   - a start that returns 0 has made a thread which has fired the handshake's timer, and whose loop
+ *     runs unless it has been cancelled since it began;
+ *   - every start and every stop returns;
+ *   - a stop returns after the end of every thread that was made before it had the lock;
+ *   - when a start destroys the handshake's mutex, its timer is on no list, and nobody locks the
+ *     mutex afterwards; no thread but the start's own fires the timer;
+ *   - two loops never run on the context at once, and none sleeps with its run flag cleared;
+ *   - each thread is joined once, and not by itself.
+ *
+ * Memory order. The model is sequentially consistent: one step of one thread after another. The
+ * code uses seq_cst for the run flag (async_loop_started), and in_loop is read with it by a start.
+ * What it accesses with less is
+ *   - relaxed: async_loop. Whoever joins by it holds loop_thread.mutex. The new thread has stored it
+ *     before it answered under handshake.mutex, which its starter has locked since. A handler that
+ *     asks for it is on the thread that has stored it.
+ *   - relaxed: in_loop and eloopthread where a loop starts and ends. A start that reads in_loop too
+ *     early or too late is told so by the new thread, which reads it again under loops.mutex. A
+ *     handler that asks for eloopthread is on the thread that has stored it.
+ *   - plain: waiting and start_error. The starter changes them before it makes the thread, and then
+ *     the thread alone, which the starter reads under handshake.mutex.
+ * So no property depends on the order of two weaker accesses.
+ */
+
+#define NO_THREAD 0
+#define SYNCHRONOUS 7     /* The thread in et_event_loop(). */
+#define OUTSIDE 8         /* Any thread that runs no loop. */
+
+bool run_flag;            /* async_loop_started */
+bool in_loop;
+byte eloopthread = NO_THREAD;
+byte async_loop = NO_THREAD;
+bool channel_open;        /* ping_fd isn't kNoFd */
+bool has_byte;
+bool loops_mutex;
+byte timer = NO_THREAD;   /* Whose handshake's timer is on the context's list. */
+
+bool loop_thread_mutex;
+bool handshake_exists;
+bool handshake_mutex;
+bool cond_waits;
+bool waiting;
+bool start_error;
+
+bool may_fail = true;     /* A start of a loop, */
+bool may_lack_memory = true;
+bool may_lack_thread = true;
+bool may_wake = true;     /* and a wait without a signal. */
+byte handler_calls;
+
+byte made;                /* For the assertions: so many threads, from 1 on. */
+bool fired[4], cancelled[4], finished[4], joined[4];
+byte calls_under_way;
+
+#define lock(mutex)   atomic { !mutex -> mutex = true }
+#define unlock(mutex) mutex = false
+#define lock_handshake()   atomic { assert(handshake_exists); !handshake_mutex -> assert(handshake_exists); handshake_mutex = true }
+#define unlock_handshake() atomic { assert(handshake_exists); handshake_mutex = false }
+
+inline clear_run_flag() {
+    atomic {
+        run_flag = false;
+        if
+        :: in_loop && eloopthread < SYNCHRONOUS -> cancelled[eloopthread] = true
+        :: else
+        fi
+    }
+}
+
+/* channel_cancel(); the gate around it is the subject of gate.pml. */
+inline cancel() {
+    clear_run_flag();
+    atomic {
+        if
+        :: channel_open -> has_byte = true
+        :: else
+        fi
+    }
+}
+
+/* answer() */
+inline answer() {
+    lock_handshake();
+    atomic { waiting = false; cond_waits = false }
+    unlock_handshake()
+}
+
+/* channel_start() */
+inline start_loop(me, failed) {
+    lock(loops_mutex);
+    if
+    :: atomic {
+#ifndef FLAG_ALONE_IS_TESTED
+        in_loop ||
+#endif
+        run_flag } -> failed = true
+    :: atomic { else -> assert(!channel_open); channel_open = true; has_byte = false }
+        atomic { assert(!in_loop); in_loop = true; eloopthread = me }
+        run_flag = true
+    :: atomic { may_fail && !in_loop && !run_flag -> may_fail = false; failed = true }
+    fi;
+    unlock(loops_mutex)
+}
+
+/* channel_end() */
+inline end_loop() {
+    lock(loops_mutex);
+    channel_open = false;
+    eloopthread = NO_THREAD;
+    in_loop = false;
+    unlock(loops_mutex)
+}
+
+inline drop_timers() {
+#ifndef TIMERS_STAY
+    timer = NO_THREAD
+#else
+    skip
+#endif
+}
+
+/* join_locked() */
+inline join(me, thread) {
+    thread = async_loop;
+    if
+    :: thread == NO_THREAD
+    :: else ->
+        assert(thread != me);
+#ifdef IDENTITY_OUT_BEFORE_JOIN
+        async_loop = NO_THREAD;
+        unlock(loop_thread_mutex);
+#endif
+        atomic { finished[thread] -> assert(!joined[thread]); joined[thread] = true }
+#ifdef IDENTITY_OUT_BEFORE_JOIN
+        lock(loop_thread_mutex);
+#else
+        async_loop = NO_THREAD
+#endif
+    fi
+}
+
+/* event_loop_async_start(). Returns the thread of a start that succeeds, or NO_THREAD. */
+inline start_call(me) {
+    calls_under_way++;
+    thread = NO_THREAD;
+    if
+    :: run_flag
+    :: else ->
+        if
+#ifndef HANDLERS_TAKE_THE_LOCK
+        :: atomic { eloopthread == me && async_loop == me }
+        :: atomic { else ->
+#else
+        :: atomic { true ->
+#endif
+            !loop_thread_mutex -> loop_thread_mutex = true }
+            start_locked(me);
+            unlock(loop_thread_mutex)
+        fi
+    fi;
+    calls_under_way--
+}
+
+inline start_locked(me) {
+    if
+    :: run_flag
+    :: else ->
+#ifndef FORMER_IS_NOT_JOINED
+        join(me, thread);
+#endif
+        thread = NO_THREAD;
+        if
+        :: in_loop
+        :: else -> run_handshake(me)
+        fi
+    fi
+}
+
+/* run_handshake_locked() */
+inline run_handshake(me) {
+    atomic { assert(!handshake_exists); handshake_exists = true; handshake_mutex = true }
+    start_error = false;
+#ifndef WAITING_IS_SET_LATE
+    waiting = true;
+#endif
+#ifdef STARTER_ARMS
+    timer = made + 1;
+#endif
+    if
+    :: atomic { may_lack_thread -> may_lack_thread = false; waiting = false }
+#ifdef STARTER_ARMS
+        timer = NO_THREAD
+#endif
+    :: atomic { made++; thread = made; run LoopThread(thread) }
+#ifdef WAITING_IS_SET_LATE
+        waiting = true;
+#endif
+#ifdef LOCK_IS_GIVEN_BACK
+        unlock(loop_thread_mutex);
+#endif
+#ifdef WAITS_ONCE
+        wait_for_signal();
+#else
+        do
+        :: waiting -> wait_for_signal()
+        :: else -> break
+        od;
+#endif
+#ifdef LOCK_IS_GIVEN_BACK
+        lock(loop_thread_mutex)
+#endif
+    fi;
+    unlock_handshake();
+    atomic {
+        assert(timer == NO_THREAD);
+        assert(!handshake_mutex);
+        handshake_exists = false
+    }
+    if
+    :: thread == NO_THREAD
+    :: atomic { thread != NO_THREAD && !start_error ->
+            assert(fired[thread]);
+            assert(cancelled[thread] || (in_loop && run_flag && eloopthread == thread)) }
+    :: thread != NO_THREAD && start_error ->
+        join(me, thread);
+        thread = NO_THREAD
+    fi
+}
+
+/* pthread_cond_wait() */
+inline wait_for_signal() {
+    atomic { handshake_mutex = false; cond_waits = true }
+    if
+    :: !cond_waits
+    :: atomic { may_wake -> may_wake = false; cond_waits = false }
+    fi;
+    lock_handshake()
+}
+
+/* event_loop_async_stop() */
+inline stop_call(me) {
+    calls_under_way++;
+    if
+#ifndef HANDLERS_TAKE_THE_LOCK
+    :: atomic { eloopthread == me && async_loop == me } -> cancel()
+    :: atomic { else ->
+#else
+    :: atomic { true ->
+#endif
+        !loop_thread_mutex -> loop_thread_mutex = true; known = made }
+        cancel();
+#ifdef STOP_JOINS_WITHOUT_LOCK
+        unlock(loop_thread_mutex);
+#endif
+        join(me, thread);
+#ifdef FLAG_STORED_AFTER_JOIN
+        clear_run_flag();
+#endif
+        atomic {
+            do
+            :: known > 0 -> assert(finished[known]); known--
+            :: else -> break
+            od
+        }
+#ifndef STOP_JOINS_WITHOUT_LOCK
+        unlock(loop_thread_mutex)
+#endif
+    fi;
+    thread = NO_THREAD;
+    calls_under_way--
+}
+
+/* The passes of run_loop(): descriptor handlers, then the timer; or sleep. */
+inline iterate_until_cancelled(me) {
+    do
+    :: !run_flag -> break
+    :: else ->
+        if
+        :: atomic { handler_calls > 0 -> handler_calls-- };
+            if
+            :: start_call(me)
+            :: stop_call(me)
+            fi
+        :: skip
+        fi;
+        if
+        :: atomic { timer != NO_THREAD ->
+#ifndef STARTER_ARMS
+                assert(timer == me);
+#endif
+                if
+                :: me < SYNCHRONOUS -> fired[me] = true
+                :: else
+                fi;
+                timer = NO_THREAD }
+            answer()
+        :: atomic { timer == NO_THREAD && has_byte -> has_byte = false }
+        fi
+    od
+}
+
+/* event_loop_thread() and run_loop() */
+proctype LoopThread(byte me) {
+    bool failed;
+    byte known, thread, error;
+    async_loop = me;
+#ifdef ANSWERS_FIRST
+    answer();
+#endif
+    start_loop(me, failed);
+    if
+    :: failed
+    :: else ->
+        if
+#ifndef STARTER_ARMS
+        :: atomic { may_lack_memory -> may_lack_memory = false; failed = true };
+            clear_run_flag();
+            end_loop()
+        :: timer = me;
+#else
+        :: skip;
+#endif
+            iterate_until_cancelled(me);
+            drop_timers();
+            end_loop()
+        fi
+    fi;
+    if
+#ifdef ANSWERS_FAILURES_ONLY
+    :: waiting && failed ->
+#else
+#ifdef FAILURE_IS_NOT_ANSWERED
+    :: waiting && !failed ->
+#else
+    :: waiting ->
+#endif
+#endif
+        start_error = true;
+        answer()
+    :: else
+    fi;
+    finished[me] = true
+}
+
+proctype Starter(byte starts) {
+    byte thread;
+    do
+    :: starts > 0 -> starts--; start_call(OUTSIDE)
+    :: else -> break
+    od
+}
+
+proctype Stopper() {
+    byte thread, known;
+    stop_call(OUTSIDE)
+}
+
+proctype Canceller() {
+    cancel()
+}
+
+/* et_event_loop() */
+proctype SynchronousLoop() {
+    bool failed;
+    byte thread, known;
+    start_loop(SYNCHRONOUS, failed);
+    if
+    :: failed
+    :: else ->
+        iterate_until_cancelled(SYNCHRONOUS);
+        drop_timers();
+        end_loop()
+    fi
+}
+
+/* Once nothing else can go on: all calls have returned, and a loop that sleeps isn't cancelled. */
+proctype Last() {
+    byte thread, known;
+    timeout;
+    atomic { assert(calls_under_way == 0); assert(!in_loop || run_flag) }
+    stop_call(OUTSIDE);
+    assert(made < 1 || joined[1]);
+    assert(made < 2 || joined[2]);
+    assert(made < 3 || joined[3])
+}
+
+init {
+    atomic {
+#if defined(BESIDE_SYNCHRONOUS)
+        run Starter(2);
+        run Stopper();
+        run SynchronousLoop();
+#elif defined(FROM_HANDLERS)
+        handler_calls = 2;
+        run Starter(1);
+        run Stopper();
+        run SynchronousLoop();
+#else
+        run Starter(1);
+        run Starter(1);
+        run Stopper();
+        run Stopper();
+#endif
+        run Canceller();
+        run Last()
+    }
+}
