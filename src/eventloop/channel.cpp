@@ -75,12 +75,12 @@ private:
 
 // The running loops of the process. Together, since each name of its own costs code to find it.
 struct RunningLoops {
-    list_t list;
-    std::atomic<pid_t> pid;  // Of the process whose loops these are.
+    list_t list = {&list, &list};
+    std::atomic<pid_t> pid{0};  // Of the process whose loops these are.
     ReaderGate gate;
-    pthread_mutex_t mutex;  // Held by a start or an end.
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;  // Held by a start or an end.
 };
-constinit RunningLoops loops = {{&loops.list, &loops.list}, 0, {}, PTHREAD_MUTEX_INITIALIZER};
+constinit RunningLoops loops;
 
 // For whoever uses a ping_fd, the catcher included. pthread_setcancelstate() is not on POSIX's list
 // for signal handlers, but in glibc, uClibc and musl it is a store into the thread's own record.
