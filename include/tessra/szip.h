@@ -12,8 +12,10 @@
  * and comments are absent. ZIP64 records are used for the whole archive if a file has 4 GiB or
  * more, if there are more than 65535 entries, or if the archive would otherwise pass 0xFFFFFFFF
  * bytes. Readers that work from the central directory take plain archives. Some of them refuse the
- * ZIP64 ones, whose locator tells of 0 disks, and readers that work from the front may refuse all,
- * since they can't know where a stored entry with a descriptor ends.
+ * ZIP64 ones, whose locator tells of 0 disks, and none finds an entry that begins at byte
+ * 0xFFFFFFFF exactly, since they take this offset for the marker that refers to the extra field.
+ * Readers that work from the front may refuse all, since they can't know where a stored entry with
+ * a descriptor ends.
  *
  * Time stamps before 1980 keep month, day and time but turn into 1980, those after 2107 wrap
  * around, and those that localtime_r() can't tell become the first of January 1980.
@@ -65,11 +67,12 @@ typedef ssize_t (*szip_write_func)(void* arg, const void* buf, size_t count);
  *     without its first slash. Compared byte for byte: no path is normalised, and links aren't
  *     resolved. "" or "/" keeps the whole path but its first slash, or two of them.
  * @return the plan, owned by the caller until szip_free_info(). Null if an argument or a path is
- *     null or @p numfiles is 0 (@c EINVAL); if stat() fails for a path, with its @c errno (on 32
- *     bits @c EOVERFLOW for a time stamp after 2038); if a full path has more than 4095 bytes
- *     (@c ENAMETOOLONG); if a path doesn't lie under @p zbase or is @p zbase itself (@c EINVAL);
- *     if the archive would be longer than 2^63 - 1 bytes (@c EFBIG); if memory is short or too
- *     small for @p numfiles entries (@c ENOMEM). Then nothing stays allocated.
+ *     null or @p numfiles is 0 (@c EINVAL); if stat() fails for a path, with its @c errno (where a
+ *     time_t has 32 bits, @c EOVERFLOW for a time stamp before 13 December 1901 or from 19 January
+ *     2038); if a full path has more than 4095 bytes (@c ENAMETOOLONG); if a path doesn't lie under
+ *     @p zbase or is @p zbase itself (@c EINVAL); if the archive would be longer than 2^63 - 1
+ *     bytes (@c EFBIG); if memory is short or too small for @p numfiles entries (@c ENOMEM). Then
+ *     nothing stays allocated.
  *
  * Names longer than 65535 bytes can't occur, and the same path may be named twice. A file that is
  * neither regular nor a directory is planned with the size that stat() gives, usually 0. Files of
