@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -406,7 +407,7 @@ TEST(Szip, AShortWriteIsTheLast) {
     EXPECT_TRUE(none.pieces.empty());
 }
 
-volatile sig_atomic_t handled;
+std::atomic<bool> handled;
 
 ssize_t write_all(void* arg, const void* buf, size_t count) {
     for (size_t done = 0; done < count;) {
@@ -430,14 +431,14 @@ TEST(Szip, HandledSignalCutsAStreamShort) {
     tree.put("f", "", 1 << 20);
     const Plan plan = tree.plan({"f"});
     struct sigaction action = {}, before;
-    action.sa_handler = [](int) { handled = 1; };
+    action.sa_handler = [](int) { handled = true; };
     action.sa_flags = SA_RESTART;
     ASSERT_EQ(0, sigaction(SIGUSR1, &action, &before));
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
         int ends[2], whole = -1;
         ASSERT_EQ(0, pipe(ends));
-        handled = 0;
+        handled = false;
         std::thread stream([&] {
             sigset_t all, mask;
             sigfillset(&all);
