@@ -176,6 +176,8 @@ TEST(Children, WatchersFireOnTheWrongContext) {
         {[=] { add(), event_process_add(pid, note_process, arg("x")); }, false, "d"},
         {[=] { add(), event_signal_del(SIGCHLD), add(); }, false, ""},
         {[=] { add(), event_process_del(pid), drive(nullptr), add(); }, false, ""},
+        // A first call that fails decides nothing.
+        {[=] { fail_allocation = 2, add_mc(), add(); }, false, "d"},
         // The context of the first call is freed, and its memory used again.
         {[=] { add_mc(), event_mc_free(other), other = event_mc_init(), add_mc(), add(); }, false,
          ""},

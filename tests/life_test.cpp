@@ -93,6 +93,14 @@ ISOLATED_TEST(Free, MayFollowTheLoopsReturnWhateverACancelDoes) {
     }
 }
 
+int status_of(pid_t pid) {
+    int status = -1;
+    waitpid(pid, &status, 0);
+    return status;
+}
+
+int run_process(int, void* step, int) { return run_timer(step), 0; }
+
 ISOLATED_TEST(Free, EndsTheWalkOfItsChildrenFromAChildsHandler) {
     event_loop_ctx_tp own = event_mc_init();
     bool nest = true;
@@ -102,12 +110,21 @@ ISOLATED_TEST(Free, EndsTheWalkOfItsChildrenFromAChildsHandler) {
         raise(SIGCHLD);
         EXPECT_EQ(0, do_events(0));  // Another child's handler frees it, inside of this one.
     };
-    const process_handler_t handler = [](int, void* step, int) { return run_timer(step), 0; };
-    for (int n = 0; n < 2; n++) event_process_add_mc(own, dead_child(), handler, &free_it);
+    for (int n = 0; n < 2; n++) event_process_add_mc(own, dead_child(), run_process, &free_it);
     event_process_add_mc(own, dead_child(), note_process, arg("wrong"));
     const Step sigchld = [] { raise(SIGCHLD); };
     EXPECT_EQ(0, drive(nullptr, {sigchld, sigchld}).result);
     EXPECT_EQ("ff", trace);
+    Step fork_it = [&] {
+        const pid_t pid = fork_process([&] {
+            for (int n = 0; n < 3; n++) event_process_add(dead_child(), note_process, arg("n"));
+            if (drive(nullptr, {sigchld}).result != 0 || trace != "ffnnn") _exit(1);
+        });
+        EXPECT_EQ(0, status_of(pid));
+        cancel_loop();
+    };
+    event_timer_add(run_timer, &fork_it, 0);
+    EXPECT_EQ(0, et_event_loop());
 }
 
 // pthread_cancel() comes at a call inside of the library. The thread goes on until it is outside,
@@ -209,12 +226,6 @@ void use_in_child(event_loop_ctx_tp idle) {
     recursive_mutex_unlock(&own);
 }
 
-int status_of(pid_t pid) {
-    int status = -1;
-    waitpid(pid, &status, 0);
-    return status;
-}
-
 // A thread is parked inside the library. It goes on when the library hears of the fork, so that the
 // fork can wait for it, or else after the fork.
 TEST(Fork, ChildCanUseWhatAnotherThreadWasChanging) {
@@ -299,6 +310,89 @@ ISOLATED_TEST(Fork, ChildHasNoLoopAndWritesToNoChannel) {
     EXPECT_EQ(0, status_of(-1));
     leave.release();
     runner.end();
+}
+
+// The pass that has called the handler ends there, whatever the child puts on its lists.
+TEST(Fork, ChildThatReturnsFromAHandlerLeavesThePass) {
+    static event_loop_ctx_tp own;
+    static Step fork_it, end;
+    static pid_t dead[2];
+    static int fds[2];
+    const Step kinds[] = {
+        [] {
+            for (const int fd : fds) event_fd_add(run_fd, &fork_it, fd, EVENT_FD_READ);
+        },
+        [] {
+            for (int n = 0; n < 2; n++) event_signal_add(run_signal, &fork_it, SIGUSR1);
+            raise(SIGUSR1);
+        },
+        [] {
+            for (int n = 0; n < 2; n++) event_timer_add(run_timer, &fork_it, 0);
+        },
+        [] {
+            for (const pid_t pid : dead) event_process_add_mc(own, pid, run_process, &fork_it);
+            raise(SIGCHLD);
+        },
+    };
+    for (const Step& kind : kinds) {
+        SCOPED_TRACE(&kind - kinds);
+        run_isolated([&kind] {
+            set_clock(kHour);  // All timers are due in the phase under way.
+            own = event_mc_init();
+            for (pid_t& pid : dead) pid = dead_child();
+            for (int& fd : fds) fd = ready_descriptor();
+            pid_t pid = -1;
+            end = [] { trace += "e", cancel_loop(); };
+            fork_it = [&pid] {
+                trace += "f";
+                if (pid != -1) return;
+                event_fd_del(fds[1]);  // The next of the walk, which is marked so.
+                event_process_del_mc(own, dead[1]);
+                pid = fork();
+                if (pid != 0) return cancel_loop();
+                event_fd_add(run_fd, &end, fds[1], EVENT_FD_READ);
+                event_timer_add(run_timer, &end, 0);
+                event_mc_free(own);
+            };
+            Step start = kind;
+            event_timer_add(run_timer, &start, 0);
+            const int result = et_event_loop();
+            if (pid != 0) {
+                EXPECT_EQ(0, status_of(pid));
+                return;
+            }
+            if (result != -1 || errno != ECANCELED || trace != "f") _exit(1);
+            event_fd_add(note_fd, arg("n"), fds[0], EVENT_FD_READ);
+            event_signal_add(note_signal, arg("s"), SIGCHLD);
+            if (et_event_loop() != 0 || trace != "fene") _exit(2);
+            _exit(0);
+        });
+    }
+}
+
+ISOLATED_TEST(Fork, ChildOfAProcessWhoseFirstCallIsUnderWay) {
+    Semaphore parked(0), resume(0);
+    at_call(FAKE_ATFORK, [&] { parked.release(), resume.acquire(); });
+    std::thread first([] { event_timer_add(note_timer, nullptr, kHour); });
+    parked.acquire();
+    EXPECT_EQ(0, status_of(fork_process([] { use_in_child(event_mc_init()); })));
+    resume.release();
+    first.join();
+}
+
+// What a failed start has left open is the parent's. Its number may be another file in the child.
+ISOLATED_TEST(Fork, ChildClosesNothingForAFailedStart) {
+    const int leftover = dup(STDIN_FILENO);
+    close(leftover);
+    fakes.before_open = [](int nth) { fakes.fail[FAKE_OPEN] = nth == 2 ? EMFILE : 0; };
+    EXPECT_EQ(-1, et_event_loop());
+    EXPECT_EQ(EMFILE, errno);
+    fakes.before_open = nullptr;
+    fakes.fail[FAKE_OPEN] = 0;
+    EXPECT_EQ(0, status_of(fork_process([&] {
+                  if (dup2(STDIN_FILENO, leftover) != leftover) _exit(1);
+                  if (drive(nullptr).result != 0 || fcntl(leftover, F_GETFD) == -1) _exit(2);
+              })));
 }
 
 // The default loop's starts and stops, beside one another.
@@ -428,6 +522,13 @@ ISOLATED_TEST(Channel, LoggerMayRunALoop) {
     EXPECT_EQ(-1, et_event_loop());
     EXPECT_EQ(EACCES, errno);
     EXPECT_EQ(nullptr, reinterpret_cast<void*>(fakes.on_log));
+    fakes.on_log = [] {
+        EXPECT_EQ(0, event_loop_async_stop());
+        expect_start(EBUSY);
+        fakes.on_log = nullptr;
+    };
+    fakes.fail[FAKE_MKFIFO] = EACCES;
+    expect_start(EACCES);
 }
 
 // Text that a daemon without standard descriptors prints is no message.
@@ -443,6 +544,11 @@ ISOLATED_TEST(Channel, LeavesTheStandardDescriptorsFree) {
     };
     event_timer_add(run_timer, &print, 0);
     event_signal_add(note_signal, arg("s"), 'T' - 'S');
+    // Another thread prints before the descriptors have left these numbers.
+    at_call(FAKE_FCNTL, [] {
+        char message[1 + sizeof(siginfo_t)] = {'T'};
+        EXPECT_EQ(sizeof message, write(STDOUT_FILENO, message, sizeof message));
+    });
     const int result = et_event_loop();
     for (const int fd : numbers) dup2(saved[fd], fd), close(saved[fd]);
     EXPECT_TRUE(result == 0 && is_free);

@@ -207,6 +207,9 @@ bool open_pipe(event_loop_ctx_t& el_ctx) {
         for (int& end : ends) close_if_open(end);
         return false;
     }
+    // Another thread may have printed while the write end had the number of standard output.
+    char printed[64];
+    while (read(ends[0], printed, sizeof printed) > 0) continue;
     el_ctx.pong_fd = ends[0];
     el_ctx.ping_fd.store(ends[1]);
     return true;

@@ -18,24 +18,19 @@ constexpr int kReported = 2;
 constinit std::atomic<int> handler_registered{0};
 
 // The one context whose children SIGCHLD looks after: that of the first call, until it is freed.
-// Guarded by contexts_mutex.
-constinit event_loop_ctx_t* child_context = nullptr;
+// The first call stores it; contexts_mutex keeps it from being freed while SIGCHLD looks at it.
+constinit std::atomic<event_loop_ctx_t*> child_context{nullptr};
 // A handler of that context's child walk has freed the context. The walk's thread only.
 constinit bool child_walk_over = false;
-
-void set_child_context(event_loop_ctx_tp from, event_loop_ctx_tp to) {
-    const MutexLock lock(contexts_mutex);
-    if (child_context == from) child_context = to;
-}
 
 // Registers the SIGCHLD watcher on the first use. Under the lock that the registration takes
 // anyway, so that two first calls at the same moment make one watcher.
 bool register_sigchld_once(event_loop_ctx_tp el_ctx) {
     if (handler_registered.load(std::memory_order_acquire) != 0) return true;
-    set_child_context(nullptr, el_ctx);
     const RecursiveLock lock(default_el_ctx.eventlists_mutex);
     if (handler_registered.load(std::memory_order_relaxed) != 0) return true;
     if (!signal_add(&default_el_ctx, event_sigchld_hndlr, nullptr, SIGCHLD)) return false;
+    child_context.store(el_ctx);
     handler_registered.store(1, std::memory_order_release);
     return true;
 }
@@ -72,8 +67,9 @@ void collect_if_ended(process_t* child) {
 // between.
 event_loop_ctx_t* lock_child_context() {
     const MutexLock lock(contexts_mutex);
-    if (child_context != nullptr) recursive_mutex_lock(&child_context->processlist_mutex);
-    return child_context;
+    event_loop_ctx_t* const el_ctx = child_context.load();
+    if (el_ctx != nullptr) recursive_mutex_lock(&el_ctx->processlist_mutex);
+    return el_ctx;
 }
 
 }  // namespace
@@ -82,13 +78,15 @@ event_loop_ctx_t* lock_child_context() {
 void event_sigchld_hndlr(int /*signal*/, siginfo_t* /*info*/, void* /*arg*/) {
     event_loop_ctx_t* const el_ctx = lock_child_context();
     if (el_ctx == nullptr) return;
+    bool lasts = true;
     pinned_walk<process_t, CountedPins>(
         el_ctx->process_queue, [](const process_t*) { return true; },
-        [](process_t* child) {
+        [&lasts](process_t* child) {
             collect_if_ended(child);
-            return !child_walk_over;
+            lasts = !child_walk_over && is_running_here(default_el_ctx);
+            return lasts;
         });
-    if (!child_walk_over) recursive_mutex_unlock(&el_ctx->processlist_mutex);
+    if (lasts) recursive_mutex_unlock(&el_ctx->processlist_mutex);
 }
 
 void leave_child_walks(event_loop_ctx_tp el_ctx) {
@@ -99,11 +97,14 @@ void leave_child_walks(event_loop_ctx_tp el_ctx) {
     }
 }
 
-void forget_child_context(event_loop_ctx_tp el_ctx) { set_child_context(el_ctx, nullptr); }
+void forget_child_context_locked(event_loop_ctx_tp el_ctx) {
+    if (child_context.load() == el_ctx) child_context.store(nullptr);
+}
 
 void children_forget_parent() {
     handler_registered.store(0, std::memory_order_relaxed);
-    child_context = nullptr;
+    child_context.store(nullptr);
+    child_walk_over = false;
 }
 
 void process_free(event_loop_ctx_tp el_ctx) {
@@ -120,6 +121,7 @@ void event_process_add_mc(event_loop_ctx_tp el_ctx, int pid, process_handler_t h
     if (child == nullptr) return;
     *child = {{}, pid, handler, arg, 0, 0};
     if (!register_sigchld_once(el_ctx)) {
+        const ErrnoKeeper keep_errno;
         free(child);
         return;
     }

@@ -83,6 +83,7 @@ event_loop_ctx_tp event_mc_init(void) {
     auto* own = new (block) OwnContext{};
     event_loop_ctx_t* ctx = &own->context;
     set_up(*ctx, &own->pending);
+    (void)register_fork_handlers();  // Without them, only fork() beside this is unsafe.
     const MutexLock lock(contexts_mutex);
     list_add_tail(&contexts, &ctx->contexts);
     return ctx;
@@ -94,8 +95,8 @@ void event_mc_free(event_loop_ctx_tp ctx) {
     {
         const MutexLock lock(contexts_mutex);
         list_delete(&ctx->contexts);
+        forget_child_context_locked(ctx);
     }
-    forget_child_context(ctx);
     event_timer_free(ctx);
     event_fd_free(ctx);
     process_free(ctx);
@@ -121,10 +122,6 @@ time_t event_get_time_sec(void) {
     return now.tv_sec;
 }
 
-int is_event_loop_thread_mc(event_loop_ctx_tp el_ctx) {
-    // Relaxed: only the thread itself stores its identity.
-    return pthread_equal(el_ctx->eloopthread.load(std::memory_order_relaxed), pthread_self()) ? 1
-                                                                                              : 0;
-}
+int is_event_loop_thread_mc(event_loop_ctx_tp el_ctx) { return is_running_here(*el_ctx) ? 1 : 0; }
 
 int is_event_loop_thread(void) { return is_event_loop_thread_mc(&default_el_ctx); }

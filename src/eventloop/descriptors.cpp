@@ -153,9 +153,9 @@ void run_ready_descriptors_locked(event_loop_ctx_tp el_ctx, const SelectSets& re
     const WatchedSets& watched = el_ctx->watched;
     pinned_walk<event_fd_t, CountedPins>(
         el_ctx->fd_queue, [&](const event_fd_t* watcher) { return is_ready(watcher, ready); },
-        [](const event_fd_t* watcher) {
+        [el_ctx](const event_fd_t* watcher) {
             watcher->handler(watcher->fd, watcher->arg);
-            return true;
+            return is_running_here(*el_ctx);
         },
         [&](list_t* node) {
             const bool known =

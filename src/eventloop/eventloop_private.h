@@ -126,6 +126,13 @@ using event_loop_ctx_t = event_loop_ctx;
 
 extern event_loop_ctx_t default_el_ctx;
 
+// Whether the calling thread runs the loop. After a handler this is false in a child of fork() that
+// returns from there: what the context has then is not for the pass that called the handler.
+inline bool is_running_here(const event_loop_ctx_t& el_ctx) {
+    // Relaxed: only the thread itself stores its identity.
+    return pthread_equal(el_ctx.eloopthread.load(std::memory_order_relaxed), pthread_self());
+}
+
 struct event_timer_t {
     list_t list;
     timer_handler_t handler;
@@ -238,12 +245,13 @@ void event_signal_free(event_loop_ctx_tp el_ctx);
 // children.cpp
 void event_sigchld_hndlr(int signal, siginfo_t* info, void* arg);
 void process_free(event_loop_ctx_tp el_ctx);
-// From now on SIGCHLD doesn't look at this context, which is about to be freed.
-void forget_child_context(event_loop_ctx_tp el_ctx);
+// From now on SIGCHLD doesn't look at this context, which is about to be freed. Under
+// contexts_mutex.
+void forget_child_context_locked(event_loop_ctx_tp el_ctx);
 // Ends the walks of the context's children that are on this thread's stack, and lets go of the lock
 // that they hold.
 void leave_child_walks(event_loop_ctx_tp el_ctx);
-// For a child of fork() in which the default context has lost its watchers, that of SIGCHLD too.
+// For a child of fork(): the next watcher is its first.
 void children_forget_parent();
 
 // log.cpp: the loop's failures, for liblog.

@@ -57,7 +57,6 @@ void make_new(event_loop_ctx_t& el_ctx) {
     memset(static_cast<void*>(&el_ctx), 0, sizeof el_ctx);
     el_ctx.contexts = node;
     set_up(el_ctx, pending);
-    if (&el_ctx == &default_el_ctx) children_forget_parent();
 }
 
 void after_fork_in_child() {
@@ -70,10 +69,12 @@ void after_fork_in_child() {
             make_new(el_ctx);
         } else {
             list_init(&el_ctx.process_queue);
+            el_ctx.pong_fd = kNoFd;  // A failed start's; the same holds for its number.
             el_ctx.processlist_mutex = RECURSIVE_MUTEX_INITIALIZER;
             unlock_idle(el_ctx);
         }
     }
+    children_forget_parent();
     thread_forget_parent();
     channel_forget_parent();
     (void)pthread_mutex_unlock(&contexts_mutex);
@@ -81,13 +82,13 @@ void after_fork_in_child() {
 
 }  // namespace
 
+// Without a lock, since a fork() that is under way doesn't run the handlers: its child would find the
+// lock held.
 bool register_fork_handlers() {
-    if (handlers_registered.load(std::memory_order_relaxed)) return true;
+    if (handlers_registered.load() || handlers_registered.exchange(true)) return true;
     const ErrnoKeeper keep_errno;
-    const MutexLock lock(contexts_mutex);
-    if (handlers_registered.load(std::memory_order_relaxed)) return true;
     const bool done = pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child) == 0;
-    handlers_registered.store(done, std::memory_order_relaxed);
+    if (!done) handlers_registered.store(false);
     return done;
 }
 

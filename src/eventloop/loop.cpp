@@ -43,6 +43,7 @@ bool run_ready_watchers(event_loop_ctx_tp el_ctx, const SelectSets& ready, int r
     const RecursiveLock lock(el_ctx->eventlists_mutex);
     // Marked watchers can't be waiting for this walk: it reaps within the pass what it marks.
     if (has_descriptor) run_ready_descriptors_locked(el_ctx, ready, ready_count);
+    if (!is_running_here(*el_ctx)) return false;
     const int signal = has_descriptor ? take_signal(el_ctx, has_message, info) : first_signal;
     if (signal != 0) run_signal_watchers_locked(el_ctx, signal, info);
     return true;
@@ -53,6 +54,7 @@ bool run_ready_watchers(event_loop_ctx_tp el_ctx, const SelectSets& ready, int r
 bool event_handle_events(event_loop_ctx_tp el_ctx, const SelectSets& ready, int ready_count,
                          Milliseconds now) {
     const bool ran = run_ready_watchers(el_ctx, ready, ready_count);
+    if (!is_running_here(*el_ctx)) return ran;
     return run_due_timers(el_ctx, now, ran) || ran;
 }
 
@@ -98,12 +100,6 @@ int select_with_retries(event_loop_ctx_tp el_ctx, SelectSets& sets, timeval& tim
     return -1;
 }
 
-// A loop whose handler has forked and returned in the child: there the thread runs no loop any
-// more, and what the context has may belong to a new one.
-bool is_still_running(const event_loop_ctx_t& el_ctx) {
-    return pthread_equal(el_ctx.eloopthread.load(std::memory_order_relaxed), pthread_self());
-}
-
 }  // namespace
 
 // Runs a loop. `on_start` is called once the loop has started, unless it is null; if it returns
@@ -119,10 +115,10 @@ int run_loop(event_loop_ctx_t& el_ctx, bool (*on_start)()) {
     }
     Milliseconds ptime = event_get_time();
     bool ran = false;
-    while (el_ctx.async_loop_started.load() != 0 && is_still_running(el_ctx)) {
+    while (el_ctx.async_loop_started.load() != 0 && is_running_here(el_ctx)) {
         ran = iterate(&el_ctx, ptime, ran);
     }
-    if (!is_still_running(el_ctx)) {
+    if (!is_running_here(el_ctx)) {
         errno = ECANCELED;
         return -1;
     }

@@ -48,9 +48,9 @@ void run_signal_watchers_locked(event_loop_ctx_tp el_ctx, int signal, siginfo_t&
     pinned_walk<event_signal_t, CountedPins>(
         el_ctx->signal_queue,
         [signal](const event_signal_t* watcher) { return watcher->signal == signal; },
-        [&info](const event_signal_t* watcher) {
+        [el_ctx, &info](const event_signal_t* watcher) {
             watcher->handler(watcher->signal, &info, watcher->arg);
-            return true;
+            return is_running_here(*el_ctx);
         });
 }
 

@@ -2,8 +2,9 @@
 //
 // The lock is held by a start until the new thread has answered, and by a stop until the thread has
 // been joined. So starts and stops follow one another, and the thread's identity is taken out only
-// after the join. Handlers on that thread may call both functions while another thread waits in one
-// of them, so they take no lock: there a start fails, and a stop only cancels.
+// after the join. Handlers on that thread, and a logger that tells of its failed start, may call
+// both functions while another thread waits in one of them. So they take no lock: there a start
+// fails, and a stop only cancels.
 //
 // The new thread itself arms the handshake's timer, on the loop that it has just started and that
 // it alone walks. The first pass of the loop fires the timer, or the end of the loop drops it; both
@@ -31,8 +32,11 @@ struct LoopThread {
     // The new thread alone changes these during a start.
     bool waiting;
     int start_error;  // Why the loop didn't get to its answer; 0 if it did.
+    // The thread's identity until its end; only its own matters to a thread. async_loop lasts longer,
+    // and the number may be a new thread's by then.
+    std::atomic<pthread_t> self;
 };
-constinit LoopThread loop_thread = {PTHREAD_MUTEX_INITIALIZER, {}, false, 0};
+constinit LoopThread loop_thread = {PTHREAD_MUTEX_INITIALIZER, {}, false, 0, {}};
 
 // A failing step of the handshake means that the process is broken.
 [[noreturn]] void fail(int error, const char* text, int line) {
@@ -58,19 +62,18 @@ bool arm_handshake() {
 
 void* event_loop_thread(void* /*arg*/) {
     default_el_ctx.async_loop.store(pthread_self(), std::memory_order_relaxed);
+    loop_thread.self.store(pthread_self(), std::memory_order_relaxed);
     const int result = run_loop(default_el_ctx, arm_handshake);
     if (loop_thread.waiting) {
         loop_thread.start_error = result == 0 ? ECANCELED : errno;
         answer(loop_thread.handshake);
     }
+    loop_thread.self.store(kNoThread, std::memory_order_relaxed);
     return nullptr;
 }
 
-// Whether the caller is a handler on that thread. Relaxed: the thread itself has stored its
-// identity.
 bool is_loop_thread() {
-    return is_event_loop_thread() != 0 &&
-           pthread_equal(default_el_ctx.async_loop.load(std::memory_order_relaxed), pthread_self());
+    return pthread_equal(loop_thread.self.load(std::memory_order_relaxed), pthread_self());
 }
 
 void join_locked() {
@@ -117,6 +120,7 @@ void thread_forget_parent() {
     loop_thread.mutex = PTHREAD_MUTEX_INITIALIZER;
     loop_thread.waiting = false;
     default_el_ctx.async_loop.store(kNoThread, std::memory_order_relaxed);
+    loop_thread.self.store(kNoThread, std::memory_order_relaxed);
 }
 
 }  // namespace tessra
@@ -125,6 +129,7 @@ using namespace tessra;
 
 int event_loop_async_start(void) {
     const CancelDisabled no_cancel;
+    (void)register_fork_handlers();  // Before any lock; the loop's start fails without them.
     int error = EBUSY;
     if (default_el_ctx.async_loop_started.load() == 0 && !is_loop_thread()) {
         const MutexLock lock(loop_thread.mutex);
