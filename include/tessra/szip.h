@@ -67,12 +67,14 @@ typedef ssize_t (*szip_write_func)(void* arg, const void* buf, size_t count);
  *     without its first slash. Compared byte for byte: no path is normalised, and links aren't
  *     resolved. "" or "/" keeps the whole path but its first slash, or two of them.
  * @return the plan, owned by the caller until szip_free_info(). Null if an argument or a path is
- *     null or @p numfiles is 0 (@c EINVAL); if stat() fails for a path, with its @c errno (where a
- *     time_t has 32 bits, @c EOVERFLOW for a time stamp before 13 December 1901 or from 19 January
- *     2038); if a full path has more than 4095 bytes (@c ENAMETOOLONG); if a path doesn't lie under
- *     @p zbase or is @p zbase itself (@c EINVAL); if the archive would be longer than 2^63 - 1
- *     bytes (@c EFBIG); if memory is short or too small for @p numfiles entries (@c ENOMEM). Then
- *     nothing stays allocated.
+ *     null or @p numfiles is 0 (@c EINVAL); if stat() fails for a path, with its @c errno; if a
+ *     full path has more than 4095 bytes (@c ENAMETOOLONG); if a path doesn't lie under @p zbase or
+ *     is @p zbase itself (@c EINVAL); if the archive would be longer than 2^63 - 1 bytes
+ *     (@c EFBIG); if memory is short or too small for @p numfiles entries (@c ENOMEM). Then nothing
+ *     stays allocated.
+ *
+ * Where time_t has 32 bits, a time stamp before 13 December 1901 or from 19 January 2038 doesn't
+ * fit: stat() fails with @c EOVERFLOW (glibc), or gives a time wrong by 2^32 seconds (uClibc).
  *
  * Names longer than 65535 bytes can't occur, and the same path may be named twice. A file that is
  * neither regular nor a directory is planned with the size that stat() gives, usually 0. Files of
