@@ -25,14 +25,17 @@
  * such a watcher on another thread waits until they are done: a handler that waits for a thread
  * which is in such a call never ends. For the same reason such a handler changes descriptor, signal
  * and child watchers of its own context only: two loops whose handlers change each other's would
- * wait for each other. Timer handlers run without a lock, except in a nested pass: there they run
- * with the locks of the handler that called do_events().
+ * wait for each other. A child's handler runs on the default context's loop: that is its own
+ * context, whichever one the child is watched on. Timer handlers run without a lock, except in a
+ * nested pass: there they run with the locks of the handler that called do_events().
  *
  * Cancelled threads. pthread_cancel() of a thread that runs a loop acts after et_event_loop() has
  * returned, at the thread's next cancellation point: the library defers it, handlers included, and
- * it does not end the loop. A wake-up, the catching of a signal, a start, a stop and a shell
- * command defer it until they are through. Asynchronous cancellation (PTHREAD_CANCEL_ASYNCHRONOUS)
- * must be off in every call.
+ * it does not end the loop. A wake-up, the catching of a signal, a start, a stop, a release of a
+ * context and a shell command defer it until they are through. Asynchronous cancellation
+ * (PTHREAD_CANCEL_ASYNCHRONOUS) must be off in every call. C libraries turn it on inside some
+ * blocking calls: a signal is lost if it interrupts such a call at the instant of the cancel. So
+ * block watched signals in threads that are cancelled.
  *
  * Signals that arrive while no loop runs are dropped. A daemon that must not miss an early SIGTERM,
  * or the SIGCHLD of an early child, blocks it before event_signal_add() and unblocks it in a timer
@@ -40,19 +43,24 @@
  * caught and not yet taken.
  *
  * Failure of an add. The add functions have no result. One that can't register (ENOMEM, EMFILE,
- * EINVAL as told there) registers nothing, changes nothing and sets errno; one that registers
- * leaves errno as it was. Set errno to 0 before the call to tell.
+ * EINVAL as told there) registers nothing, changes nothing and sets errno. One that registers
+ * leaves errno as it was, except event_signal_add() of SIGKILL and SIGSTOP. Set errno to 0 before
+ * the call to tell.
  *
  * After fork() a child has no loop. Every context is idle in it: is_event_loop_thread() is 0, also
  * in a child that was forked in a handler, do_events() is -1, and adds, deletes and cancels write
  * nothing anywhere. A context that was idle keeps its watchers in the child, but those of children;
  * a context whose loop ran has none. The child may run a loop on either. Its copies of the parent's
  * wake-up channels stay open and unused until exec. A child that was forked in a handler calls exec
- * or _exit(), or stays in the handler; if the handler returns there, the rest of the pass runs, and
- * then et_event_loop() returns -1 with errno ECANCELED. The library's fork handlers wait for
- * changes, starts and ends that other threads are making. They are registered by its first use, so
- * a daemon registers its own handlers, if they call the library or take a lock under which it is
- * called, after that. fork() must not be called from a signal handler.
+ * or _exit(), or stays in the handler. If the handler returns there, no further handler runs, and
+ * et_event_loop() returns -1 with errno ECANCELED; on the thread of event_loop_async_start() the
+ * child then ends by exit(0), with the exit handlers and the buffered output of its parent.
+ *
+ * The library's fork handlers wait for changes, starts and ends that other threads are making. The
+ * library's first call registers them. Make that call before another thread can fork(): the child
+ * of a fork() that is under way meanwhile may find a lock held for good. A daemon registers its own
+ * handlers, if they call the library or take a lock under which it is called, after that call.
+ * fork() must not be called from a signal handler.
  *
  * The shared library stays in memory once it is loaded, since the signal catcher may be installed.
  * A plugin that contains the static library is linked with -z nodelete.
@@ -102,10 +110,11 @@ event_loop_ctx_tp event_mc_init(void);
  *
  * If the process's child watchers were set up on this context (see event_process_add_mc()), they
  * stop working for good. A child's handler may free that context: no further child is looked at
- * then. Takes the locks of @p ctx alone, so a handler of another loop may wait for it; only a
- * handler of a child that is watched on @p ctx must not wait for another thread's call.
- * Threads: any, but no other thread may use the context any more. A cancel_loop_mc() or a change
- * that another thread began before the loop returned is through by then.
+ * then. Of the locks that handlers run with it takes those of @p ctx alone, so a handler of another
+ * loop may wait for it; only a handler of a child that is watched on @p ctx must not wait for
+ * another thread's call.
+ * Threads: any, but no other thread may be in a call with @p ctx or make one. The cancel_loop_mc()
+ * that has ended the loop doesn't count: it is through with the context when the loop has returned.
  */
 void event_mc_free(event_loop_ctx_tp ctx);
 
@@ -120,27 +129,33 @@ void event_mc_free(event_loop_ctx_tp ctx);
  * Runs the loop of @p el_ctx on the calling thread until cancel_loop_mc().
  *
  * The start makes a FIFO named "/tmp/evtloop" and the process id, opens both its ends, and removes
- * its name. A pipe without a name then carries the wake-ups and signals, so that no other process
- * can reach them. Its numbers are above 2, and both ends are closed on exec.
+ * its name. A pipe without a name then carries the wake-ups and signals, so that no other user can
+ * reach them. Its numbers are above 2, and both ends are closed on exec.
  *
- * Returns 0 after a cancel, once the pass under way has finished. Returns -1 if the loop didn't
- * start. Watchers are kept then, and errno is one of these:
+ * Returns 0 after a cancel, once the pass under way has finished. Returns -1 with errno ECANCELED
+ * in a child of fork() whose handler has returned. Returns -1 if the loop didn't start. Watchers
+ * are kept then, and errno is one of these:
  * - EBUSY: the loop runs already, or has not yet returned from a cancelled run. Nothing is logged.
  * - ENOMEM: no memory for the fork handlers. Nothing is logged.
- * - EMFILE, ENFILE: no descriptor left for the channel, or none below FD_SETSIZE.
+ * - EMFILE, ENFILE, EINVAL: no descriptor left for the channel, or none from 3 to FD_SETSIZE - 1.
  * - EPERM: something else than a FIFO has the name.
  * - ELOOP, ENXIO, EACCES and others: the error of mkfifo() or open() for what has the name.
  *
- * A failure of the channel is logged to liblog, zone 6, level 1, with no lock held: the logger may
- * run a loop of its own. A FIFO that couldn't be opened stays in /tmp and is used again by the next
- * start. A process in another PID namespace may have the same id and /tmp. A start that meets such
- * another start tries again, up to 100 times in about 10 milliseconds.
+ * A failure of the channel is logged to liblog, zone 6, level 1. No lock of a loop is held, so the
+ * logger may run a loop of its own; it must not wait for another thread's event_loop_async_start()
+ * or event_loop_async_stop(). A FIFO that couldn't be opened stays in /tmp and is used again by the
+ * next start. A process in another PID namespace may have the same id and /tmp. A start that meets
+ * such another start tries again, up to 100 times with a pause of 0.1 milliseconds or the
+ * scheduler's least. It does so as well if /tmp is missing. Starts and ends of other loops and
+ * fork() wait for it.
  *
  * At the end of its loop the default context drops all its watchers without running them; another
  * context keeps them for its next run. Dispositions of signals stay as event_signal_add() set them.
  *
  * Two failures end the process. A watched descriptor that has been closed: exit(-1), no message.
- * A select() that fails for another reason: a message to liblog, then exit(1).
+ * A select() that fails for another reason: a message to liblog, then exit(1). Exit handlers of the
+ * first run with the lock of the descriptor and signal watchers held: they must not wait for a
+ * thread that changes such watchers.
  *
  * Clock: a pause of more than 24 hours in handlers or in the wait, or a step back, counts as a jump
  * of the clock: all deadlines move along with it.
@@ -202,8 +217,9 @@ time_t event_get_time_sec(void);
  */
 
 /**
- * Called when a timer is due, on the loop's thread, with no lock held. The timer is off the list by
- * then: event_timer_exists() doesn't see it and event_timer_del() doesn't reach it.
+ * Called when a timer is due, on the loop's thread, without a lock (in a nested pass with those of
+ * the handler that called do_events()). The timer is off the list by then: event_timer_exists()
+ * doesn't see it and event_timer_del() doesn't reach it.
  * @param arg  as given to event_timer_add(); never looked at or freed by the library
  */
 typedef void (*timer_handler_t)(void* arg);
@@ -368,8 +384,9 @@ void event_signal_del(int signal);
  */
 
 /**
- * Called once when the child has ended, on the thread of the default context's loop, with the locks
- * of all three watcher lists but the timers' held. The watcher is gone by then.
+ * Called once when the child has ended, on the thread of the default context's loop. It holds the
+ * lock of that context's descriptor and signal watchers, and the lock of the child watchers of the
+ * context that the child is watched on. The watcher is gone by then.
  *
  * @param pid     as given to event_process_add()
  * @param arg     as given to event_process_add()
@@ -400,7 +417,8 @@ typedef int (*process_handler_t)(int pid, void* arg, int status);
  * loop waits for the caller's thread, neither goes on. Make it before the loops run. It is gone for
  * good once the default context's loop has ended, SIGCHLD has been deleted there with
  * event_signal_del(), or the context of the first call has been freed. So use event_process_add()
- * and run one default loop.
+ * and run one default loop. A call that fails decides nothing. In a child of fork() the next call
+ * is the first.
  *
  * Failure: ENOMEM, and on the first call as event_signal_add().
  * Threads: any; on another thread than the loop's it waits for running handlers.
@@ -428,10 +446,10 @@ void event_process_del(int pid);
 /**
  * Runs the default context's loop on a new thread and returns once it runs.
  *
- * A former thread whose loop was cancelled is waited for first. Returns 0 when the loop has run a
- * pass; a cancel may end it at once. Returns -1 if it doesn't run; no thread is left then, and
- * errno is:
- * - EBUSY: the default loop runs on whatever thread, or a cancelled loop has not returned yet.
+ * A former thread of this call whose loop was cancelled is waited for first. Returns 0 when the
+ * loop has run a pass; a cancel may end it at once. Returns -1 if it doesn't run; no thread is left
+ * then, and errno is:
+ * - EBUSY: the default loop runs, or a cancelled et_event_loop() has not returned.
  * - EAGAIN or EPERM: no thread can be made.
  * - ENOMEM and those of et_event_loop_mc(): the loop doesn't start. Watchers are kept.
  * - ECANCELED: the loop was cancelled before its first pass. Watchers are dropped, as at any end.
@@ -441,7 +459,8 @@ void event_process_del(int pid);
  * Handlers of the first pass may run before it returns: those of ready descriptors, of a signal,
  * and of timers that are due.
  * Threads: any; calls of this and of event_loop_async_stop() follow one another. In a handler of
- * the default loop it fails with EBUSY. Blocks: until the loop's first pass.
+ * the default loop it fails with EBUSY. Blocks: until the loop's first pass, before that until the
+ * former thread has ended and until other threads' starts and stops are through.
  */
 int event_loop_async_start(void);
 
@@ -450,8 +469,8 @@ int event_loop_async_start(void);
  * watchers of the default context. Always returns 0.
  *
  * If another thread is in a start, it waits until the loop runs and then ends it. If several
- * threads call it, all return after the last handler. Without a thread to wait for it only cancels:
- * a loop that starts later runs on.
+ * threads call it, all return after the last handler. Without a thread to wait for it only cancels,
+ * as cancel_loop() does: an et_event_loop() that runs ends, and a loop that starts later runs on.
  * Trap: on the loop's own thread it can't wait; it cancels and returns, and the thread is collected
  * by the next stop or start made elsewhere.
  * Threads: any but the loop's. Blocks: until the loop's running handlers have returned.
@@ -497,7 +516,9 @@ void event_loop_wait_for_async_loop_ready(void* arg);
  * does one that the system refuses to change. One that event_signal_add() or event_process_add()
  * sets is in place from then on without a gap. The same holds for a sigaction() of the program's
  * own, with one exception: if it comes between the last two system calls for its signal at the end,
- * the earlier disposition is in place until the next system call puts the newer one back.
+ * the earlier disposition is in place until the next system call puts the newer one back. A child
+ * that another thread forks while the command runs keeps the dispositions of that time: it sets
+ * its own.
  *
  * Cancellation of the calling thread is disabled during the call. A pthread_cancel() acts at the
  * thread's first cancellation point after it, when the command has ended and the dispositions are
