@@ -82,7 +82,7 @@ void after_fork_in_child() {
 
 }  // namespace
 
-// Without a lock, since a fork() that is under way doesn't run the handlers: its child would find the
+// Without a lock: a fork() that is under way doesn't run the handlers, and its child would find the
 // lock held.
 bool register_fork_handlers() {
     if (handlers_registered.load() || handlers_registered.exchange(true)) return true;

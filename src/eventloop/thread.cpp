@@ -32,8 +32,8 @@ struct LoopThread {
     // The new thread alone changes these during a start.
     bool waiting;
     int start_error;  // Why the loop didn't get to its answer; 0 if it did.
-    // The thread's identity until its end; only its own matters to a thread. async_loop lasts longer,
-    // and the number may be a new thread's by then.
+    // The thread's identity until its end, for itself alone. async_loop lasts longer, and its value
+    // may be the identity of a new thread by then.
     std::atomic<pthread_t> self;
 };
 constinit LoopThread loop_thread = {PTHREAD_MUTEX_INITIALIZER, {}, false, 0, {}};
