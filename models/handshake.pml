@@ -4,8 +4,8 @@
  * The scenarios, each with a cancel from anywhere at any time:
  *   - two threads start, two stop;
  *   - BESIDE_SYNCHRONOUS: one thread starts twice, one stops, and on another et_event_loop() runs;
- *   - FROM_HANDLERS: one thread starts, one stops, on another et_event_loop() runs, and handlers of
- *     whichever loop runs call both functions.
+ *   - FROM_HANDLERS: one thread starts, one stops, on another et_event_loop() runs. Handlers of
+ *     whichever loop runs call both functions, and so does a logger that tells of a failed start.
  * A start of a loop may fail, a timer may find no memory, a thread may not be made, and a wait for a
  * condition may return without a signal; each once.
  *
@@ -23,8 +23,8 @@
  * code uses seq_cst for the run flag (async_loop_started), and in_loop is read with it by a start.
  * What it accesses with less is
  *   - relaxed: async_loop. Whoever joins by it holds loop_thread.mutex. The new thread has stored it
- *     before it answered under handshake.mutex, which its starter has locked since. A handler that
- *     asks for it is on the thread that has stored it.
+ *     before it answered under handshake.mutex, which its starter has locked since.
+ *   - relaxed: loop_thread.self, since only a thread's own number matters to it.
  *   - relaxed: in_loop and eloopthread where a loop starts and ends. A start that reads in_loop too
  *     early or too late is told so by the new thread, which reads it again under loops.mutex. A
  *     handler that asks for eloopthread is on the thread that has stored it.
@@ -41,6 +41,7 @@ bool run_flag;            /* async_loop_started */
 bool in_loop;
 byte eloopthread = NO_THREAD;
 byte async_loop = NO_THREAD;
+byte self = NO_THREAD;    /* loop_thread.self */
 bool channel_open;        /* ping_fd isn't kNoFd */
 bool has_byte;
 bool loops_mutex;
@@ -62,6 +63,12 @@ byte handler_calls;
 byte made;                /* For the assertions: so many threads, from 1 on. */
 bool fired[4], cancelled[4], finished[4], joined[4];
 byte calls_under_way;
+
+#ifdef SELF_IN_THE_LOOP_ONLY
+#define is_loop_thread(me) (eloopthread == me && async_loop == me)
+#else
+#define is_loop_thread(me) (self == me)
+#endif
 
 #define lock(mutex)   atomic { !mutex -> mutex = true }
 #define unlock(mutex) mutex = false
@@ -159,7 +166,7 @@ inline start_call(me) {
     :: else ->
         if
 #ifndef HANDLERS_TAKE_THE_LOCK
-        :: atomic { eloopthread == me && async_loop == me }
+        :: atomic { is_loop_thread(me) }
         :: atomic { else ->
 #else
         :: atomic { true ->
@@ -253,7 +260,7 @@ inline stop_call(me) {
     calls_under_way++;
     if
 #ifndef HANDLERS_TAKE_THE_LOCK
-    :: atomic { eloopthread == me && async_loop == me } -> cancel()
+    :: atomic { is_loop_thread(me) } -> cancel()
     :: atomic { else ->
 #else
     :: atomic { true ->
@@ -281,19 +288,24 @@ inline stop_call(me) {
     calls_under_way--
 }
 
+/* A handler or the logger may call both functions. */
+inline call_back(me) {
+    if
+    :: atomic { handler_calls > 0 -> handler_calls-- };
+        if
+        :: start_call(me)
+        :: stop_call(me)
+        fi
+    :: skip
+    fi
+}
+
 /* The passes of run_loop(): descriptor handlers, then the timer; or sleep. */
 inline iterate_until_cancelled(me) {
     do
     :: !run_flag -> break
     :: else ->
-        if
-        :: atomic { handler_calls > 0 -> handler_calls-- };
-            if
-            :: start_call(me)
-            :: stop_call(me)
-            fi
-        :: skip
-        fi;
+        call_back(me);
         if
         :: atomic { timer != NO_THREAD ->
 #ifndef STARTER_ARMS
@@ -315,12 +327,13 @@ proctype LoopThread(byte me) {
     bool failed;
     byte known, thread, error;
     async_loop = me;
+    self = me;
 #ifdef ANSWERS_FIRST
     answer();
 #endif
     start_loop(me, failed);
     if
-    :: failed
+    :: failed -> call_back(me) /* The logger. */
     :: else ->
         if
 #ifndef STARTER_ARMS
@@ -350,6 +363,7 @@ proctype LoopThread(byte me) {
         answer()
     :: else
     fi;
+    self = NO_THREAD;
     finished[me] = true
 }
 
@@ -376,7 +390,7 @@ proctype SynchronousLoop() {
     byte thread, known;
     start_loop(SYNCHRONOUS, failed);
     if
-    :: failed
+    :: failed -> call_back(SYNCHRONOUS)
     :: else ->
         iterate_until_cancelled(SYNCHRONOUS);
         drop_timers();

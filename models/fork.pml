@@ -1,0 +1,404 @@
+/*
+ * fork.cpp: fork() while other threads use the library.
+ *
+ * Three contexts: the loop of RAN starts, runs a handler and ends, or its start fails; IDLE is
+ * changed; FREED is made, changed and freed. One thread does each of these, and another holds the
+ * lock of starts and stops, sets a disposition, and catches a signal. The last one forks: of its own
+ * accord, or with FROM_HANDLER in a handler of the loop of RAN. The handlers of fork() are
+ * registered.
+ *
+ * Parent and child share nothing, so from the fork() on the model follows one of the two. The child
+ * has the memory as it was, and of the processes of the model the one that forks. It catches a signal
+ * at once and another one at the end. In between it changes each context, runs a loop on each, and
+ * leaves the handler if it was forked in one.
+ *
+ * What is asserted:
+ *   - the child waits for no lock that a thread of the parent had, nor at the gate for its signals;
+ *   - no list that the child uses was copied in the middle of a change;
+ *   - in the child nothing is written to a number of the parent's channels, nor is one closed;
+ *   - the thread that forks waits for no handler, and the parent goes on as before.
+ *
+ * Memory order. The model is sequentially consistent: one step of one thread after another. In the
+ * child there is one thread. What fork.cpp reads with relaxed order is in_loop, which changes under
+ * loops.mutex, and fork() holds that. loops.pid is stored before the seq_cst store of a link, and is
+ * read before the list.
+ */
+
+#define RAN 0              /* The default context. */
+#define IDLE 1
+#define FREED 2
+#define LISTS 0            /* A context's list locks: mutex LISTS + context, */
+#define CHILDREN 3         /* and its processlist_mutex. */
+#define NOBODY 0
+#define FORKER 1
+#define NO_FD 0
+#define OF_PARENT 1        /* A number of the parent's channel. */
+#define OF_CHILD 2
+
+bool in_child;             /* Which of the two processes the model follows. */
+#define OF_THE_PARENT provided (!in_child)
+
+bool rec_mutex;
+bool mutex[6];             /* recursive_mutex */
+byte refcount[6];
+byte owner[6] = NOBODY;
+bool contexts_mutex;
+bool loops_mutex;
+bool loop_thread_mutex;
+bool disposition_mutex;
+
+bool on_contexts[3];       /* The list of all contexts. */
+bool in_loop[3];
+byte ping_fd[3] = NO_FD;
+byte pong_fd[3] = NO_FD;
+bool running[3];           /* loops.list */
+byte inside;               /* loops.gate */
+byte loops_pid;            /* OF_PARENT or OF_CHILD */
+
+bool changing[6];          /* The list behind the mutex is in the middle of a change. */
+bool contexts_changing;
+bool forked, child_done;
+byte threads_done;
+
+#define lock(plain)   atomic { !plain -> plain = true }
+#define unlock(plain) plain = false
+
+inline recursive_lock(m, self) {
+    lock(rec_mutex);
+    if
+    :: owner[m] == self
+    :: atomic { owner[m] != self && !mutex[m] -> mutex[m] = true }
+    :: owner[m] != self && mutex[m] ->
+        unlock(rec_mutex);
+        lock(mutex[m]);
+        lock(rec_mutex)
+    fi;
+    refcount[m]++;
+    owner[m] = self;
+    unlock(rec_mutex)
+}
+
+inline recursive_unlock(m, self) {
+    lock(rec_mutex);
+    if
+    :: owner[m] != self
+    :: else ->
+        refcount[m]--;
+        if
+        :: refcount[m] == 0 -> owner[m] = NOBODY; mutex[m] = false
+        :: else
+        fi
+    fi;
+    unlock(rec_mutex)
+}
+
+inline change(m, self) {
+    recursive_lock(m, self);
+    assert(!changing[m]);
+    changing[m] = true;
+    changing[m] = false;
+    recursive_unlock(m, self)
+}
+
+/* A loop of the parent: a start, which may fail and leave its read end, a handler, the end. */
+proctype Runner() OF_THE_PARENT {
+    do
+    :: lock(loops_mutex);
+        if
+#ifndef FROM_HANDLER
+        :: pong_fd[RAN] = OF_PARENT;
+            unlock(loops_mutex);
+            break
+#endif
+        :: pong_fd[RAN] = OF_PARENT;
+            ping_fd[RAN] = OF_PARENT;
+            loops_pid = OF_PARENT;
+            in_loop[RAN] = true;
+            running[RAN] = true;
+            unlock(loops_mutex);
+#ifdef FROM_HANDLER
+            forked;
+#else
+            recursive_lock(LISTS + RAN, _pid);
+            /* The handler may wait for the thread that forks. */
+            if
+            :: true -> forked
+            :: true
+            fi;
+            change(CHILDREN + RAN, _pid);
+            recursive_unlock(LISTS + RAN, _pid);
+#endif
+            lock(loops_mutex);
+            running[RAN] = false;
+            ping_fd[RAN] = NO_FD;
+            inside == 0;
+            pong_fd[RAN] = NO_FD;
+            in_loop[RAN] = false;
+            unlock(loops_mutex);
+            break
+        fi
+    od;
+    threads_done++
+}
+
+proctype Changer() OF_THE_PARENT {
+    change(LISTS + IDLE, _pid);
+    change(CHILDREN + IDLE, _pid);
+    threads_done++
+}
+
+/* event_mc_init(), a change, event_mc_free() */
+proctype Freer() OF_THE_PARENT {
+    lock(contexts_mutex);
+    contexts_changing = true;
+    atomic { contexts_changing = false; on_contexts[FREED] = true }
+    unlock(contexts_mutex);
+    change(CHILDREN + FREED, _pid);
+    lock(contexts_mutex);
+    contexts_changing = true;
+    atomic { contexts_changing = false; on_contexts[FREED] = false }
+    unlock(contexts_mutex);
+    change(LISTS + FREED, _pid);
+    change(CHILDREN + FREED, _pid);
+    threads_done++
+}
+
+/* A start or a stop, the end of a command, the catcher: what they hold. */
+proctype Holder() OF_THE_PARENT {
+    lock(loop_thread_mutex);
+    unlock(loop_thread_mutex);
+    lock(disposition_mutex);
+    unlock(disposition_mutex);
+    inside++;
+    inside--;
+    threads_done++
+}
+
+inline before_fork() {
+#ifndef CONTEXTS_NOT_LOCKED
+    lock(contexts_mutex);
+#endif
+#ifndef LOOPS_NOT_LOCKED
+    lock(loops_mutex);
+#endif
+    c = 0;
+    do
+    :: c > FREED -> break
+    :: else ->
+        if
+#ifdef RUNNING_LOCKED_TOO
+        :: on_contexts[c] -> recursive_lock(LISTS + c, FORKER)
+#else
+#ifndef IDLE_NOT_LOCKED
+        :: on_contexts[c] && !in_loop[c] -> recursive_lock(LISTS + c, FORKER)
+#endif
+#endif
+        :: else
+        fi;
+        c++
+    od
+}
+
+inline after_fork_in_parent() {
+    c = 0;
+    do
+    :: c > FREED -> break
+    :: else ->
+        if
+#ifdef RUNNING_LOCKED_TOO
+        :: on_contexts[c] -> recursive_unlock(LISTS + c, FORKER)
+#else
+#ifndef IDLE_NOT_LOCKED
+        :: on_contexts[c] && !in_loop[c] -> recursive_unlock(LISTS + c, FORKER)
+#endif
+#endif
+        :: else
+        fi;
+        c++
+    od;
+#ifndef LOOPS_NOT_LOCKED
+    unlock(loops_mutex);
+#endif
+#ifndef CONTEXTS_NOT_LOCKED
+    unlock(contexts_mutex)
+#endif
+}
+
+inline renew(m) {
+    mutex[m] = false;
+    refcount[m] = 0;
+    owner[m] = NOBODY;
+    changing[m] = false
+}
+
+inline after_fork_in_child() {
+    assert(!contexts_changing);
+#ifndef REC_MUTEX_KEPT
+    rec_mutex = false;
+#endif
+#ifndef DISPOSITION_MUTEX_KEPT
+    disposition_mutex = false;
+#endif
+    c = 0;
+    do
+    :: c > FREED -> break
+    :: else ->
+        if
+        :: !on_contexts[c]
+#ifndef RAN_IS_KEPT
+        :: on_contexts[c] && in_loop[c] -> /* make_new() */
+            d_step {
+                renew(LISTS + c);
+                renew(CHILDREN + c);
+                ping_fd[c] = NO_FD;
+                pong_fd[c] = NO_FD;
+                in_loop[c] = false
+            }
+#endif
+        :: on_contexts[c] && !in_loop[c] ->
+#ifndef LEFTOVER_KEPT
+            pong_fd[c] = NO_FD;
+#endif
+#ifndef CHILDREN_KEPT
+            d_step { renew(CHILDREN + c) }
+#endif
+            recursive_unlock(LISTS + c, FORKER)
+        :: else
+        fi;
+        c++
+    od;
+#ifndef THREAD_MUTEX_KEPT
+    loop_thread_mutex = false;
+#endif
+    loops_mutex = false;
+    d_step {
+#ifndef LOOPS_KEPT
+        running[RAN] = false;
+        running[IDLE] = false;
+        running[FREED] = false;
+#endif
+#ifndef GATE_KEPT
+        inside = 0;
+#endif
+    }
+    contexts_mutex = false
+}
+
+inline write_byte(fd) {
+    assert(fd != OF_PARENT)
+}
+
+/* channel_send_signal() in the child. */
+inline send_signal() {
+    if
+#ifndef NO_PID_TEST
+    :: loops_pid != OF_CHILD
+    :: loops_pid == OF_CHILD ->
+#else
+    :: true ->
+#endif
+        inside++;
+        c = 0;
+        do
+        :: c > FREED -> break
+        :: else ->
+            if
+            :: running[c] -> write_byte(ping_fd[c])
+            :: else
+            fi;
+            c++
+        od;
+        inside--
+    fi
+}
+
+/* Changes of a context, and a loop on it. */
+inline use(ctx) {
+    change(LISTS + ctx, FORKER);
+    write_byte(ping_fd[ctx]);
+    change(CHILDREN + ctx, FORKER);
+    write_byte(ping_fd[ctx]);
+    lock(disposition_mutex);
+    unlock(disposition_mutex);
+    lock(loop_thread_mutex);
+    unlock(loop_thread_mutex);
+    lock(loops_mutex);
+    assert(!in_loop[ctx] && !running[ctx]);
+    assert(pong_fd[ctx] != OF_PARENT);
+    d_step { pong_fd[ctx] = OF_CHILD; ping_fd[ctx] = OF_CHILD; loops_pid = OF_CHILD }
+    d_step { in_loop[ctx] = true; running[ctx] = true }
+    unlock(loops_mutex);
+    send_signal();
+    lock(loops_mutex);
+    running[ctx] = false;
+    ping_fd[ctx] = NO_FD;
+    inside == 0;
+    assert(pong_fd[ctx] != OF_PARENT);
+    pong_fd[ctx] = NO_FD;
+    in_loop[ctx] = false;
+    unlock(loops_mutex)
+}
+
+proctype Forker() {
+    byte c, ctx;
+#ifdef FROM_HANDLER
+    running[RAN];
+    recursive_lock(LISTS + RAN, FORKER);
+    recursive_lock(CHILDREN + RAN, FORKER);
+#endif
+    before_fork();
+    if
+    :: atomic { /* Nothing runs beside the child. */
+            in_child = true;
+            send_signal();
+            after_fork_in_child();
+            lock(contexts_mutex);
+            unlock(contexts_mutex);
+            ctx = 0;
+            do
+            :: ctx > FREED -> break
+            :: else ->
+                if
+                :: on_contexts[ctx] -> use(ctx)
+                :: else
+                fi;
+                ctx++
+            od;
+            send_signal();
+            child_done = true
+        }
+    :: after_fork_in_parent();
+        forked = true
+    fi;
+#ifdef FROM_HANDLER
+    recursive_unlock(CHILDREN + RAN, FORKER);
+    recursive_unlock(LISTS + RAN, FORKER)
+#endif
+}
+
+/* Once nothing else can go on. */
+proctype Last() {
+    timeout;
+    if
+    :: in_child ->
+        assert(child_done);
+        assert(!rec_mutex && !mutex[LISTS + RAN] && !mutex[LISTS + IDLE]);
+        assert(!on_contexts[FREED] || !mutex[LISTS + FREED]);
+        assert(!mutex[CHILDREN + RAN] && !mutex[CHILDREN + IDLE]);
+        assert(!on_contexts[FREED] || !mutex[CHILDREN + FREED])
+    :: else -> assert(forked && threads_done == 4)
+    fi
+}
+
+init {
+    atomic {
+        on_contexts[RAN] = true;
+        on_contexts[IDLE] = true;
+        run Forker();
+        run Runner();
+        run Changer();
+        run Freer();
+        run Holder();
+        run Last()
+    }
+}
