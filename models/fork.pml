@@ -3,25 +3,26 @@
  *
  * Three contexts: the loop of RAN starts, runs a handler and ends, or its start fails; IDLE is
  * changed; FREED is made, changed and freed. One thread does each of these, and another holds the
- * lock of starts and stops, sets a disposition, and catches a signal. The last one forks: of its own
- * accord, or with FROM_HANDLER in a handler of the loop of RAN. The handlers of fork() are
+ * lock of starts and stops, sets a disposition, and catches a signal. One more thread forks. With
+ * FROM_HANDLER that is the thread of RAN, in a handler of its loop. The handlers of fork() are
  * registered.
  *
- * Parent and child share nothing, so from the fork() on the model follows one of the two. The child
- * has the memory as it was, and of the processes of the model the one that forks. It catches a signal
- * at once and another one at the end. In between it changes each context, runs a loop on each, and
- * leaves the handler if it was forked in one.
+ * Parent and child share nothing, so from the fork() on the model follows one of the two. The
+ * child has the memory as it was, and of the processes of the model the one that forks. It
+ * catches a signal at once and another one at the end. In between it changes each context, runs a
+ * loop on each, and leaves the handler if it was forked in one.
  *
- * What is asserted:
- *   - the child waits for no lock that a thread of the parent had, nor at the gate for its signals;
+ * The assertions:
+ *   - the child waits for no lock that a thread of the parent had, nor at the gate for its
+ *     signals;
  *   - no list that the child uses was copied in the middle of a change;
  *   - in the child nothing is written to a number of the parent's channels, nor is one closed;
  *   - the thread that forks waits for no handler, and the parent goes on as before.
  *
- * Memory order. The model is sequentially consistent: one step of one thread after another. In the
- * child there is one thread. What fork.cpp reads with relaxed order is in_loop, which changes under
- * loops.mutex, and fork() holds that. loops.pid is stored before the seq_cst store of a link, and is
- * read before the list.
+ * Memory order. The model is sequentially consistent: one step of one thread after another. In
+ * the child there is one thread. fork.cpp reads in_loop with relaxed order; it changes under
+ * loops.mutex, which the thread that forks holds. A start stores loops.pid with relaxed order
+ * before its seq_cst store of a link, and a catcher reads it before the links.
  */
 
 #define RAN 0              /* The default context. */
@@ -163,7 +164,7 @@ proctype Freer() OF_THE_PARENT {
     threads_done++
 }
 
-/* A start or a stop, the end of a command, the catcher: what they hold. */
+/* The locks of a start or a stop and of the end of a command, and the gate of a catcher. */
 proctype Holder() OF_THE_PARENT {
     lock(loop_thread_mutex);
     unlock(loop_thread_mutex);

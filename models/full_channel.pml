@@ -1,14 +1,15 @@
 /*
- * A full channel: what keep() and take() of pending_signals.h, channel_send_signal() and the passes
- * of the loop do with signals that don't fit into it.
+ * A full channel: what keep() and take() of pending_signals.h, channel_send_signal() and the
+ * passes of the loop do with signals that don't fit into it.
  *
  * The channel holds three units. A signal's message takes two, a wake-up one. Catchers and wakers
- * are processes of their own, so that each takes its steps at any time, as it does on another thread
- * or on top of the loop's own. A catcher waits for nothing, so what it interrupts may stand still.
+ * are processes of their own, so that each takes its steps at any time, as it does on another
+ * thread or on top of the loop's own. A catcher waits for nothing, so what it interrupts may
+ * stand still.
  *   - Four catchers of three numbers and a waker, each once.
  *   - STORM: signals 1 and 2 are caught for ever, 3 once.
  *
- * What is asserted:
+ * The assertions:
  *   - no signal is lost: once the loop has nothing left to do, for each catch the handler has run
  *     since it began, the last bit of `full_` is cleared and each slot is free again;
  *   - none is invented: the handler of a number runs no more often than that number was caught;
@@ -17,10 +18,10 @@
  *     `handed_out`, if no process stands still for ever).
  *
  * Memory order. The model is sequentially consistent: one step of one thread after another. The
- * code uses seq_cst for `full_` and each slot's state. What it accesses with less is
+ * code uses seq_cst for `full_` and each slot's state. The weaker ones are:
  *   - plain: a slot's record. The catcher that has turned the state from kFree to kWriting writes
- *     it and then stores kFull and the bit. The loop reads it after it has loaded the bit, and before
- *     it stores kFree. So each access is ordered by the state or the bit.
+ *     it and then stores kFull and the bit. The loop reads it after it has loaded the bit, and
+ *     before it stores kFree. So each access is ordered by the state or the bit.
  *   - plain: last_taken_ and pending_turn, which are the loop's own.
  *   - relaxed: clear(), at a start, before the store by which catchers find the context.
  * So no property depends on the order of two weaker accesses.

@@ -1,30 +1,38 @@
 /*
  * The gate of channel.cpp: who may use a channel and a context while their loop ends.
  *
- * Two contexts. A runs two loops one after the other, B runs one; each owner frees its context as
- * soon as its last loop has returned. Beside them
- *   - a thread cancels each loop of A, and may do so once before the first starts;
- *   - a thread adds a watcher to B, whose handler cancels B's loop;
- *   - a signal is caught on a thread of its own, and a second one on top of any thread: that thread
- *     stands still until the second catcher has returned.
- * With STORM there is one context, and two threads that catch signals for ever.
+ * Two contexts, A and B; each owner frees its context as soon as its last loop has returned. The
+ * scenarios, each with a signal that is caught on a thread of its own:
+ *   - A runs two loops one after the other, and a thread cancels each, perhaps also once before;
+ *     a handler cancels the loop of B;
+ *   - CHANGE: a thread adds a watcher to B, whose handler cancels the loop, and another thread
+ *     cancels it at any time;
+ *   - NESTED: handlers cancel both loops, and a second signal is caught on top of an owner or of
+ *     the first catcher, which stands still until the second one has returned;
+ *   - STORM: B alone, and two threads that catch signals for ever.
  *
- * What is asserted:
- *   - nothing is written to a descriptor that has been closed. Each start takes a new number, so a
- *     write to a number that has been reused is one to a closed number;
+ * The assertions:
+ *   - nothing is written to a descriptor that has been closed. Each start takes a new number, so
+ *     a write to a number that has been reused is one to a closed number;
  *   - no freed context is touched, and no link that is no node is followed;
  *   - a signal reaches every loop that is on the list from before the catch until after it;
- *   - every loop, cancel, add and end returns: no state is left in which a process waits. With
- *     STORM: the end returns although signals never stop (the claim `ends_return`).
+ *   - every loop, cancel, add and end returns: in the end no process waits. So no wake-up is lost
+ *     either. With STORM: the end returns although signals never stop (the claim `ends_return`,
+ *     if no process stands still for ever).
  *
  * Memory order. The model is sequentially consistent: one step of one thread after another. The
- * code uses seq_cst for run flag, ping_fd, links, side_ and inside_. What it stores with less is
- *   - relaxed: loops.pid, in_loop and eloopthread at a start, inside_ in the child of a fork().
- *     A start stores the first three before its seq_cst store of the link by which a catcher finds
- *     the context. Other readers hold loops.mutex or are the loop's own thread.
- *   - relaxed: Stale. It is set under a list's mutex. The loop that misses it is in front of its
- *     sleep, and the byte that is written afterwards wakes it: write and read of the channel order
- *     the two. At a start the loop sets it itself.
+ * code uses seq_cst for run flag, ping_fd, links, side_ and inside_. The weaker ones are:
+ *   - relaxed: loops.pid, in_loop and eloopthread at a start, and PendingSignals::clear(). They
+ *     are stored before the seq_cst store of the link by which a catcher finds the context. A
+ *     catcher that reads an older loops.pid was called beside the start, and may miss that loop.
+ *     Other readers of the first three hold loops.mutex or are the loop's own thread.
+ *   - relaxed: ping_fd in set_up(), and inside_ in the child of a fork(). No other thread can
+ *     reach them then.
+ *   - relaxed: Stale. It is set under a list's mutex. A loop that misses it goes to sleep, and
+ *     the byte that is written afterwards wakes it: write() and select() order the two. Who finds
+ *     no channel writes none. But a start sets Stale itself, after it has stored ping_fd, so the
+ *     loop's first look takes the mutex: it sees the change, or the change comes later and sees
+ *     ping_fd.
  *   - plain: node.next before the seq_cst store of prev->next that makes the node reachable;
  *     node.prev and the head's prev, which only holders of loops.mutex read; node = {} after the
  *     wait, when nobody stands on it.
@@ -284,7 +292,11 @@ inline iterate_until_cancelled(ctx, new_fd) {
             stale[ctx] = false
 #endif
         :: else ->
-            atomic { (has_byte[new_fd] || kept[ctx]) -> has_byte[new_fd] = false; kept[ctx] = false }
+            atomic {
+                has_byte[new_fd] || kept[ctx];
+                has_byte[new_fd] = false;
+                kept[ctx] = false
+            }
         fi
     od
 }

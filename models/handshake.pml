@@ -3,15 +3,16 @@
  *
  * The scenarios, each with a cancel from anywhere at any time:
  *   - two threads start, two stop;
- *   - BESIDE_SYNCHRONOUS: one thread starts twice, one stops, and on another et_event_loop() runs;
+ *   - BESIDE_SYNCHRONOUS: one thread starts twice, one stops, and on another et_event_loop()
+ *     runs;
  *   - FROM_HANDLERS: one thread starts, one stops, on another et_event_loop() runs. Handlers of
  *     whichever loop runs call both functions, and so does a logger that tells of a failed start.
- * A start of a loop may fail, a timer may find no memory, a thread may not be made, and a wait for a
- * condition may return without a signal; each once.
+ *     A start of a loop may fail, a timer may find no memory, a thread may not be made, and a
+ *     wait for a condition may return without a signal; each once.
  *
- * What is asserted:
- *   - a start that returns 0 has made a thread which has fired the handshake's timer, and whose loop
- *     runs unless it has been cancelled since it began;
+ * The assertions:
+ *   - a start that returns 0 has made a thread which has fired the handshake's timer, and whose
+ *     loop runs unless it has been cancelled since it began;
  *   - every start and every stop returns;
  *   - a stop returns after the end of every thread that was made before it had the lock;
  *   - when a start destroys the handshake's mutex, its timer is on no list, and nobody locks the
@@ -20,16 +21,16 @@
  *   - each thread is joined once, and not by itself.
  *
  * Memory order. The model is sequentially consistent: one step of one thread after another. The
- * code uses seq_cst for the run flag (async_loop_started), and in_loop is read with it by a start.
- * What it accesses with less is
- *   - relaxed: async_loop. Whoever joins by it holds loop_thread.mutex. The new thread has stored it
- *     before it answered under handshake.mutex, which its starter has locked since.
+ * code uses seq_cst for the run flag (async_loop_started), and in_loop is read with it by a
+ * start. The weaker ones are:
+ *   - relaxed: async_loop. Whoever joins by it holds loop_thread.mutex. The new thread has stored
+ *     it before it answered under handshake.mutex, which its starter has locked since.
  *   - relaxed: loop_thread.self, since only a thread's own number matters to it.
- *   - relaxed: in_loop and eloopthread where a loop starts and ends. A start that reads in_loop too
- *     early or too late is told so by the new thread, which reads it again under loops.mutex. A
- *     handler that asks for eloopthread is on the thread that has stored it.
- *   - plain: waiting and start_error. The starter changes them before it makes the thread, and then
- *     the thread alone, which the starter reads under handshake.mutex.
+ *   - relaxed: in_loop and eloopthread where a loop starts and ends. A start that reads in_loop
+ *     too early or too late is told so by the new thread, which reads it again under loops.mutex.
+ *     A handler that asks for eloopthread is on the thread that has stored it.
+ *   - plain: waiting and start_error. The starter changes them before it makes the thread, and
+ *     then the thread alone, which the starter reads under handshake.mutex.
  * So no property depends on the order of two weaker accesses.
  */
 
@@ -72,8 +73,16 @@ byte calls_under_way;
 
 #define lock(mutex)   atomic { !mutex -> mutex = true }
 #define unlock(mutex) mutex = false
-#define lock_handshake()   atomic { assert(handshake_exists); !handshake_mutex -> assert(handshake_exists); handshake_mutex = true }
 #define unlock_handshake() atomic { assert(handshake_exists); handshake_mutex = false }
+
+inline lock_handshake() {
+    atomic {
+        assert(handshake_exists);
+        !handshake_mutex;
+        assert(handshake_exists);
+        handshake_mutex = true
+    }
+}
 
 inline clear_run_flag() {
     atomic {
