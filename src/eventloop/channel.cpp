@@ -182,22 +182,27 @@ bool use_name(const char* path, event_loop_ctx_t& el_ctx, StartFailure& failure)
 // errors.
 bool is_other_start() { return errno == ENOENT || errno == ENXIO; }
 
-// Gives a descriptor a number that isn't standard input, output or error. A daemon may be started
-// with these closed, and any text that it prints would be read as messages.
-bool leave_standard_numbers(int& fd) {
-    if (fd > STDERR_FILENO) return true;
-    const int low = fd;
-    fd = fcntl(low, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    const ErrnoKeeper keep_errno;
-    (void)close(low);
-    return fd != kNoFd;
+// Moves the ends away from the numbers of standard input, output and error. A daemon may be started
+// with these closed, and any text that it prints would be read as messages. So what another thread
+// has printed meanwhile is dropped.
+bool leave_standard_numbers(int (&ends)[2]) {
+    bool fits = true;
+    for (int& end : ends) {
+        const int low = end;
+        end = fcntl(low, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+        fits &= end != kNoFd;
+        (void)close(low);
+    }
+    char printed[64];
+    while (fits && read(ends[0], printed, sizeof printed) > 0) continue;
+    return fits;
 }
 
 bool open_pipe(event_loop_ctx_t& el_ctx) {
     int ends[2];
     if (pipe2(ends, O_NONBLOCK | O_CLOEXEC) != 0) return false;
-    bool fits = leave_standard_numbers(ends[0]);
-    fits &= leave_standard_numbers(ends[1]);
+    // The read end gets the lowest number that is free.
+    bool fits = ends[0] > STDERR_FILENO || leave_standard_numbers(ends);
     if (fits && ends[0] >= FD_SETSIZE) {
         errno = EMFILE;
         fits = false;
@@ -207,9 +212,6 @@ bool open_pipe(event_loop_ctx_t& el_ctx) {
         for (int& end : ends) close_if_open(end);
         return false;
     }
-    // Another thread may have printed while the write end had the number of standard output.
-    char printed[64];
-    while (read(ends[0], printed, sizeof printed) > 0) continue;
     el_ctx.pong_fd = ends[0];
     el_ctx.ping_fd.store(ends[1]);
     return true;
