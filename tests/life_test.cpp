@@ -316,11 +316,16 @@ ISOLATED_TEST(Fork, ChildHasNoLoopAndWritesToNoChannel) {
 TEST(Fork, ChildThatReturnsFromAHandlerLeavesThePass) {
     static event_loop_ctx_tp own;
     static Step fork_it, end;
-    static pid_t dead[2];
+    static pid_t pid, dead[2];
     static int fds[2];
+    const Step descriptors = [] {
+        for (const int fd : fds) event_fd_add(run_fd, &fork_it, fd, EVENT_FD_READ);
+    };
     const Step kinds[] = {
-        [] {
-            for (const int fd : fds) event_fd_add(run_fd, &fork_it, fd, EVENT_FD_READ);
+        descriptors,
+        [&] {
+            descriptors();
+            if (do_events(0) == 0 && pid == 0) trace += "x";
         },
         [] {
             for (int n = 0; n < 2; n++) event_signal_add(run_signal, &fork_it, SIGUSR1);
@@ -330,7 +335,7 @@ TEST(Fork, ChildThatReturnsFromAHandlerLeavesThePass) {
             for (int n = 0; n < 2; n++) event_timer_add(run_timer, &fork_it, 0);
         },
         [] {
-            for (const pid_t pid : dead) event_process_add_mc(own, pid, run_process, &fork_it);
+            for (const pid_t child : dead) event_process_add_mc(own, child, run_process, &fork_it);
             raise(SIGCHLD);
         },
     };
@@ -339,11 +344,11 @@ TEST(Fork, ChildThatReturnsFromAHandlerLeavesThePass) {
         run_isolated([&kind] {
             set_clock(kHour);  // All timers are due in the phase under way.
             own = event_mc_init();
-            for (pid_t& pid : dead) pid = dead_child();
+            for (pid_t& child : dead) child = dead_child();
             for (int& fd : fds) fd = ready_descriptor();
-            pid_t pid = -1;
+            pid = -1;
             end = [] { trace += "e", cancel_loop(); };
-            fork_it = [&pid] {
+            fork_it = [] {
                 trace += "f";
                 if (pid != -1) return;
                 event_fd_del(fds[1]);  // The next of the walk, which is marked so.

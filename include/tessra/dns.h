@@ -159,7 +159,8 @@ int dns_build_request(char* req, char* name, int type, int clss, int trans);
  *
  * Trap: an owner of two bytes that isn't a pointer can look like such a name, if its first byte is
  * 1 to 63 and the record's type is 8192 or more, or 288 or more where that byte is 1. Records of
- * addresses have smaller types.
+ * addresses have smaller types. If that byte is 0 or 1, a record of class 0 or 256 can look so,
+ * too; neither class is in use.
  *
  * An answer that goes on beyond byte 65535 of the message ends the search. Bytes behind the last
  * answer looked at are never read.

@@ -33,9 +33,9 @@
  * returned, at the thread's next cancellation point: the library defers it, handlers included, and
  * it does not end the loop. A wake-up, the catching of a signal, a start, a stop, a release of a
  * context and a shell command defer it until they are through. Asynchronous cancellation
- * (PTHREAD_CANCEL_ASYNCHRONOUS) must be off in every call. C libraries turn it on inside some
- * blocking calls: a signal is lost if it interrupts such a call at the instant of the cancel. So
- * block watched signals in threads that are cancelled.
+ * (PTHREAD_CANCEL_ASYNCHRONOUS) must be off in every call. Some C libraries turn it on inside
+ * blocking calls. If a signal interrupts such a call while the thread is being cancelled, that
+ * signal is lost. So block the watched signals in every thread that may be cancelled.
  *
  * Signals that arrive while no loop runs are dropped. A daemon that must not miss an early SIGTERM,
  * or the SIGCHLD of an early child, blocks it before event_signal_add() and unblocks it in a timer
@@ -52,15 +52,17 @@
  * nothing anywhere. A context that was idle keeps its watchers in the child, but those of children;
  * a context whose loop ran has none. The child may run a loop on either. Its copies of the parent's
  * wake-up channels stay open and unused until exec. A child that was forked in a handler calls exec
- * or _exit(), or stays in the handler. If the handler returns there, no further handler runs, and
- * et_event_loop() returns -1 with errno ECANCELED; on the thread of event_loop_async_start() the
- * child then ends by exit(0), with the exit handlers and the buffered output of its parent.
+ * or _exit(), or stays in the handler. If the handler returns there, no further handler runs, a
+ * do_events() under way returns -1, and et_event_loop() returns -1 with errno ECANCELED; on the
+ * thread of event_loop_async_start() the child then ends by exit(0), with the exit handlers and the
+ * buffered output of its parent.
  *
  * The library's fork handlers wait for changes, starts and ends that other threads are making. The
- * library's first call registers them. Make that call before another thread can fork(): the child
- * of a fork() that is under way meanwhile may find a lock held for good. A daemon registers its own
- * handlers, if they call the library or take a lock under which it is called, after that call.
- * fork() must not be called from a signal handler.
+ * library's first call registers them. Make that call before another thread can fork(): if another
+ * thread forks during that call, a lock may stay locked in the child for ever. A daemon whose own
+ * fork handlers call the library, or take a lock under which it is called, registers them after
+ * that call. fork() must not be called from a signal handler, and _Fork(), which runs no fork
+ * handlers, leaves the child with the parent's loops: it must not call this library.
  *
  * The shared library stays in memory once it is loaded, since the signal catcher may be installed.
  * A plugin that contains the static library is linked with -z nodelete.
@@ -110,9 +112,8 @@ event_loop_ctx_tp event_mc_init(void);
  *
  * If the process's child watchers were set up on this context (see event_process_add_mc()), they
  * stop working for good. A child's handler may free that context: no further child is looked at
- * then. Of the locks that handlers run with it takes those of @p ctx alone, so a handler of another
- * loop may wait for it; only a handler of a child that is watched on @p ctx must not wait for
- * another thread's call.
+ * then. The call takes no lock that handlers of other contexts hold, so such a handler may wait for
+ * a thread that is in this call. A handler of a child that is watched on @p ctx must not.
  * Threads: any, but no other thread may be in a call with @p ctx or make one. The cancel_loop_mc()
  * that has ended the loop doesn't count: it is through with the context when the loop has returned.
  */
@@ -144,10 +145,14 @@ void event_mc_free(event_loop_ctx_tp ctx);
  * A failure of the channel is logged to liblog, zone 6, level 1. No lock of a loop is held, so the
  * logger may run a loop of its own; it must not wait for another thread's event_loop_async_start()
  * or event_loop_async_stop(). A FIFO that couldn't be opened stays in /tmp and is used again by the
- * next start. A process in another PID namespace may have the same id and /tmp. A start that meets
- * such another start tries again, up to 100 times with a pause of 0.1 milliseconds or the
- * scheduler's least. It does so as well if /tmp is missing. Starts and ends of other loops and
- * fork() wait for it.
+ * next start. If only its write end couldn't be opened, its read end stays open until the next
+ * start of the context or event_mc_free(); in a child of fork() until exec.
+ *
+ * Two processes in different PID namespaces can have the same id and share /tmp. Their starts can
+ * disturb each other, so a start tries up to 100 times, with pauses of 0.1 milliseconds or a little
+ * more. It does the same if /tmp is missing. Meanwhile other starts, ends of loops and fork() wait.
+ *
+ * The signal mask of the thread stays as it is.
  *
  * At the end of its loop the default context drops all its watchers without running them; another
  * context keeps them for its next run. Dispositions of signals stay as event_signal_add() set them.
@@ -234,9 +239,10 @@ typedef void (*timer_handler_t)(void* arg);
  *
  * Timers fire by deadline, those with the same deadline in order of adding, never early by the
  * clock of event_get_time(). That clock cuts its reading to whole milliseconds, so by a finer clock
- * a timer may fire up to a millisecond early. A late timer fires once. A timer of 0 that a timer
- * handler arms fires in the same phase until the clock's millisecond is over: who has more to do
- * arms 1. On a loop that nothing else wakes once a day, a timer more than 24 hours ahead is taken
+ * a timer may fire up to a millisecond early. A late timer fires once. If a timer handler arms a
+ * timer of 0, that timer fires in the same phase, as long as the clock shows the same millisecond.
+ * A handler that arms itself for more work uses 1, so that descriptors and signals get their turn.
+ * On a loop that nothing else wakes once a day, a timer more than 24 hours ahead is taken
  * for a jump of the clock and moved on: re-arm long delays in steps of less than a day.
  * Failure: ENOMEM.
  * Threads: any. Blocks: never for long.
@@ -283,9 +289,9 @@ enum {
 /**
  * Called when a watched condition holds, on the loop's thread, with the lock of the descriptor and
  * signal watchers held. It runs once per pass, whatever the number of conditions that hold, and
- * isn't told which: make the descriptor non-blocking. A condition may be gone again by then, and a
- * watcher that is added during a pass may run in it for a descriptor number that was ready and has
- * been closed and opened anew.
+ * isn't told which: make the descriptor non-blocking. A condition may have ended before the handler
+ * runs. If a handler closes a ready descriptor, opens another one that gets the same number, and
+ * adds a watcher for it, that watcher may run in the same pass although the new one isn't ready.
  */
 typedef void (*fd_handler_t)(int fd, void* arg);
 
@@ -316,9 +322,10 @@ void event_fd_add(fd_handler_t handler, void* arg, int fd, int type);
  * Trap: delete before you close(). A process that unshares its descriptors (unshare(CLONE_FILES))
  * on a thread must not watch those of that thread's own table: nothing notices when they are
  * closed.
- * Trap: in a handler, a watcher that the walk visits next is only marked, and freed by the walk. A
- * second delete of the same number finds that watcher again and leaves a younger one of the number
- * alone; to close the descriptor after it ends the process. So is it with signals and children.
+ * Trap: if a handler deletes the watcher that would run next, the library only marks it, and frees
+ * it later in the same pass. Until then a second delete of the same number finds the marked watcher
+ * and not the younger one. If the descriptor is closed then, the younger watcher ends the process.
+ * The same holds for signals and children.
  * Deleting what doesn't exist is no error and wakes the loop.
  * Threads: any; on another thread than the loop's it waits for running handlers.
  */
@@ -353,11 +360,11 @@ typedef void (*signal_handler_t)(int signal, siginfo_t* info, void* arg);
  *
  * From now to the end of the process the signal is caught (SA_SIGINFO, SA_RESTART) and its default
  * action doesn't happen any more, not even while no loop runs: what arrives then is dropped. Every
- * running loop gets each caught signal and runs its own watchers of it, in order of adding. Of
- * signals that come faster than a loop takes them, the channel keeps as many as a pipe holds: 496
- * in the 16 pages of the kernel's default, fewer while wake-ups wait with them. Beyond that, as the
- * kernel does for a blocked signal, one of each number is kept, the first, which may run before
- * earlier others.
+ * running loop gets each caught signal and runs its own watchers of it, in order of adding. Signals
+ * that come faster than a loop takes them wait in a pipe. It holds 496 of them with the kernel's
+ * default size of 16 pages, and fewer if wake-ups wait there, too. When it is full, the library
+ * keeps the first signal of each number and drops later ones of that number, as the kernel does
+ * with blocked signals. A signal that is kept so may run before signals that came earlier.
  * Failure: ENOMEM; EINVAL for a number outside 1 to 31; that of sigaction(), should the system
  * refuse it. SIGKILL and SIGSTOP can't be caught: they register, with errno EINVAL, and their
  * watcher never runs. SIGSEGV, SIGBUS, SIGFPE and SIGILL must not be watched: after a fault of the
@@ -405,8 +412,8 @@ typedef int (*process_handler_t)(int pid, void* arg, int status);
  * @param arg      handed to @p handler
  *
  * Add the watcher as soon as the child exists: one that has ended before, or before the loop runs,
- * is noticed only when another child ends. Block SIGCHLD until the loop runs, as
- * the top of this file shows for SIGTERM. Of two watchers of one child the older one is called.
+ * may be noticed only when another child ends. Block SIGCHLD until the loop runs, as the top of
+ * this file shows for SIGTERM. Of two watchers of one child the older one is called.
  * Stopped children are not reported.
  * While event_system() runs, the end of a child is noticed at the next one's end.
  *
@@ -414,11 +421,11 @@ typedef int (*process_handler_t)(int pid, void* arg, int status);
  * lives on the default context, whose loop must run, and looks after the children of the context
  * of that first call alone; watchers on other contexts never fire. The first call takes the default
  * context's lock of signal watchers, on whatever context it is made: if a handler of the default
- * loop waits for the caller's thread, neither goes on. Make it before the loops run. It is gone for
- * good once the default context's loop has ended, SIGCHLD has been deleted there with
- * event_signal_del(), or the context of the first call has been freed. So use event_process_add()
- * and run one default loop. A call that fails decides nothing. In a child of fork() the next call
- * is the first.
+ * loop waits for the caller's thread, neither goes on. So make the first call before the loops run.
+ * The SIGCHLD watcher ends for good when the default loop ends, when event_signal_del() deletes
+ * SIGCHLD on the default context, or when the context of the first call is freed. So use
+ * event_process_add() and run one default loop. A call that fails decides nothing. In a child of
+ * fork() the next call is the first.
  *
  * Failure: ENOMEM, and on the first call as event_signal_add().
  * Threads: any; on another thread than the loop's it waits for running handlers.
@@ -478,8 +485,9 @@ int event_loop_async_start(void);
 int event_loop_async_stop(void);
 
 /**
- * Timer handler of the start's handshake; exported, but no daemon needs to call it. A null @p arg
- * is reported on stderr and ends the process with abort().
+ * Timer handler of the start's handshake; exported, but no daemon needs to call it. Trap: if its
+ * timer is deleted, the start waits until the loop is cancelled. A null @p arg is reported on
+ * stderr and ends the process with abort().
  */
 void event_loop_wait_for_async_loop_ready(void* arg);
 
@@ -515,10 +523,9 @@ void event_loop_wait_for_async_loop_ready(void* arg);
  * the earlier dispositions are back. A disposition that another thread sets meanwhile stays, and so
  * does one that the system refuses to change. One that event_signal_add() or event_process_add()
  * sets is in place from then on without a gap. The same holds for a sigaction() of the program's
- * own, with one exception: if it comes between the last two system calls for its signal at the end,
- * the earlier disposition is in place until the next system call puts the newer one back. A child
- * that another thread forks while the command runs keeps the dispositions of that time: it sets
- * its own.
+ * own, but for an instant at the end: the library may replace it, and its next system call puts it
+ * back. A child that another thread forks while the command runs keeps the dispositions of that
+ * time: it sets its own.
  *
  * Cancellation of the calling thread is disabled during the call. A pthread_cancel() acts at the
  * thread's first cancellation point after it, when the command has ended and the dispositions are

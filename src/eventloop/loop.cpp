@@ -159,7 +159,7 @@ int do_events_mc(event_loop_ctx_tp el_ctx, unsigned int timeout) {
     const int count = select_with_retries(el_ctx, sets, wait);
     if (count >= 0) (void)event_handle_events(el_ctx, sets, count, event_get_time());
     el_ctx->do_events_reentrance = 0;
-    return count >= 0 ? 0 : -1;
+    return count >= 0 && is_running_here(*el_ctx) ? 0 : -1;
 }
 
 int do_events(unsigned int timeout) { return do_events_mc(&default_el_ctx, timeout); }
