@@ -312,19 +312,19 @@ void channel_forget_parent() {
     loops.gate.reset();
 }
 
-ChangeLock::ChangeLock(event_loop_ctx_tp el_ctx, recursive_mutex& mutex)
+ChangeLock::ChangeLock(event_loop_ctx_tp el_ctx, ListMutex& mutex)
     : el_ctx_(el_ctx), mutex_(mutex) {
-    recursive_mutex_lock(&mutex);
+    mutex.lock();
 }
 
 ChangeLock::~ChangeLock() {
     if (el_ctx_->ping_fd.load() == kNoFd) {
-        recursive_mutex_unlock(&mutex_);
+        mutex_.unlock();
         return;
     }
     const InsideGate inside;
     const int fd = el_ctx_->ping_fd.load();
-    recursive_mutex_unlock(&mutex_);
+    mutex_.unlock();
     write_wake_up(fd);
 }
 

@@ -27,7 +27,7 @@ constinit bool child_walk_over = false;
 // anyway, so that two first calls at the same moment make one watcher.
 bool register_sigchld_once(event_loop_ctx_tp el_ctx) {
     if (handler_registered.load(std::memory_order_acquire) != 0) return true;
-    const RecursiveLock lock(default_el_ctx.eventlists_mutex);
+    const ListLock lock(default_el_ctx.eventlists_mutex);
     if (handler_registered.load(std::memory_order_relaxed) != 0) return true;
     if (!signal_add(&default_el_ctx, event_sigchld_hndlr, nullptr, SIGCHLD)) return false;
     child_context.store(el_ctx);
@@ -68,7 +68,7 @@ void collect_if_ended(process_t* child) {
 event_loop_ctx_t* lock_child_context() {
     const MutexLock lock(contexts_mutex);
     event_loop_ctx_t* const el_ctx = child_context.load();
-    if (el_ctx != nullptr) recursive_mutex_lock(&el_ctx->processlist_mutex);
+    if (el_ctx != nullptr) el_ctx->processlist_mutex.lock();
     return el_ctx;
 }
 
@@ -86,14 +86,14 @@ void event_sigchld_hndlr(int /*signal*/, siginfo_t* /*info*/, void* /*arg*/) {
             lasts = !child_walk_over && is_running_here(default_el_ctx);
             return lasts;
         });
-    if (lasts) recursive_mutex_unlock(&el_ctx->processlist_mutex);
+    if (lasts) el_ctx->processlist_mutex.unlock();
 }
 
 void leave_child_walks(event_loop_ctx_tp el_ctx) {
-    recursive_mutex& mutex = el_ctx->processlist_mutex;
-    while (pthread_equal(mutex.owner, pthread_self())) {
+    ListMutex& mutex = el_ctx->processlist_mutex;
+    while (mutex.is_held()) {
         child_walk_over = true;
-        recursive_mutex_unlock(&mutex);
+        mutex.unlock();
     }
 }
 
@@ -108,7 +108,7 @@ void children_forget_parent() {
 }
 
 void process_free(event_loop_ctx_tp el_ctx) {
-    const RecursiveLock lock(el_ctx->processlist_mutex);
+    const ListLock lock(el_ctx->processlist_mutex);
     free_all<process_t>(el_ctx->process_queue);
 }
 

@@ -43,9 +43,9 @@ constinit event_loop_ctx_t default_el_ctx = {
     .eloopthread = (pthread_t)-1,
     .async_loop_started = 0,
     .async_loop = (pthread_t)-1,
-    .timerlist_mutex = RECURSIVE_MUTEX_INITIALIZER,
-    .eventlists_mutex = RECURSIVE_MUTEX_INITIALIZER,
-    .processlist_mutex = RECURSIVE_MUTEX_INITIALIZER,
+    .timerlist_mutex = {},
+    .eventlists_mutex = {},
+    .processlist_mutex = {},
     .do_events_reentrance = 0,
     .in_loop = false,
     .contexts = {&contexts, &contexts},
@@ -65,9 +65,6 @@ void set_up(event_loop_ctx_t& el_ctx, PendingSignals* pending) {
     list_init(&el_ctx.signal_queue);
     el_ctx.ping_fd.store(kNoFd, std::memory_order_relaxed);
     el_ctx.pong_fd = kNoFd;
-    (void)pthread_mutex_init(&el_ctx.timerlist_mutex.mutex, nullptr);
-    (void)pthread_mutex_init(&el_ctx.eventlists_mutex.mutex, nullptr);
-    (void)pthread_mutex_init(&el_ctx.processlist_mutex.mutex, nullptr);
 }
 
 }  // namespace tessra
@@ -103,9 +100,9 @@ void event_mc_free(event_loop_ctx_tp ctx) {
     event_signal_free(ctx);
     leave_child_walks(ctx);
     channel_discard_leftover(*ctx);
-    (void)pthread_mutex_destroy(&ctx->processlist_mutex.mutex);
-    (void)pthread_mutex_destroy(&ctx->eventlists_mutex.mutex);
-    (void)pthread_mutex_destroy(&ctx->timerlist_mutex.mutex);
+    ctx->processlist_mutex.destroy();
+    ctx->eventlists_mutex.destroy();
+    ctx->timerlist_mutex.destroy();
     free(ctx);
 }
 

@@ -129,7 +129,7 @@ bool is_ready(const event_fd_t* watcher, const SelectSets& ready) {
 int fill_select_sets(event_loop_ctx_tp el_ctx, SelectSets& sets) {
     WatchedSets& watched = el_ctx->watched;
     if (watched.stale || watched.has_unselected) {
-        const RecursiveLock lock(el_ctx->eventlists_mutex);
+        const ListLock lock(el_ctx->eventlists_mutex);
         if (watched.stale) {
             rebuild_sets_locked(el_ctx);
         } else {
@@ -142,7 +142,7 @@ int fill_select_sets(event_loop_ctx_tp el_ctx, SelectSets& sets) {
 }
 
 void exit_if_descriptor_closed(event_loop_ctx_tp el_ctx) {
-    const RecursiveLock lock(el_ctx->eventlists_mutex);
+    const ListLock lock(el_ctx->eventlists_mutex);
     test_descriptors_locked(el_ctx, false);
 }
 
@@ -165,7 +165,7 @@ void run_ready_descriptors_locked(event_loop_ctx_tp el_ctx, const SelectSets& re
 }
 
 void event_fd_free(event_loop_ctx_tp el_ctx) {
-    const RecursiveLock lock(el_ctx->eventlists_mutex);
+    const ListLock lock(el_ctx->eventlists_mutex);
     free_all<event_fd_t>(el_ctx->fd_queue);
     drop_table(el_ctx->watched);
     el_ctx->watched.stale.set();

@@ -1,7 +1,7 @@
 // The event loop's records and what its files offer to one another.
 //
 // Lock order: eventlists_mutex of a context, then contexts_mutex, then timerlist_mutex or
-// processlist_mutex, then rec_mutex. disposition_mutex comes after eventlists_mutex, and no other
+// processlist_mutex. disposition_mutex comes after eventlists_mutex, and no other
 // lock is taken under it. A start or an end of a loop holds none of these; it takes channel.cpp's
 // lock, and before it, for the loop's own thread, that of thread.cpp. fork() takes contexts_mutex,
 // channel.cpp's lock and the list locks of contexts that are idle.
@@ -27,6 +27,8 @@ using Milliseconds = long long unsigned int;
 struct event_fd_t;
 
 inline const pthread_t kNoThread = (pthread_t)-1;
+// pthread_equal() is a call in some C libraries, and a comparison in each.
+inline bool is_caller(pthread_t thread) { return thread == pthread_self(); }
 constexpr int kNoFd = -1;
 constexpr char kWakeUp = '-';
 
@@ -36,6 +38,36 @@ constexpr char kWakeUp = '-';
 inline void insert_fd(int fd, fd_set& set) { FD_SET(fd, &set); }
 inline bool contains_fd(int fd, const fd_set& set) { return FD_ISSET(fd, &set) != 0; }
 #pragma GCC diagnostic pop
+
+// The lock of a context's lists, which its holder may take again. It does what recursive_mutex does
+// without the lock that all of those share: `owner_` is the holder's alone to write, so a thread
+// that reads itself there is the holder, in whatever order it sees what others write.
+class ListMutex {
+public:
+    void lock();
+    // From a thread that isn't the holder this has no effect.
+    void unlock();
+    bool is_held() const { return is_caller(owner_.load(std::memory_order_relaxed)); }
+    void destroy() { (void)pthread_mutex_destroy(&mutex_); }
+
+private:
+    pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+    std::atomic<pthread_t> owner_{kNoThread};
+    unsigned depth_ = 0;  // Unmatched locks of the holder.
+};
+
+// Holds such a lock; unlock() and lock() open a gap in between, around foreign code.
+class ListLock : NotCopyable {
+public:
+    explicit ListLock(ListMutex& mutex) : mutex_(mutex) { lock(); }
+    ~ListLock() { unlock(); }
+
+    void lock() { mutex_.lock(); }
+    void unlock() { mutex_.unlock(); }
+
+private:
+    ListMutex& mutex_;
+};
 
 // The three sets of select(), as built from the descriptor watchers or as select() returned them.
 struct SelectSets {
@@ -107,12 +139,12 @@ struct event_loop_ctx {
     std::atomic<pthread_t> eloopthread;
     std::atomic<unsigned char> async_loop_started;
     std::atomic<pthread_t> async_loop;
-    recursive_mutex timerlist_mutex;    // Guards timer_queue and timer_index.
-    recursive_mutex eventlists_mutex;   // Guards fd_queue, signal_queue and watched.
-    recursive_mutex processlist_mutex;  // Guards process_queue.
-    int do_events_reentrance;           // The loop's thread only.
-    std::atomic<bool> in_loop;          // From a start to the end of its run, beyond a cancel.
-    list_t contexts;                    // Node on the list of all contexts; see context.cpp.
+    tessra::ListMutex timerlist_mutex;    // Guards timer_queue and timer_index.
+    tessra::ListMutex eventlists_mutex;   // Guards fd_queue, signal_queue and watched.
+    tessra::ListMutex processlist_mutex;  // Guards process_queue.
+    int do_events_reentrance;             // The loop's thread only.
+    std::atomic<bool> in_loop;            // From a start to the end of its run, beyond a cancel.
+    list_t contexts;                      // Node on the list of all contexts; see context.cpp.
     tessra::WatchedSets watched;
     tessra::PendingSignals* pending;  // Beside the context; for as long as it lives.
     bool pending_turn;  // Let one of them go before the next message. The loop's thread only.
@@ -130,7 +162,7 @@ extern event_loop_ctx_t default_el_ctx;
 // returns from there: what the context has then is not for the pass that called the handler.
 inline bool is_running_here(const event_loop_ctx_t& el_ctx) {
     // Relaxed: only the thread itself stores its identity.
-    return pthread_equal(el_ctx.eloopthread.load(std::memory_order_relaxed), pthread_self());
+    return is_caller(el_ctx.eloopthread.load(std::memory_order_relaxed));
 }
 
 struct event_timer_t {
@@ -207,12 +239,12 @@ bool register_fork_handlers();
 // context, so the writer enters the gate that the end waits at before it lets go of the mutex.
 class ChangeLock : NotCopyable {
 public:
-    ChangeLock(event_loop_ctx_tp el_ctx, recursive_mutex& mutex);
+    ChangeLock(event_loop_ctx_tp el_ctx, ListMutex& mutex);
     ~ChangeLock();
 
 private:
     event_loop_ctx_tp el_ctx_;
-    recursive_mutex& mutex_;
+    ListMutex& mutex_;
 };
 
 // Takes a message, and returns the number of its signal; 0 for a wake-up or nothing.

@@ -12,7 +12,7 @@
 //   - The channels' descriptors stay open until exec, and nothing is written to them or closed:
 //     their numbers may be other files by then.
 
-#include <cstring>
+#include <new>
 
 #include "eventloop/eventloop_private.h"
 
@@ -35,14 +35,14 @@ void before_fork() {
     (void)pthread_mutex_lock(&contexts_mutex);
     channel_lock();
     for_each_idle([](event_loop_ctx_t& el_ctx) {
-        recursive_mutex_lock(&el_ctx.eventlists_mutex);
-        recursive_mutex_lock(&el_ctx.timerlist_mutex);
+        el_ctx.eventlists_mutex.lock();
+        el_ctx.timerlist_mutex.lock();
     });
 }
 
 void unlock_idle(event_loop_ctx_t& el_ctx) {
-    recursive_mutex_unlock(&el_ctx.timerlist_mutex);
-    recursive_mutex_unlock(&el_ctx.eventlists_mutex);
+    el_ctx.timerlist_mutex.unlock();
+    el_ctx.eventlists_mutex.unlock();
 }
 
 void after_fork_in_parent() {
@@ -54,9 +54,8 @@ void after_fork_in_parent() {
 void make_new(event_loop_ctx_t& el_ctx) {
     const list_t node = el_ctx.contexts;
     PendingSignals* const pending = el_ctx.pending;
-    memset(static_cast<void*>(&el_ctx), 0, sizeof el_ctx);
+    set_up(*new (&el_ctx) event_loop_ctx_t{}, pending);
     el_ctx.contexts = node;
-    set_up(el_ctx, pending);
 }
 
 void after_fork_in_child() {
@@ -70,7 +69,7 @@ void after_fork_in_child() {
         } else {
             list_init(&el_ctx.process_queue);
             el_ctx.pong_fd = kNoFd;  // A failed start's; the same holds for its number.
-            el_ctx.processlist_mutex = RECURSIVE_MUTEX_INITIALIZER;
+            new (&el_ctx.processlist_mutex) ListMutex;
             unlock_idle(el_ctx);
         }
     }

@@ -40,7 +40,7 @@ bool run_ready_watchers(event_loop_ctx_tp el_ctx, const SelectSets& ready, int r
     const int first_signal = has_descriptor ? 0 : take_signal(el_ctx, has_message, info);
     if (!has_descriptor && first_signal == 0) return false;
 
-    const RecursiveLock lock(el_ctx->eventlists_mutex);
+    const ListLock lock(el_ctx->eventlists_mutex);
     // Marked watchers can't be waiting for this walk: it reaps within the pass what it marks.
     if (has_descriptor) run_ready_descriptors_locked(el_ctx, ready, ready_count);
     if (!is_running_here(*el_ctx)) return false;

@@ -55,7 +55,7 @@ void run_signal_watchers_locked(event_loop_ctx_tp el_ctx, int signal, siginfo_t&
 }
 
 void event_signal_free(event_loop_ctx_tp el_ctx) {
-    const RecursiveLock lock(el_ctx->eventlists_mutex);
+    const ListLock lock(el_ctx->eventlists_mutex);
     free_all<event_signal_t>(el_ctx->signal_queue);
 }
 

@@ -72,13 +72,11 @@ void* event_loop_thread(void* /*arg*/) {
     return nullptr;
 }
 
-bool is_loop_thread() {
-    return pthread_equal(loop_thread.self.load(std::memory_order_relaxed), pthread_self());
-}
+bool is_loop_thread() { return is_caller(loop_thread.self.load(std::memory_order_relaxed)); }
 
 void join_locked() {
     const pthread_t thread = default_el_ctx.async_loop.load(std::memory_order_relaxed);
-    if (pthread_equal(thread, kNoThread)) return;
+    if (thread == kNoThread) return;
     (void)pthread_join(thread, nullptr);
     default_el_ctx.async_loop.store(kNoThread, std::memory_order_relaxed);
 }

@@ -191,7 +191,7 @@ void unlink_entry(event_timer_t* timer) {
 timeval* timer_timeout(event_loop_ctx_tp el_ctx, Milliseconds now, timeval& timeout) {
     const FirstTimer& first = el_ctx->first_timer;
     if (first.stale) {
-        const RecursiveLock lock(el_ctx->timerlist_mutex);
+        const ListLock lock(el_ctx->timerlist_mutex);
         see_first_locked(el_ctx);
     }
     if (!first.exists) return nullptr;
@@ -200,7 +200,7 @@ timeval* timer_timeout(event_loop_ctx_tp el_ctx, Milliseconds now, timeval& time
 }
 
 void update_timers(event_loop_ctx_tp el_ctx, long long int tdiff) {
-    const RecursiveLock lock(el_ctx->timerlist_mutex);
+    const ListLock lock(el_ctx->timerlist_mutex);
     list_t* node;
     dll_foreach(node, &el_ctx->timer_queue) {
         entry_of<event_timer_t>(node)->time += static_cast<Milliseconds>(tdiff);
@@ -222,7 +222,7 @@ bool run_due_timers(event_loop_ctx_tp el_ctx, Milliseconds now, bool handler_ran
     const Milliseconds current_time = handler_ran ? event_get_time() : now;
     if (walked && first.deadline > current_time) return false;
 
-    RecursiveLock lock(el_ctx->timerlist_mutex);
+    ListLock lock(el_ctx->timerlist_mutex);
     bool any_fired = false;
     bool fired;
     auto fire_if_due = [&](event_timer_t* timer) {
@@ -247,7 +247,7 @@ bool run_due_timers(event_loop_ctx_tp el_ctx, Milliseconds now, bool handler_ran
 }
 
 void event_timer_free(event_loop_ctx_tp el_ctx) {
-    const RecursiveLock lock(el_ctx->timerlist_mutex);
+    const ListLock lock(el_ctx->timerlist_mutex);
     free_all<event_timer_t>(el_ctx->timer_queue);
     el_ctx->first_timer.stale.set();
     TimerIndex& index = el_ctx->timer_index;
@@ -281,7 +281,7 @@ void event_timer_del(timer_handler_t handler, void* arg) {
 }
 
 int event_timer_exists_mc(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg) {
-    const RecursiveLock lock(el_ctx->timerlist_mutex);
+    const ListLock lock(el_ctx->timerlist_mutex);
     int armed = 0;
     for_each_match(el_ctx, handler, arg, [&armed](const event_timer_t* timer) {
         if (!timer->to_be_deleted) armed = 1;

@@ -23,19 +23,6 @@ protected:
     ~NotCopyable() = default;
 };
 
-// Holds a recursive_mutex; unlock() and lock() open a gap in between, around foreign code.
-class RecursiveLock : NotCopyable {
-public:
-    explicit RecursiveLock(recursive_mutex& mutex) : mutex_(mutex) { lock(); }
-    ~RecursiveLock() { unlock(); }
-
-    void lock() { recursive_mutex_lock(&mutex_); }
-    void unlock() { recursive_mutex_unlock(&mutex_); }
-
-private:
-    recursive_mutex& mutex_;
-};
-
 // Holds a plain mutex. Locking a valid default mutex can't fail, so the results say nothing.
 class MutexLock : NotCopyable {
 public:
