@@ -48,7 +48,14 @@ ISOLATED_TEST(Pass, PhasesRunOutOfOrderOrAreCutShort) {
     EXPECT_EQ(" ft fst fst", trace);  // One signal per pass, and the last one is finished.
 }
 
+void change(int count) {
+    for (int n = 0; n < count; n++) event_fd_del(777);
+}
+
 ISOLATED_TEST(Loop, ChangeDoesNotWakeItOrWakesItTwice) {
+    static Step nest = [] {
+        for (int n = 0; n < 3; n++) EXPECT_EQ(0, do_events(1000));
+    };
     Pipe quiet;
     const struct {
         Step change;
@@ -62,10 +69,17 @@ ISOLATED_TEST(Loop, ChangeDoesNotWakeItOrWakesItTwice) {
         {[] { event_process_add(getpid(), nullptr, nullptr); }, 2},  // The first adds SIGCHLD.
         {[] { event_process_del(1); }},
         {[] { event_fd_del(777), event_fd_del(777); }, 2},
+        // More than the loop reads at once, than it lets into the channel, than a channel takes.
+        {[] { change(1000); }, 1000},
+        {[] { change(3000); }, 3000},
+        {[] { change(70000); }, 70000},
+        {[] { std::thread(change, 70000).join(); }, 70000},
+        // Each of a nested pass takes one, too.
+        {[] { change(10), event_timer_add(run_timer, &nest, 0); }, 11},
     };
     for (const auto& row : rows) {
         const Drive run = drive(nullptr, {row.change});
-        EXPECT_EQ(row.wakes, run.ready - 1) << &row - rows;  // One more for the cancel.
+        EXPECT_EQ(row.wakes, run.awake - 1) << &row - rows;  // One more for the cancel.
         EXPECT_EQ(0, run.result);
     }
 }

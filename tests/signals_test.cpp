@@ -72,7 +72,7 @@ ISOLATED_TEST(Signals, DefaultActionOrBacklogComesBack) {
 }
 
 // The channel holds some 500 messages; a part of one would turn what follows into nonsense. What
-// finds it full, with messages or with wake-ups, is kept once per number, the first one of each.
+// finds it full is kept once per number, the first one of each.
 ISOLATED_TEST(Signals, FullChannelTearsOrLosesMessagesOrChangesErrno) {
     static int delivered, torn;
     static std::string late;
@@ -101,7 +101,7 @@ ISOLATED_TEST(Signals, FullChannelTearsOrLosesMessagesOrChangesErrno) {
     };
     drive(nullptr, {flood, [] { EXPECT_TRUE(400 < delivered && delivered < 1000) << delivered; },
                     flood_with_wakeups, [] { EXPECT_EQ(0, delivered); }});
-    EXPECT_EQ("12 1 12 ", late);
+    EXPECT_EQ("12 12 1 12 ", late);  // Wake-ups leave room for signals.
     EXPECT_EQ(0, torn);
 }
 
@@ -174,6 +174,30 @@ void storm_over_a_full_channel() {
     EXPECT_EQ(kRounds, round);
     EXPECT_EQ(0, torn);
     for (int signal = 1; signal < 32; signal++) EXPECT_LE(delivered[signal], sent[signal]);
+}
+
+// A signal waits for the pass under way and for earlier signals, whatever has changed before it.
+ISOLATED_TEST(Signals, NoneWaitsBehindWakeUps) {
+    static size_t first;
+    static int before, handled;
+    static Step raise_all = [] {
+        for (int n = 0; n < before; n++) event_timer_del(note_timer, nullptr);
+        first = selects() + 1;
+        for (int value = 0; value < 400; value++) queue_signal(SIGUSR1, value);
+    };
+    const signal_handler_t in_order = [](int, siginfo_t* info, void*) {
+        EXPECT_EQ(handled, info->si_value.sival_int);
+        EXPECT_EQ(first + static_cast<size_t>(handled++), selects());
+        for (int n = 0; n < 9; n++) event_timer_del(note_timer, nullptr);
+    };
+    for (const int changes : {0, 10, 1000, 50000}) {
+        SCOPED_TRACE(before = changes);
+        handled = 0;
+        event_signal_add(in_order, nullptr, SIGUSR1);
+        event_timer_add(run_timer, &raise_all, 0);
+        EXPECT_EQ(0, drive(nullptr).result);
+        EXPECT_EQ(400, handled);
+    }
 }
 
 // SIGHUP is kept again and again, since its handler raises more of it than the loop takes.

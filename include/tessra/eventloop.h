@@ -20,7 +20,9 @@
  * must not free its own context, and must not block for long: all others wait for it.
  *
  * Threads. Every function may be called from any thread except where it says otherwise; none may be
- * called from a signal handler. A change made on another thread wakes the loop. Descriptor, signal
+ * called from a signal handler. Each add, delete and cancel wakes the loop, also one that finds
+ * nothing to delete and one made on the loop's own thread: the loop owes it a pass, so n changes
+ * are followed by n passes that don't wait. Signals don't wait for these passes. Descriptor, signal
  * and child handlers run with the locks of their watcher lists held, so that an add or delete of
  * such a watcher on another thread waits until they are done: a handler that waits for a thread
  * which is in such a call never ends. For the same reason such a handler changes descriptor, signal
@@ -362,9 +364,9 @@ typedef void (*signal_handler_t)(int signal, siginfo_t* info, void* arg);
  * action doesn't happen any more, not even while no loop runs: what arrives then is dropped. Every
  * running loop gets each caught signal and runs its own watchers of it, in order of adding. Signals
  * that come faster than a loop takes them wait in a pipe. It holds 496 of them with the kernel's
- * default size of 16 pages, and fewer if wake-ups wait there, too. When it is full, the library
- * keeps the first signal of each number and drops later ones of that number, as the kernel does
- * with blocked signals. A signal that is kept so may run before signals that came earlier.
+ * default size of 16 pages, and 488 if changes of watchers wait there, too. When it is full, the
+ * library keeps the first signal of each number and drops later ones of that number, as the kernel
+ * does with blocked signals. A signal that is kept so may run before signals that came earlier.
  * Failure: ENOMEM; EINVAL for a number outside 1 to 31; that of sigaction(), should the system
  * refuse it. SIGKILL and SIGSTOP can't be caught: they register, with errno EINVAL, and their
  * watcher never runs. SIGSEGV, SIGBUS, SIGFPE and SIGILL must not be watched: after a fault of the

@@ -5,6 +5,10 @@
 // the channel whole or not at all and never interleaved. A signal that finds the channel full is
 // kept beside it; see pending_signals.h.
 //
+// A pass takes one message, and a signal before all wake-ups. So the loop reads ahead, and wake-ups
+// become the number of passes that it owes. While kMostUnread of them are in the channel, further
+// ones are only counted, so that signals find room there.
+//
 // A start makes a FIFO in /tmp first, opens it at both ends and removes its name again. Everybody
 // can see that name and open the FIFO in between, so it carries no message: the pipe has no name.
 //
@@ -26,6 +30,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "eventloop/eventloop_private.h"
 
@@ -97,13 +102,8 @@ private:
 
 constexpr unsigned char kSignalBase = 'S';
 constexpr int kNameTries = 100;
-
-struct SignalMessage {
-    unsigned char announcement;
-    unsigned char info[sizeof(siginfo_t)];
-};
-static_assert(sizeof(SignalMessage) == 129 && sizeof(SignalMessage) <= PIPE_BUF,
-              "a message is one atomic write");
+constexpr int kMostUnread = 1024;
+static_assert(kMessageSize == 129 && kMessageSize <= PIPE_BUF, "a message is one atomic write");
 
 list_t* load_next(list_t& node) { return std::atomic_ref<list_t*>(node.next).load(); }
 void store_next(list_t& node, list_t* next) { std::atomic_ref<list_t*>(node.next).store(next); }
@@ -212,6 +212,7 @@ bool open_pipe(event_loop_ctx_t& el_ctx) {
         for (int& end : ends) close_if_open(end);
         return false;
     }
+    new (&el_ctx.ahead) ReadAhead{};
     el_ctx.pong_fd = ends[0];
     el_ctx.ping_fd.store(ends[1]);
     return true;
@@ -248,21 +249,41 @@ bool start_locked(event_loop_ctx_t& el_ctx, StartFailure& failure) {
     return true;
 }
 
-// A full channel loses the byte; the bytes in it wake the loop all the same.
-void write_wake_up(int fd) {
-    if (fd != kNoFd) (void)!write(fd, &kWakeUp, 1);
+// Beyond kMostUnread it counts first and looks again. The loop takes what it has read off `unread`
+// before it takes `unwritten`: either it takes this one as well, or it is seen here to have read,
+// and a byte wakes it. A channel that is full of signals loses the byte; they wake the loop.
+void write_wake_up(ReadAhead& ahead, int fd) {
+    if (fd == kNoFd) return;
+    if (ahead.unread.load(std::memory_order_relaxed) >= kMostUnread) {
+        ahead.unwritten.fetch_add(1);
+        if (ahead.unread.load() >= kMostUnread) return;
+    }
+    ahead.unread.fetch_add(1, std::memory_order_relaxed);
+    if (write(fd, &kWakeUp, 1) != 1) ahead.unread.fetch_sub(1, std::memory_order_relaxed);
 }
 
-bool read_exactly(int fd, void* into, size_t size_bytes) {
-    auto* rest = static_cast<char*>(into);
-    while (size_bytes > 0) {
-        const ssize_t got = read(fd, rest, size_bytes);
-        if (got == -1 && errno == EINTR) continue;
-        if (got <= 0) return false;
-        rest += got;
-        size_bytes -= static_cast<size_t>(got);
+bool is_signal(unsigned char byte) {
+    return byte > kSignalBase && byte <= kSignalBase + kMaxSignal;
+}
+
+// Sorts `count` bytes that were read behind the signals: closes the gaps that wake-ups leave. Bytes
+// that are no message count as wake-ups.
+void sort_bytes(event_loop_ctx_t& el_ctx, const unsigned char* bytes, size_t count) {
+    ReadAhead& ahead = el_ctx.ahead;
+    int wake_ups = 0;
+    for (; count != 0; --count, ++bytes) {
+        if (ahead.missing == 0) {
+            if (!is_signal(*bytes)) {
+                ++wake_ups;
+                continue;
+            }
+            ahead.missing = kMessageSize;
+        }
+        el_ctx.signals[ahead.filled++] = *bytes;
+        --ahead.missing;
     }
-    return true;
+    ahead.owed += static_cast<unsigned>(wake_ups);
+    ahead.unread.fetch_sub(wake_ups);
 }
 
 }  // namespace
@@ -302,7 +323,7 @@ void channel_discard_leftover(event_loop_ctx_t& el_ctx) { close_if_open(el_ctx.p
 void channel_cancel(event_loop_ctx_t& el_ctx) {
     const InsideGate inside;
     el_ctx.async_loop_started.store(0);
-    write_wake_up(el_ctx.ping_fd.load());
+    write_wake_up(el_ctx.ahead, el_ctx.ping_fd.load());
 }
 
 void channel_forget_parent() {
@@ -325,34 +346,52 @@ ChangeLock::~ChangeLock() {
     const InsideGate inside;
     const int fd = el_ctx_->ping_fd.load();
     mutex_.unlock();
-    write_wake_up(fd);
+    write_wake_up(el_ctx_->ahead, fd);
 }
 
 void channel_send_signal(int sig, const siginfo_t& info) {
     if (loops.pid.load() != getpid()) return;
-    SignalMessage message;
-    message.announcement = static_cast<unsigned char>(kSignalBase + sig);
-    memcpy(message.info, &info, sizeof message.info);
+    unsigned char message[kMessageSize];
+    message[0] = static_cast<unsigned char>(kSignalBase + sig);
+    memcpy(message + 1, &info, sizeof info);
 
     const InsideGate inside;
     for (list_t* node = load_next(loops.list); node != &loops.list;) {
         auto* el_ctx = reinterpret_cast<event_loop_ctx_t*>(node);
         node = load_next(*node);
         const int fd = el_ctx->ping_fd.load();
-        if (fd == kNoFd || write(fd, &message, sizeof message) == sizeof message) continue;
+        if (fd == kNoFd || write(fd, message, sizeof message) == sizeof message) continue;
         el_ctx->pending->keep(sig, info);
         // The loop may have drained the channel and gone to sleep, so wake it. If the channel is
         // still full, this write fails, but then the loop is awake anyway.
-        write_wake_up(fd);
+        write_wake_up(el_ctx->ahead, fd);
     }
 }
 
-int channel_take_message(const event_loop_ctx_t& el_ctx, siginfo_t& info) {
-    unsigned char byte = 0;
-    if (!read_exactly(el_ctx.pong_fd, &byte, sizeof byte)) return 0;
-    const int signal = byte - kSignalBase;
-    if (signal < 1 || signal > kMaxSignal) return 0;
-    return read_exactly(el_ctx.pong_fd, &info, sizeof info) ? signal : 0;
+void channel_read_ahead(event_loop_ctx_t& el_ctx) {
+    ReadAhead& ahead = el_ctx.ahead;
+    while (!ahead.has_signal()) {
+        unsigned char* const room = el_ctx.signals + ahead.filled;
+        const size_t wanted = sizeof el_ctx.signals - ahead.filled;
+        const ssize_t got = read(el_ctx.pong_fd, room, wanted);
+        if (got == -1 && errno == EINTR) continue;
+        if (got > 0) sort_bytes(el_ctx, room, static_cast<size_t>(got));
+        if (got != static_cast<ssize_t>(wanted)) break;  // The channel is empty.
+    }
+    ahead.owed += ahead.unwritten.exchange(0);
+}
+
+int channel_take_message(event_loop_ctx_t& el_ctx, siginfo_t& info) {
+    ReadAhead& ahead = el_ctx.ahead;
+    if (!ahead.has_signal()) {
+        if (ahead.owed != 0) --ahead.owed;
+        return 0;
+    }
+    const int signal = el_ctx.signals[0] - kSignalBase;
+    memcpy(&info, el_ctx.signals + 1, sizeof info);
+    ahead.filled -= kMessageSize;
+    memmove(el_ctx.signals, el_ctx.signals + kMessageSize, ahead.filled);
+    return signal;
 }
 
 }  // namespace tessra

@@ -43,6 +43,7 @@ constinit event_loop_ctx_t default_el_ctx = {
     .eloopthread = (pthread_t)-1,
     .async_loop_started = 0,
     .async_loop = (pthread_t)-1,
+    .ahead = {},
     .timerlist_mutex = {},
     .eventlists_mutex = {},
     .processlist_mutex = {},
@@ -54,6 +55,7 @@ constinit event_loop_ctx_t default_el_ctx = {
     .pending_turn = false,
     .first_timer = {},
     .timer_index = {},  // Its lanes begin with the first timer.
+    .signals = {},
 };
 #pragma GCC diagnostic pop
 

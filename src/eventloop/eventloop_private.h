@@ -115,6 +115,21 @@ struct FirstTimer {
     Stale stale{true};  // Set by whoever changes the list, until a timer phase has walked it.
 };
 
+constexpr unsigned int kMessageSize = 1 + sizeof(siginfo_t);  // Of a caught signal.
+
+// What the loop has read from its channel ahead of its passes, so that a signal doesn't wait behind
+// wake-ups. The loop's thread only, apart from the atomics.
+struct ReadAhead {
+    unsigned int owed;                    // Passes, one for each wake-up.
+    unsigned int filled;                  // Bytes of the context's `signals`.
+    unsigned int missing;                 // Bytes of the last of these, if it is not whole.
+    std::atomic<int> unread;              // Wake-ups in the channel.
+    std::atomic<unsigned int> unwritten;  // Passes that wake-ups without a byte owe.
+
+    bool has_signal() const { return filled >= kMessageSize; }
+    bool has_message() const { return owed != 0 || has_signal(); }
+};
+
 // Ways past most timers of a long list; see timers.cpp. Every timer has a bucket once there is a
 // table, and one in four is on the first express lane, one in four of those on the next.
 constexpr unsigned int kTimerLanes = 6;
@@ -139,6 +154,7 @@ struct event_loop_ctx {
     std::atomic<pthread_t> eloopthread;
     std::atomic<unsigned char> async_loop_started;
     std::atomic<pthread_t> async_loop;
+    tessra::ReadAhead ahead;
     tessra::ListMutex timerlist_mutex;    // Guards timer_queue and timer_index.
     tessra::ListMutex eventlists_mutex;   // Guards fd_queue, signal_queue and watched.
     tessra::ListMutex processlist_mutex;  // Guards process_queue.
@@ -150,6 +166,7 @@ struct event_loop_ctx {
     bool pending_turn;  // Let one of them go before the next message. The loop's thread only.
     tessra::FirstTimer first_timer;
     tessra::TimerIndex timer_index;
+    unsigned char signals[4 * tessra::kMessageSize];  // Read ahead, in their order.
 };
 
 namespace tessra {
@@ -247,8 +264,10 @@ private:
     ListMutex& mutex_;
 };
 
-// Takes a message, and returns the number of its signal; 0 for a wake-up or nothing.
-int channel_take_message(const event_loop_ctx_t& el_ctx, siginfo_t& info);
+// Reads until there is a signal or the channel is empty.
+void channel_read_ahead(event_loop_ctx_t& el_ctx);
+// Takes a signal that has been read and returns its number, or a wake-up, or nothing, for 0.
+int channel_take_message(event_loop_ctx_t& el_ctx, siginfo_t& info);
 void channel_send_signal(int sig, const siginfo_t& info);
 
 // timers.cpp

@@ -19,9 +19,8 @@ void follow_clock_jump(event_loop_ctx_tp el_ctx, Milliseconds older, Millisecond
     if (before > after || after > before + kLargestPause) update_timers(el_ctx, after - before);
 }
 
-// Takes at most one message from the channel, and returns the number of at most one signal. Those
-// that are kept beside a full channel go when the message was a wake-up, and take turns with other
-// signals.
+// Takes at most one message, and returns the number of at most one signal. Those that are kept
+// beside a full channel go when the message was a wake-up, and take turns with other signals.
 int take_signal(event_loop_ctx_tp el_ctx, bool has_message, siginfo_t& info) {
     int signal = 0;
     if (has_message && !(el_ctx->pending_turn && el_ctx->pending->any())) {
@@ -33,8 +32,10 @@ int take_signal(event_loop_ctx_tp el_ctx, bool has_message, siginfo_t& info) {
 
 // The descriptor handlers, then one message. Returns whether a handler may have run.
 bool run_ready_watchers(event_loop_ctx_tp el_ctx, const SelectSets& ready, int ready_count) {
-    const bool has_message = ready_count > 0 && contains_fd(el_ctx->pong_fd, ready.read);
-    const bool has_descriptor = ready_count > (has_message ? 1 : 0);
+    const bool is_readable = ready_count > 0 && contains_fd(el_ctx->pong_fd, ready.read);
+    if (is_readable) channel_read_ahead(*el_ctx);
+    const bool has_message = el_ctx->ahead.has_message();
+    const bool has_descriptor = ready_count > (is_readable ? 1 : 0);
     siginfo_t info;
     // A wake-up alone, of which there is one for each change of a list, needs no lock.
     const int first_signal = has_descriptor ? 0 : take_signal(el_ctx, has_message, info);
@@ -58,6 +59,11 @@ bool event_handle_events(event_loop_ctx_tp el_ctx, const SelectSets& ready, int 
     return run_due_timers(el_ctx, now, ran) || ran;
 }
 
+// Whether a pass is owed, whatever select() finds.
+bool has_work(const event_loop_ctx_t& el_ctx) {
+    return el_ctx.ahead.has_message() || el_ctx.pending->any();
+}
+
 // One wait and pass of the main loop; `ptime` is the reading after the last wait. Takes and returns
 // whether a handler may have run since that reading.
 bool iterate(event_loop_ctx_tp el_ctx, Milliseconds& ptime, bool ran) {
@@ -66,7 +72,7 @@ bool iterate(event_loop_ctx_tp el_ctx, Milliseconds& ptime, bool ran) {
 
     timeval storage;
     timeval* timeout = timer_timeout(el_ctx, ntime, storage);
-    if (el_ctx->pending->any()) *(timeout = &storage) = {};
+    if (has_work(*el_ctx)) *(timeout = &storage) = {};
     SelectSets sets;
     const int max_fd = fill_select_sets(el_ctx, sets);
     const int count = select(max_fd + 1, &sets.read, &sets.write, &sets.except, timeout);
@@ -153,7 +159,7 @@ int do_events_mc(event_loop_ctx_tp el_ctx, unsigned int timeout) {
     ++el_ctx->do_events_reentrance;
     // Not normalised into seconds: the kernel takes any count of microseconds.
     timeval wait = {};
-    const unsigned int microseconds = el_ctx->pending->any() ? 0 : timeout * 1000;
+    const unsigned int microseconds = has_work(*el_ctx) ? 0 : timeout * 1000;
     wait.tv_usec = static_cast<decltype(wait.tv_usec)>(microseconds);
     SelectSets sets;
     const int count = select_with_retries(el_ctx, sets, wait);

@@ -17,7 +17,6 @@ bool catch_signal(int signal) {
     struct sigaction action = {};
     action.sa_sigaction = event_signal_cb;
     action.sa_flags = SA_SIGINFO | SA_RESTART;
-    (void)sigemptyset(&action.sa_mask);
     const MutexLock lock(disposition_mutex);
     if (sigaction(signal, &action, nullptr) == 0) return true;
     // These two are always refused; their watcher stays and never runs.

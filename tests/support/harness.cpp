@@ -71,13 +71,14 @@ int driven_select(int nfds, fd_set* rset, fd_set* wset, fd_set* eset, timeval* t
     const fd_set asked[] = {*rset, *wset, *eset};
     timeval poll = {0, 0};
     int ready = real_select(nfds, rset, wset, eset, &poll);
-    if (ready == 0 && (!tv || tv->tv_sec > 0 || tv->tv_usec > 0)) {
+    const bool may_sleep = !tv || tv->tv_sec > 0 || tv->tv_usec > 0;
+    if (ready == 0 && may_sleep) {
         instead_of_sleep(tv);
         *rset = asked[0], *wset = asked[1], *eset = asked[2];
         poll = {0, 0};
         ready = real_select(nfds, rset, wset, eset, &poll);
     }
-    driver->drive.ready += ready > 0;
+    driver->drive.awake += ready > 0 || !may_sleep;
     return ready;
 }
 

@@ -86,7 +86,7 @@ constexpr long long kEndless = -1;
 
 struct Drive {
     int result = 0;                   ///< Of the loop.
-    int ready = 0;                    ///< Calls of select() that found something ready.
+    int awake = 0;                    ///< Calls of select() with something ready or owed.
     std::vector<long long> waits_us;  ///< Timeouts that select() was called with.
 };
 
