@@ -195,18 +195,41 @@ ISOLATED_TEST(Descriptors, CrowdIsCalledInAnotherOrderOrNotAtAll) {
     EXPECT_EQ(blocks, fakes.blocks);
 }
 
+// A change tests the descriptors that are new, however many are watched.
+ISOLATED_TEST(Descriptors, ChangeTestsAllOfACrowd) {
+    static int tests, passes;
+    static std::vector<int> fds;
+    for (int n = 0; n < 400; n++) {
+        fds.push_back(ready_descriptor());
+        event_fd_add(note_fd, arg("!"), fds.back(), EVENT_FD_EXCEPT);
+    }
+    static Step change = [] {
+        const int fd = fds[static_cast<size_t>(passes)];
+        event_fd_del(fd);
+        event_fd_add(note_fd, arg("!"), fd, EVENT_FD_EXCEPT);
+        fakes.on_call = [](int call) { tests += call == FAKE_FCNTL; };
+        if (++passes == 100) return cancel_loop();
+        event_timer_add(run_timer, &change, 1);
+    };
+    event_timer_add(run_timer, &change, 0);
+    EXPECT_EQ(0, et_event_loop());
+    EXPECT_EQ(99, tests);
+}
+
 TEST(Descriptors, ClosedOneGoesUnnoticed) {
     static int fd;
     static const auto watch = [](int type) {
         fd = dup2(ready_descriptor(), 900);  // Not where the channel will be.
         event_fd_add(note_fd, arg(""), fd, type);
     };
-    // Closed while the list doesn't change: by a timer, some passes after the last add.
+    // Closed by a timer, some passes after the last add; then the list changes or not.
+    static bool changes;
     static const auto close_later = [](int type, bool nested) {
         watch(type);
         static Step last, first;
         last = [nested] {
             close(fd);
+            if (changes) event_fd_add(note_fd, arg(""), ready_descriptor(), EVENT_FD_EXCEPT);
             if (nested) do_events(0), puts("survived"), cancel_loop();
         };
         first = [] { event_timer_add(run_timer, &last, 2); };
@@ -231,6 +254,20 @@ TEST(Descriptors, ClosedOneGoesUnnoticed) {
         [] { close_later(EVENT_FD_READ, true); },
         [] { close_later(0, false); },
         [] { close_later(0, true); },
+        [] { changes = true, close_later(EVENT_FD_READ, false); },
+        [] { changes = true, close_later(EVENT_FD_READ, true); },
+        // Tested in an earlier run of the loop, and closed since.
+        [] {
+            event_loop_ctx_tp own = event_mc_init();
+            Step end = [own] { cancel_loop_mc(own); };
+            event_fd_add_mc(own, note_fd, arg(""), ready_descriptor(), EVENT_FD_EXCEPT);
+            fd = dup2(ready_descriptor(), 900);
+            event_fd_add_mc(own, note_fd, arg(""), fd, EVENT_FD_EXCEPT);
+            event_timer_add_mc(own, run_timer, &end, 0);
+            if (et_event_loop_mc(own) != 0) _exit(1);
+            close(fd);
+            exit(status_of(fork_process([own] { et_event_loop_mc(own); })) == 255 << 8 ? 255 : 2);
+        },
     };
     for (const Step& row : rows) {
         const ChildEnd end = run_child([&row] { row(), et_event_loop(); });

@@ -93,12 +93,6 @@ ISOLATED_TEST(Free, MayFollowTheLoopsReturnWhateverACancelDoes) {
     }
 }
 
-int status_of(pid_t pid) {
-    int status = -1;
-    waitpid(pid, &status, 0);
-    return status;
-}
-
 int run_process(int, void* step, int) { return run_timer(step), 0; }
 
 ISOLATED_TEST(Free, EndsTheWalkOfItsChildrenFromAChildsHandler) {

@@ -50,7 +50,7 @@ constinit event_loop_ctx_t default_el_ctx = {
     .do_events_reentrance = 0,
     .in_loop = false,
     .contexts = {&contexts, &contexts},
-    .watched = {.sets = {}, .max_fd = kNoFd, .has_unselected = false, .by_fd = nullptr},
+    .watched = {},
     .pending = &default_pending,
     .pending_turn = false,
     .first_timer = {},

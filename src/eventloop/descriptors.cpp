@@ -1,15 +1,18 @@
 // Descriptor watchers.
 //
 // The sets for select() are kept and rebuilt only after a change of the list. select() reports a
-// watched descriptor that has been closed by itself, with EBADF, but only one that was open when it
-// was put in: the kernel ignores numbers beyond its table. So a rebuild tests every descriptor, and
-// a watcher without conditions, which is in no set, is tested before every wait.
+// watched descriptor that has been closed by itself, with EBADF, but only one that was open once:
+// the kernel ignores numbers beyond its table, which never shrinks. So a rebuild tests the watchers
+// that are new, the start of a loop tests all, since the list may be a parent's, and a watcher
+// without conditions, which is in no set, is tested before every wait.
 //
 // A rebuild also notes who watches each descriptor if there are many, so that a pass doesn't visit
 // all for the sake of a few that are ready.
 
 #include <fcntl.h>
 #include <limits.h>
+
+#include <cstring>
 
 #include "eventloop/eventloop_private.h"
 #include "eventloop/watch_list.h"
@@ -25,6 +28,8 @@ constexpr int kAllConditions = EVENT_FD_READ | EVENT_FD_WRITE | EVENT_FD_EXCEPT;
 // finding the next costs more than it saves.
 constexpr unsigned int kFewWatchers = 32;
 constexpr int kFewReady = 4;
+constexpr unsigned int kMostSpareSlots = 256;
+constexpr unsigned int kUntested = UINT_MAX;
 
 // A word of an fd_set, whose bits every Linux has in this order.
 using Word = unsigned long;
@@ -53,14 +58,22 @@ void test_descriptors_locked(event_loop_ctx_tp el_ctx, bool unselected_only) {
 void drop_table(WatchedSets& watched) {
     free(watched.by_fd);
     watched.by_fd = nullptr;
+    watched.slots = 0;
 }
 
+// The table is kept while it has room and not too much.
 void make_table_locked(event_loop_ctx_tp el_ctx) {
     WatchedSets& watched = el_ctx->watched;
     const ErrnoKeeper keep_errno;
     // For each bit of the words that first_ready() looks at.
-    watched.by_fd = new_records<WatcherSlot>(static_cast<unsigned int>(watched.max_fd) + kWordBits);
-    if (watched.by_fd == nullptr) return;
+    const unsigned int needed = static_cast<unsigned int>(watched.max_fd) + kWordBits;
+    if (watched.slots - needed > kMostSpareSlots) {  // Wraps around where there are too few.
+        drop_table(watched);
+        watched.by_fd = new_records<WatcherSlot>(needed);
+        if (watched.by_fd == nullptr) return;
+        watched.slots = needed;
+    }
+    memset(watched.by_fd, 0, needed * sizeof(WatcherSlot));
     list_t* node;
     dll_foreach(node, &el_ctx->fd_queue) {
         auto* watcher = entry_of<event_fd_t>(node);
@@ -72,27 +85,29 @@ void make_table_locked(event_loop_ctx_tp el_ctx) {
 }
 
 void rebuild_sets_locked(event_loop_ctx_tp el_ctx) {
-    test_descriptors_locked(el_ctx, false);
     WatchedSets& watched = el_ctx->watched;
-    drop_table(watched);
     unsigned int position = 0;
-    FD_ZERO(&watched.sets.read);
-    FD_ZERO(&watched.sets.write);
-    FD_ZERO(&watched.sets.except);
+    watched.sets = {};
     watched.max_fd = kNoFd;
     watched.has_unselected = false;
     list_t* node;
     dll_foreach(node, &el_ctx->fd_queue) {
         auto* watcher = entry_of<event_fd_t>(node);
+        const bool is_new = watcher->position == kUntested;
         watcher->position = position++;
         if (watcher->to_be_deleted) continue;
+        if (is_new) exit_if_closed(watcher->fd);
         if (watcher->type & EVENT_FD_READ) insert_fd(watcher->fd, watched.sets.read);
         if (watcher->type & EVENT_FD_WRITE) insert_fd(watcher->fd, watched.sets.write);
         if (watcher->type & EVENT_FD_EXCEPT) insert_fd(watcher->fd, watched.sets.except);
         if ((watcher->type & kAllConditions) == 0) watched.has_unselected = true;
         if (watcher->fd > watched.max_fd) watched.max_fd = watcher->fd;
     }
-    if (position > kFewWatchers) make_table_locked(el_ctx);
+    if (position > kFewWatchers) {
+        make_table_locked(el_ctx);
+    } else {
+        drop_table(watched);
+    }
     watched.stale.clear();
 }
 
@@ -182,7 +197,7 @@ void event_fd_add_mc(event_loop_ctx_tp el_ctx, fd_handler_t handler, void* arg, 
     }
     auto* watcher = new_record<event_fd_t>();
     if (watcher == nullptr) return;
-    *watcher = {{}, handler, arg, fd, type, 0, 0, 0};
+    *watcher = {{}, handler, arg, fd, type, 0, 0, kUntested};
     const ChangeLock lock(el_ctx, el_ctx->eventlists_mutex);
     list_add_tail(&el_ctx->fd_queue, &watcher->list);
     el_ctx->watched.stale.set();

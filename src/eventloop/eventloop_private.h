@@ -95,16 +95,16 @@ struct WatcherSlot {
     event_fd_t* watcher;
 };
 
-// The sets that the watchers ask for, kept until a watcher comes or goes: building them costs a
-// system call per descriptor. The channel is not in them. The loop's thread only, apart from
-// `stale`, so that it looks at them without a lock.
+// The sets that the watchers ask for, kept until a watcher comes or goes. The channel is not in
+// them. The loop's thread only, apart from `stale`, so that it looks at them without a lock.
 struct WatchedSets {
     SelectSets sets;
     int max_fd;
     bool has_unselected;  // Some watcher is in no set, so select() doesn't notice its closing.
     // On the heap. Null while watchers are few, if two have one descriptor, or if memory is short.
     WatcherSlot* by_fd;
-    Stale stale{true};  // Set by whoever changes the list.
+    unsigned int slots;  // Of that table.
+    Stale stale{true};   // Set by whoever changes the list.
 };
 
 // The first timer as the loop has last seen it, so that a pass with nothing due takes no lock. The
@@ -201,7 +201,7 @@ struct event_fd_t {
     int type;
     int locked;
     int to_be_deleted;
-    unsigned int position;  // On the list when the sets were built.
+    unsigned int position;  // On the list when the sets were built; kUntested before that.
 };
 
 struct event_signal_t {

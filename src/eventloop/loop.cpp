@@ -119,6 +119,7 @@ int run_loop(event_loop_ctx_t& el_ctx, bool (*on_start)()) {
         channel_end(el_ctx);
         return -1;
     }
+    exit_if_descriptor_closed(&el_ctx);
     Milliseconds ptime = event_get_time();
     bool ran = false;
     while (el_ctx.async_loop_started.load() != 0 && is_running_here(el_ctx)) {

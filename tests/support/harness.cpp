@@ -138,6 +138,12 @@ pid_t fork_process(const Step& body) {
     return 0;
 }
 
+int status_of(pid_t pid) {
+    int status = -1;
+    waitpid(pid, &status, 0);
+    return status;
+}
+
 void await_child(pid_t pid) {
     siginfo_t info;
     while (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WSTOPPED | WNOWAIT) == -1)

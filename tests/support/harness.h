@@ -40,6 +40,8 @@ void run_isolated(const Step& body);
 
 // Forks a child that runs body and leaves with status 0, without sanitizer reports at its exit.
 pid_t fork_process(const Step& body);
+// Collects a child's status.
+int status_of(pid_t pid);
 // Waits until a child has ended or stopped, and leaves its status to be collected.
 void await_child(pid_t pid);
 
