@@ -370,7 +370,7 @@ void channel_send_signal(int sig, const siginfo_t& info) {
 
 void channel_read_ahead(event_loop_ctx_t& el_ctx) {
     ReadAhead& ahead = el_ctx.ahead;
-    while (!ahead.has_signal()) {
+    while (!has_signal(ahead)) {
         unsigned char* const room = el_ctx.signals + ahead.filled;
         const size_t wanted = sizeof el_ctx.signals - ahead.filled;
         const ssize_t got = read(el_ctx.pong_fd, room, wanted);
@@ -383,7 +383,7 @@ void channel_read_ahead(event_loop_ctx_t& el_ctx) {
 
 int channel_take_message(event_loop_ctx_t& el_ctx, siginfo_t& info) {
     ReadAhead& ahead = el_ctx.ahead;
-    if (!ahead.has_signal()) {
+    if (!has_signal(ahead)) {
         if (ahead.owed != 0) --ahead.owed;
         return 0;
     }

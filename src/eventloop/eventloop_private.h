@@ -125,10 +125,9 @@ struct ReadAhead {
     unsigned int missing;                 // Bytes of the last of these, if it is not whole.
     std::atomic<int> unread;              // Wake-ups in the channel.
     std::atomic<unsigned int> unwritten;  // Passes that wake-ups without a byte owe.
-
-    bool has_signal() const { return filled >= kMessageSize; }
-    bool has_message() const { return owed != 0 || has_signal(); }
 };
+inline bool has_signal(const ReadAhead& ahead) { return ahead.filled >= kMessageSize; }
+inline bool has_message(const ReadAhead& ahead) { return ahead.owed != 0 || has_signal(ahead); }
 
 // Ways past most timers of a long list; see timers.cpp. Every timer has a bucket once there is a
 // table, and one in four is on the first express lane, one in four of those on the next.

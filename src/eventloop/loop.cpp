@@ -34,18 +34,18 @@ int take_signal(event_loop_ctx_tp el_ctx, bool has_message, siginfo_t& info) {
 bool run_ready_watchers(event_loop_ctx_tp el_ctx, const SelectSets& ready, int ready_count) {
     const bool is_readable = ready_count > 0 && contains_fd(el_ctx->pong_fd, ready.read);
     if (is_readable) channel_read_ahead(*el_ctx);
-    const bool has_message = el_ctx->ahead.has_message();
+    const bool message = has_message(el_ctx->ahead);
     const bool has_descriptor = ready_count > (is_readable ? 1 : 0);
     siginfo_t info;
     // A wake-up alone, of which there is one for each change of a list, needs no lock.
-    const int first_signal = has_descriptor ? 0 : take_signal(el_ctx, has_message, info);
+    const int first_signal = has_descriptor ? 0 : take_signal(el_ctx, message, info);
     if (!has_descriptor && first_signal == 0) return false;
 
     const ListLock lock(el_ctx->eventlists_mutex);
     // Marked watchers can't be waiting for this walk: it reaps within the pass what it marks.
     if (has_descriptor) run_ready_descriptors_locked(el_ctx, ready, ready_count);
     if (!is_running_here(*el_ctx)) return false;
-    const int signal = has_descriptor ? take_signal(el_ctx, has_message, info) : first_signal;
+    const int signal = has_descriptor ? take_signal(el_ctx, message, info) : first_signal;
     if (signal != 0) run_signal_watchers_locked(el_ctx, signal, info);
     return true;
 }
@@ -61,7 +61,7 @@ bool event_handle_events(event_loop_ctx_tp el_ctx, const SelectSets& ready, int 
 
 // Whether a pass is owed, whatever select() finds.
 bool has_work(const event_loop_ctx_t& el_ctx) {
-    return el_ctx.ahead.has_message() || el_ctx.pending->any();
+    return has_message(el_ctx.ahead) || el_ctx.pending->any();
 }
 
 // One wait and pass of the main loop; `ptime` is the reading after the last wait. Takes and returns
