@@ -20,9 +20,12 @@
  *   - the thread that forks waits for no handler, and the parent goes on as before.
  *
  * Memory order. The model is sequentially consistent: one step of one thread after another. In
- * the child there is one thread. fork.cpp reads in_loop with relaxed order; it changes under
- * loops.mutex, which the thread that forks holds. A start stores loops.pid with relaxed order
- * before its seq_cst store of a link, and a catcher reads it before the links.
+ * the child there is one thread. A ListMutex reads its owner with relaxed order. A thread finds
+ * itself there only if it holds the lock: it stores its number with the lock held, and takes it
+ * out before it lets go. Which other value it reads doesn't matter. fork.cpp reads in_loop with
+ * relaxed order; it changes under loops.mutex, which the thread that forks holds. A start stores
+ * loops.pid with relaxed order before its seq_cst store of a link, and a catcher reads it before
+ * the links.
  */
 
 #define RAN 0              /* The default context. */
@@ -39,10 +42,10 @@
 bool in_child;             /* Which of the two processes the model follows. */
 #define OF_THE_PARENT provided (!in_child)
 
-bool rec_mutex;
-bool mutex[6];             /* recursive_mutex */
-byte refcount[6];
+bool mutex[6];             /* ListMutex */
+byte depth[6];
 byte owner[6] = NOBODY;
+bool rec_mutex;            /* Of the bookkeeping of each recursive_mutex. */
 bool contexts_mutex;
 bool loops_mutex;
 bool loop_thread_mutex;
@@ -64,41 +67,40 @@ byte threads_done;
 #define lock(plain)   atomic { !plain -> plain = true }
 #define unlock(plain) plain = false
 
-inline recursive_lock(m, self) {
-    lock(rec_mutex);
+/* ListMutex. Its holder alone reads itself in `owner`, and alone changes `depth`. */
+inline list_lock(m, self) {
     if
-    :: owner[m] == self
-    :: atomic { owner[m] != self && !mutex[m] -> mutex[m] = true }
-    :: owner[m] != self && mutex[m] ->
-        unlock(rec_mutex);
+    :: atomic { owner[m] == self -> depth[m]++ }
+    :: else ->
         lock(mutex[m]);
-        lock(rec_mutex)
-    fi;
-    refcount[m]++;
-    owner[m] = self;
-    unlock(rec_mutex)
+        atomic { owner[m] = self; depth[m]++ }
+    fi
 }
 
-inline recursive_unlock(m, self) {
-    lock(rec_mutex);
+inline list_unlock(m, self) {
     if
     :: owner[m] != self
-    :: else ->
-        refcount[m]--;
+    :: atomic { else -> depth[m]-- }
         if
-        :: refcount[m] == 0 -> owner[m] = NOBODY; mutex[m] = false
+        :: depth[m] == 0 ->
+#ifdef OWNER_CLEARED_LATE
+            mutex[m] = false;
+            owner[m] = NOBODY
+#else
+            owner[m] = NOBODY;
+            mutex[m] = false
+#endif
         :: else
         fi
-    fi;
-    unlock(rec_mutex)
+    fi
 }
 
 inline change(m, self) {
-    recursive_lock(m, self);
+    list_lock(m, self);
     assert(!changing[m]);
     changing[m] = true;
     changing[m] = false;
-    recursive_unlock(m, self)
+    list_unlock(m, self)
 }
 
 /* A loop of the parent: a start, which may fail and leave its read end, a handler, the end. */
@@ -120,14 +122,14 @@ proctype Runner() OF_THE_PARENT {
 #ifdef FROM_HANDLER
             forked;
 #else
-            recursive_lock(LISTS + RAN, _pid);
+            list_lock(LISTS + RAN, _pid);
             /* The handler may wait for the thread that forks. */
             if
             :: true -> forked
             :: true
             fi;
             change(CHILDREN + RAN, _pid);
-            recursive_unlock(LISTS + RAN, _pid);
+            list_unlock(LISTS + RAN, _pid);
 #endif
             lock(loops_mutex);
             running[RAN] = false;
@@ -164,12 +166,17 @@ proctype Freer() OF_THE_PARENT {
     threads_done++
 }
 
-/* The locks of a start or a stop and of the end of a command, and the gate of a catcher. */
+/*
+ * The locks of a start or a stop, of the end of a command and of a recursive_mutex, and the gate
+ * of a catcher.
+ */
 proctype Holder() OF_THE_PARENT {
     lock(loop_thread_mutex);
     unlock(loop_thread_mutex);
     lock(disposition_mutex);
     unlock(disposition_mutex);
+    lock(rec_mutex);
+    unlock(rec_mutex);
     inside++;
     inside--;
     threads_done++
@@ -188,10 +195,10 @@ inline before_fork() {
     :: else ->
         if
 #ifdef RUNNING_LOCKED_TOO
-        :: on_contexts[c] -> recursive_lock(LISTS + c, FORKER)
+        :: on_contexts[c] -> list_lock(LISTS + c, FORKER)
 #else
 #ifndef IDLE_NOT_LOCKED
-        :: on_contexts[c] && !in_loop[c] -> recursive_lock(LISTS + c, FORKER)
+        :: on_contexts[c] && !in_loop[c] -> list_lock(LISTS + c, FORKER)
 #endif
 #endif
         :: else
@@ -207,10 +214,10 @@ inline after_fork_in_parent() {
     :: else ->
         if
 #ifdef RUNNING_LOCKED_TOO
-        :: on_contexts[c] -> recursive_unlock(LISTS + c, FORKER)
+        :: on_contexts[c] -> list_unlock(LISTS + c, FORKER)
 #else
 #ifndef IDLE_NOT_LOCKED
-        :: on_contexts[c] && !in_loop[c] -> recursive_unlock(LISTS + c, FORKER)
+        :: on_contexts[c] && !in_loop[c] -> list_unlock(LISTS + c, FORKER)
 #endif
 #endif
         :: else
@@ -227,7 +234,7 @@ inline after_fork_in_parent() {
 
 inline renew(m) {
     mutex[m] = false;
-    refcount[m] = 0;
+    depth[m] = 0;
     owner[m] = NOBODY;
     changing[m] = false
 }
@@ -263,7 +270,7 @@ inline after_fork_in_child() {
 #ifndef CHILDREN_KEPT
             d_step { renew(CHILDREN + c) }
 #endif
-            recursive_unlock(LISTS + c, FORKER)
+            list_unlock(LISTS + c, FORKER)
         :: else
         fi;
         c++
@@ -323,6 +330,8 @@ inline use(ctx) {
     unlock(disposition_mutex);
     lock(loop_thread_mutex);
     unlock(loop_thread_mutex);
+    lock(rec_mutex);
+    unlock(rec_mutex);
     lock(loops_mutex);
     assert(!in_loop[ctx] && !running[ctx]);
     assert(pong_fd[ctx] != OF_PARENT);
@@ -344,8 +353,8 @@ proctype Forker() {
     byte c, ctx;
 #ifdef FROM_HANDLER
     running[RAN];
-    recursive_lock(LISTS + RAN, FORKER);
-    recursive_lock(CHILDREN + RAN, FORKER);
+    list_lock(LISTS + RAN, FORKER);
+    list_lock(CHILDREN + RAN, FORKER);
 #endif
     before_fork();
     if
@@ -372,8 +381,8 @@ proctype Forker() {
         forked = true
     fi;
 #ifdef FROM_HANDLER
-    recursive_unlock(CHILDREN + RAN, FORKER);
-    recursive_unlock(LISTS + RAN, FORKER)
+    list_unlock(CHILDREN + RAN, FORKER);
+    list_unlock(LISTS + RAN, FORKER)
 #endif
 }
 

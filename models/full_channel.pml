@@ -1,34 +1,69 @@
 /*
- * A full channel: what keep() and take() of pending_signals.h, channel_send_signal() and the
- * passes of the loop do with signals that don't fit into it.
+ * The channel: writers of signals and wake-ups, and the passes of the loop, which reads ahead.
+ * write_wake_up(), channel_read_ahead() and channel_take_message() of channel.cpp, take_signal()
+ * of loop.cpp, and keep() and take() of pending_signals.h for signals that find the channel full.
  *
- * The channel holds three units. A signal's message takes two, a wake-up one. Catchers and wakers
- * are processes of their own, so that each takes its steps at any time, as it does on another
- * thread or on top of the loop's own. A catcher waits for nothing, so what it interrupts may
- * stand still.
- *   - Four catchers of three numbers and a waker, each once.
- *   - STORM: signals 1 and 2 are caught for ever, 3 once.
+ * The channel holds four units. A signal's message takes two, a wake-up one; the loop reads up to
+ * three. Catchers and wakers are processes of their own, so that each takes its steps at any time,
+ * as it does on another thread or on top of the loop's own. A catcher waits for nothing, so what it
+ * interrupts may stand still.
+ *   - Four catchers of three numbers and a change, each once.
+ *   - CHANGES: three threads make five changes, and a signal is caught once. Two wake-ups in the
+ *     channel are as many as there may be; further ones are counted.
+ *   - STORM: signals 1 and 2 are caught for ever, 3 once. The channel and a read are smaller by
+ *     one unit, and wake-ups aren't counted: the loop never sleeps there.
  *
  * The assertions:
  *   - no signal is lost: once the loop has nothing left to do, for each catch the handler has run
  *     since it began, the last bit of `full_` is cleared and each slot is free again;
  *   - none is invented: the handler of a number runs no more often than that number was caught;
- *   - a record that is handed out is whole, and that of its number;
+ *   - no message is torn, and a record that is handed out is whole, and that of its number;
+ *   - no change is lost: once the loop sleeps for ever, it has looked since the last change, and
+ *     `unwritten` and `unread` are 0;
+ *   - each wake-up that has been written or counted has had a pass, and no other pass takes one;
+ *   - a pass takes no wake-up if a signal was read or in the channel when select() returned;
  *   - with STORM: 3 is handed out in the end, whether it is kept or in the channel (the claim
  *     `handed_out`, if no process stands still for ever).
  *
+ * Two assumptions, each with a variant that shows why it is needed:
+ *   - Fewer than kMostUnread writers are at once between the count in `unread` and a write that
+ *     fails (MORE_WRITERS_THAN_MOST_UNREAD). Otherwise a writer may take their counts for bytes.
+ *   - Wake-ups are not written as fast as the loop reads them, four messages at a time
+ *     (READS_FOR_EVER). Otherwise channel_read_ahead() doesn't return before a signal comes.
+ *
  * Memory order. The model is sequentially consistent: one step of one thread after another. The
- * code uses seq_cst for `full_` and each slot's state. The weaker ones are:
+ * code uses seq_cst for `full_`, each slot's state and `unwritten`, and for the two accesses to
+ * `unread` that are a pair with those to `unwritten`: the writer's second look and the loop's
+ * subtraction. So if the loop's exchange misses a count, the second look comes after the
+ * subtraction and sees it. What the look still finds in `unread` is subtracted by a later read,
+ * which another exchange follows. The weaker ones are:
+ *   - relaxed: the first look at `unread`. An old value only chooses between a byte, of which there
+ *     may be a few more than kMostUnread, and a count, which the second look follows.
+ *   - relaxed: the addition to `unread`. It comes before the write(), and the loop subtracts after
+ *     the read() of that byte, so the kernel orders the two. Who misses it writes a byte.
+ *   - relaxed: the subtraction after a write that fails. Who misses it finds the writer still
+ *     between its two steps, as in the model.
  *   - plain: a slot's record. The catcher that has turned the state from kFree to kWriting writes
  *     it and then stores kFull and the bit. The loop reads it after it has loaded the bit, and
  *     before it stores kFree. So each access is ordered by the state or the bit.
- *   - plain: last_taken_ and pending_turn, which are the loop's own.
- *   - relaxed: clear(), at a start, before the store by which catchers find the context.
+ *   - plain: last_taken_, pending_turn, the context's `signals` and the rest of ReadAhead, which
+ *     are the loop's own.
+ *   - relaxed: clear(), and plain: a ReadAhead made anew, at a start, before the stores by which
+ *     catchers and writers find the context and its channel.
  * So no property depends on the order of two weaker accesses.
  */
 
 #define SIGNALS 3
-#define ROOM 3            /* Of the channel. */
+#ifdef STORM
+#define ROOM 3
+#define READ_ROOM 2
+#else
+#define ROOM 4            /* Units of the channel, */
+#define READ_ROOM 3       /* and of what the loop reads at once. */
+#endif
+#define MESSAGE 2         /* Units of a signal. */
+#define MOST_READS 2      /* Of a pass; only STORM needs a limit. */
+#define MOST_UNREAD 2     /* kMostUnread */
 #define WAKE_UP 0
 #define K_FREE 0
 #define K_WRITING 1
@@ -36,32 +71,83 @@
 #define TORN 0            /* A record that is being written. */
 #define bit(signal) (1 << (signal))
 
-chan channel = [ROOM] of { byte };  /* WAKE_UP, or the number of a signal. */
-byte used;                          /* Units of it. */
+/* A wake-up, or the number of a signal and its record, which may look like a wake-up. */
+chan channel = [ROOM] of { byte };
+
+byte unread;                        /* ReadAhead, apart from what is the loop's own. */
+byte unwritten;
+byte writers;                       /* Between their count in `unread` and the result. */
 
 byte full_;
 byte state[SIGNALS + 1];
 #ifndef STORM
 byte record[SIGNALS + 1];
 #endif
-byte last_taken;
-bool pending_turn;
 
 #ifndef STORM
 byte caught[SIGNALS + 1];           /* For the assertions. */
 byte handled[SIGNALS + 1];
 #endif
 bool owed[SIGNALS + 1];             /* Caught, and the handler hasn't run since. */
+#ifndef STORM
+bool changed;                       /* And the loop hasn't looked since. */
+byte due;                           /* Wake-ups written or counted, and not taken. */
+byte sent;                          /* Signals written and not taken. */
+#endif
+
+#ifdef STORM
+#define one_more(counter) counter = 1
+#define note_signal()
+#else
+#define one_more(counter) counter++
+#define note_signal() sent++
+#endif
+
+#ifdef MORE_WRITERS_THAN_MOST_UNREAD
+#define few_writers true
+#else
+#define few_writers (writers < MOST_UNREAD)
+#endif
 
 /* Whoever writes to a full channel loses the byte. */
+#ifdef STORM
 inline write_wake_up() {
     atomic {
         if
-        :: used + 1 <= ROOM -> channel ! WAKE_UP; used++
+        :: len(channel) < ROOM -> channel ! WAKE_UP
         :: else
         fi
     }
 }
+#else
+inline write_wake_up() {
+    many = unread >= MOST_UNREAD;
+    if
+    :: many ->
+#ifndef NO_SECOND_LOOK
+        atomic { unwritten++; due++ }
+        many = unread >= MOST_UNREAD
+#else
+        atomic { unwritten++; due++ }
+#endif
+    :: else
+    fi;
+    if
+    :: many -> many = false
+    :: else ->
+        atomic { unread++; writers++ }
+        if
+        :: atomic { len(channel) < ROOM -> channel ! WAKE_UP; due++; writers-- }
+        :: len(channel) == ROOM && few_writers ->
+#ifndef UNREAD_STAYS
+            atomic { unread--; writers-- }
+#else
+            writers--
+#endif
+        fi
+    fi
+}
+#endif
 
 inline write_record(signal) {
 #ifdef STORM
@@ -126,7 +212,11 @@ inline send_signal(signal) {
         caught[signal]++;
 #endif
         if
-        :: used + 2 <= ROOM -> channel ! signal; used = used + 2; fits = true
+        :: len(channel) + MESSAGE <= ROOM ->
+            channel ! signal;
+            channel ! WAKE_UP;
+            note_signal();
+            fits = true
         :: else
         fi
     }
@@ -146,12 +236,12 @@ inline send_signal(signal) {
 }
 
 proctype Catcher(byte signal) {
-    bool taken, fits;
+    bool taken, fits, many;
     send_signal(signal)
 }
 
 proctype Storm() {
-    bool taken, fits;
+    bool taken, fits, many;
     byte signal;
     do
     :: signal = 1; send_signal(signal)
@@ -159,9 +249,16 @@ proctype Storm() {
     od
 }
 
-proctype Waker() {
-    write_wake_up()
+#ifndef STORM
+/* Changes of a list. */
+proctype Waker(byte changes) {
+    bool many;
+    do
+    :: changes > 0 -> changes--; changed = true; write_wake_up()
+    :: else -> break
+    od
 }
+#endif
 
 /* The number that comes next among those of `full`. */
 inline choose(bits) {
@@ -210,6 +307,107 @@ inline take() {
     fi
 }
 
+/* A read of the loop; d_step, since only the channel is shared. */
+inline read_units_once() {
+    d_step {
+        wanted = READ_ROOM - filled;
+        do
+        :: wanted > 0 && len(channel) > 0 ->
+            channel ? unit;
+            wanted--;
+            if
+            :: missing == 0 && unit == WAKE_UP -> one_more(owed_passes); one_more(wake_ups)
+            :: else ->
+                if
+                :: missing == 0 -> missing = MESSAGE
+                :: else
+                fi;
+                read_units[filled] = unit;
+                filled++;
+                missing--
+            fi
+        :: else -> break
+        od;
+#ifdef HALF_IS_FORGOTTEN
+        missing = 0;
+#endif
+#ifdef STORM
+        wake_ups = 0;
+#endif
+        unit = 0
+    }
+}
+
+inline take_unwritten() {
+#if !defined(STORM) && !defined(UNWRITTEN_STAYS)
+    atomic {
+        owed_passes = owed_passes + unwritten;
+        unwritten = 0
+    }
+#else
+    skip
+#endif
+}
+
+/* channel_read_ahead() */
+inline read_ahead() {
+#ifdef UNWRITTEN_FIRST
+    take_unwritten();
+#endif
+    do
+    :: filled >= MESSAGE -> break
+    :: else ->
+        read_units_once();
+#ifndef STORM
+        atomic { unread = unread - wake_ups; wake_ups = 0 }
+#else
+#ifndef READS_FOR_EVER
+        reads++;
+#endif
+#endif
+#ifdef READS_ONCE
+        wanted = 1;
+#endif
+        if
+        :: wanted > 0 || reads == MOST_READS -> break
+        :: else
+        fi
+    od;
+    atomic { wanted = 0; reads = 0 }
+#ifndef UNWRITTEN_FIRST
+    take_unwritten()
+#endif
+}
+
+/* channel_take_message() */
+inline take_message() {
+    d_step {
+        if
+#ifdef WAKE_UPS_FIRST
+        :: owed_passes == 0 && filled >= MESSAGE ->
+#else
+        :: filled >= MESSAGE ->
+#endif
+            signal = read_units[0];
+            assert(signal != WAKE_UP && read_units[1] == WAKE_UP);
+            filled = filled - MESSAGE;
+            read_units[0] = read_units[READ_ROOM - 1];
+            read_units[1] = 0;
+            read_units[READ_ROOM - 1] = 0;
+#ifndef STORM
+            sent--;
+#endif
+        :: else ->
+#ifndef STORM
+            assert(!signal_waits);
+            assert(due > 0);
+            due--;
+#endif
+            owed_passes--
+        fi
+    }
+}
+
 /* take_signal() of loop.cpp */
 inline take_signal() {
     signal = 0;
@@ -225,7 +423,7 @@ inline take_signal() {
 #endif
         if
         :: turn
-        :: atomic { else -> channel ? signal; used = (signal == WAKE_UP -> used - 1 : used - 2) }
+        :: else -> take_message()
         fi
     :: else
     fi;
@@ -247,10 +445,32 @@ inline run_handler() {
     }
 }
 
+#ifdef SLEEPS_ALTHOUGH_PASSES_ARE_OWED
+#define has_read() (filled >= MESSAGE)
+#else
+#ifdef SLEEPS_ALTHOUGH_A_SIGNAL_IS_READ
+#define has_read() (owed_passes != 0)
+#else
+#define has_read() (owed_passes != 0 || filled >= MESSAGE)
+#endif
+#endif
+#ifdef STORM
+#define select_channel() is_readable = nempty(channel)
+#else
+#define select_channel() is_readable = nempty(channel); signal_waits = sent > 0
+#endif
+
 /* Passes of the main loop; a wait without a timeout ends with a message alone. */
 active proctype Loop() {
-    byte bits, signal;
-    bool has_message, turn;
+    byte owed_passes, filled, missing;  /* ReadAhead */
+    byte read_units[READ_ROOM];         /* The context's `signals`. */
+    byte last_taken;
+    bool pending_turn;
+    byte bits, signal, wanted, unit, wake_ups, reads;
+    bool is_readable, has_message, turn;
+#ifndef STORM
+    bool signal_waits;
+#endif
     do
     ::
 #ifdef NO_LOOK_BEFORE_THE_WAIT
@@ -258,12 +478,20 @@ active proctype Loop() {
 #else
         bits = full_;
 #endif
+#ifndef STORM
+        changed = false;
+#endif
         if
-        :: bits != 0 -> has_message = len(channel) > 0
-        :: bits == 0 ->
-end:        nempty(channel) -> has_message = true
+        :: bits != 0 || has_read() -> atomic { select_channel() }
+        :: bits == 0 && !has_read() ->
+end:        atomic { nempty(channel) -> select_channel() }
         fi;
         bits = 0;
+        if
+        :: is_readable -> read_ahead()
+        :: else
+        fi;
+        atomic { is_readable = false; has_message = owed_passes != 0 || filled >= MESSAGE }
         take_signal();
         if
         :: signal != 0 -> run_handler()
@@ -289,16 +517,28 @@ proctype Last() {
     timeout;
     assert(!owed[1] && !owed[2] && !owed[3]);
     assert(full_ == 0);
-    assert(state[1] == K_FREE && state[2] == K_FREE && state[3] == K_FREE)
+    assert(state[1] == K_FREE && state[2] == K_FREE && state[3] == K_FREE);
+    assert(!changed);
+    assert(unwritten == 0);
+    assert(due == 0);
+    assert(sent == 0);
+    assert(unread == 0)
 }
 
 init {
     atomic {
+#ifdef CHANGES
+        run Catcher(1);
+        run Waker(2);
+        run Waker(2);
+        run Waker(1);
+#else
         run Catcher(1);
         run Catcher(1);
         run Catcher(2);
         run Catcher(3);
-        run Waker();
+        run Waker(1);
+#endif
         run Last()
     }
 }

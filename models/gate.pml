@@ -26,6 +26,9 @@
  *     are stored before the seq_cst store of the link by which a catcher finds the context. A
  *     catcher that reads an older loops.pid was called beside the start, and may miss that loop.
  *     Other readers of the first three hold loops.mutex or are the loop's own thread.
+ *   - plain: a start's ReadAhead, before the seq_cst store of ping_fd. Whoever counts there is
+ *     inside the gate and has read that ping_fd. What it counts is the subject of
+ *     full_channel.pml.
  *   - relaxed: ping_fd in set_up(), and inside_ in the child of a fork(). No other thread can
  *     reach them then.
  *   - relaxed: Stale. It is set under a list's mutex. A loop that misses it goes to sleep, and
@@ -82,6 +85,11 @@ byte interrupted = NOBODY;
 inline write_byte(fd) {
     assert(is_open[fd]);
     has_byte[fd] = true
+}
+
+/* It counts in the context, too; full_channel.pml shows how. */
+inline write_wake_up(ctx) {
+    atomic { write_byte(fd); touch(ctx); fd = NO_FD }
 }
 
 /* ReaderGate::enter() */
@@ -141,7 +149,7 @@ inline send_signal(me) {
             :: fd == NO_FD
             :: else ->
                 atomic { touch(c); kept[c] = true; owed[me + c] = false }
-                atomic { write_byte(fd); fd = NO_FD }
+                write_wake_up(c)
             fi
         fi
     od;
@@ -173,12 +181,10 @@ inline cancel(ctx) {
 #endif
 #endif
     atomic { touch(ctx); fd = ping_fd[ctx] }
-    atomic {
-        if
-        :: fd == NO_FD
-        :: else -> write_byte(fd); fd = NO_FD
-        fi
-    }
+    if
+    :: fd == NO_FD
+    :: else -> write_wake_up(ctx)
+    fi;
 #ifdef FLAG_AFTER_WAKE_UP
     atomic { touch(ctx); run_flag[ctx] = false }
 #endif
@@ -372,12 +378,10 @@ proctype Adder(byte ctx) STANDS_STILL {
 #ifndef ENTERS_AFTER_UNLOCK
         atomic { touch(ctx); unlock(lists_mutex[ctx]) }
 #endif
-        atomic {
-            if
-            :: fd == NO_FD
-            :: else -> write_byte(fd); fd = NO_FD
-            fi
-        }
+        if
+        :: fd == NO_FD
+        :: else -> write_wake_up(ctx)
+        fi;
         leave(my_side)
     fi
 }
