@@ -25,11 +25,9 @@
  *   - with STORM: 3 is handed out in the end, whether it is kept or in the channel (the claim
  *     `handed_out`, if no process stands still for ever).
  *
- * Two assumptions, each with a variant that shows why it is needed:
- *   - Fewer than kMostUnread writers are at once between the count in `unread` and a write that
- *     fails (MORE_WRITERS_THAN_MOST_UNREAD). Otherwise a writer may take their counts for bytes.
- *   - Wake-ups are not written as fast as the loop reads them, four messages at a time
- *     (READS_FOR_EVER). Otherwise channel_read_ahead() doesn't return before a signal comes.
+ * A wake-up counts in `unread` after its write: a count that comes before a write that fails may be
+ * taken for a byte (COUNTED_BEFORE_WRITTEN). A pass reads a bounded number of times: wake-ups that
+ * come as fast as the loop reads would hold it in channel_read_ahead() (READS_FOR_EVER).
  *
  * Memory order. The model is sequentially consistent: one step of one thread after another. The
  * code uses seq_cst for `full_`, each slot's state and `unwritten`, and for the two accesses to
@@ -39,10 +37,8 @@
  * which another exchange follows. The weaker ones are:
  *   - relaxed: the first look at `unread`. An old value only chooses between a byte, of which there
  *     may be a few more than kMostUnread, and a count, which the second look follows.
- *   - relaxed: the addition to `unread`. It comes before the write(), and the loop subtracts after
- *     the read() of that byte, so the kernel orders the two. Who misses it writes a byte.
- *   - relaxed: the subtraction after a write that fails. Who misses it finds the writer still
- *     between its two steps, as in the model.
+ *   - relaxed: the addition to `unread`, after the write(). The loop may subtract before it, so
+ *     `unread` may be negative for a while. Who misses it writes a byte.
  *   - plain: a slot's record. The catcher that has turned the state from kFree to kWriting writes
  *     it and then stores kFull and the bit. The loop reads it after it has loaded the bit, and
  *     before it stores kFree. So each access is ordered by the state or the bit.
@@ -74,9 +70,8 @@
 /* A wake-up, or the number of a signal and its record, which may look like a wake-up. */
 chan channel = [ROOM] of { byte };
 
-byte unread;                        /* ReadAhead, apart from what is the loop's own. */
+short unread;                       /* ReadAhead, apart from what is the loop's own. */
 byte unwritten;
-byte writers;                       /* Between their count in `unread` and the result. */
 
 byte full_;
 byte state[SIGNALS + 1];
@@ -101,12 +96,6 @@ byte sent;                          /* Signals written and not taken. */
 #else
 #define one_more(counter) counter++
 #define note_signal() sent++
-#endif
-
-#ifdef MORE_WRITERS_THAN_MOST_UNREAD
-#define few_writers true
-#else
-#define few_writers (writers < MOST_UNREAD)
 #endif
 
 /* Whoever writes to a full channel loses the byte. */
@@ -135,16 +124,18 @@ inline write_wake_up() {
     if
     :: many -> many = false
     :: else ->
-        atomic { unread++; writers++ }
+#ifdef COUNTED_BEFORE_WRITTEN
+        unread++;
         if
-        :: atomic { len(channel) < ROOM -> channel ! WAKE_UP; due++; writers-- }
-        :: len(channel) == ROOM && few_writers ->
-#ifndef UNREAD_STAYS
-            atomic { unread--; writers-- }
-#else
-            writers--
-#endif
+        :: atomic { len(channel) < ROOM -> channel ! WAKE_UP; due++ }
+        :: len(channel) == ROOM -> unread--
         fi
+#else
+        if
+        :: atomic { len(channel) < ROOM -> channel ! WAKE_UP; due++ } -> unread++
+        :: len(channel) == ROOM
+        fi
+#endif
     fi
 }
 #endif

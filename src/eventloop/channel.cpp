@@ -103,6 +103,8 @@ private:
 constexpr unsigned char kSignalBase = 'S';
 constexpr int kNameTries = 100;
 constexpr int kMostUnread = 1024;
+// Of a pass: more than the wake-ups that can be in front of a signal, and an end for a flood.
+constexpr int kMostReads = 4;
 static_assert(kMessageSize == 129 && kMessageSize <= PIPE_BUF, "a message is one atomic write");
 
 list_t* load_next(list_t& node) { return std::atomic_ref<list_t*>(node.next).load(); }
@@ -258,8 +260,8 @@ void write_wake_up(ReadAhead& ahead, int fd) {
         ahead.unwritten.fetch_add(1);
         if (ahead.unread.load() >= kMostUnread) return;
     }
-    ahead.unread.fetch_add(1, std::memory_order_relaxed);
-    if (write(fd, &kWakeUp, 1) != 1) ahead.unread.fetch_sub(1, std::memory_order_relaxed);
+    // Counted after the write: a write that fails leaves nothing to be read.
+    if (write(fd, &kWakeUp, 1) == 1) ahead.unread.fetch_add(1, std::memory_order_relaxed);
 }
 
 bool is_signal(unsigned char byte) {
@@ -370,7 +372,7 @@ void channel_send_signal(int sig, const siginfo_t& info) {
 
 void channel_read_ahead(event_loop_ctx_t& el_ctx) {
     ReadAhead& ahead = el_ctx.ahead;
-    while (!has_signal(ahead)) {
+    for (int reads = 0; reads < kMostReads && !has_signal(ahead); ++reads) {
         unsigned char* const room = el_ctx.signals + ahead.filled;
         const size_t wanted = sizeof el_ctx.signals - ahead.filled;
         const ssize_t got = read(el_ctx.pong_fd, room, wanted);
