@@ -126,11 +126,6 @@ PLAIN int* __errno_location() __THROW {
 // pthread_cancel() opens a library, and the loader keeps memory where LeakSanitizer doesn't look.
 const char* __lsan_default_suppressions() { return "leak:ld-linux"; }
 
-// A fork() takes contexts_mutex, then the locks of idle contexts. A handler of a running one holds
-// such a lock and may take contexts_mutex: a cycle for a tool that can't tell idle from running.
-const char* __tsan_default_suppressions();
-const char* __tsan_default_suppressions() { return "deadlock:before_fork"; }
-
 // What calloc() and realloc() of some C libraries call is neither counted nor made to fail.
 static __thread bool inside_allocator;
 

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
+#include <new>
 #include <utility>
 
 namespace tessra_test {
@@ -132,6 +133,7 @@ void run_isolated(const Step& body) {
 pid_t fork_process(const Step& body) {
     const pid_t pid = fork();
     if (pid != 0) return pid;
+    new (&steps_mutex) std::mutex;  // Another thread of the parent may have held it.
     alarm(kTimeLimitSeconds);
     body();
     syscall(SYS_exit_group, 0);  // Not through a sanitizer, which misses threads of the parent.
