@@ -8,11 +8,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
-#include <new>
 #include <utility>
 
 namespace tessra_test {
@@ -83,16 +82,15 @@ int driven_select(int nfds, fd_set* rset, fd_set* wset, fd_set* eset, timeval* t
     return ready;
 }
 
-std::mutex steps_mutex;
+// Who takes a step clears its flag first. No lock, which a child of fork() might find taken.
 Step steps_at[FAKE_CALLS];
+std::atomic<bool> has_step[FAKE_CALLS];
 
 void run_step_at(int call) {
+    if (!has_step[call].exchange(false)) return;
     Step step;
-    {
-        const std::lock_guard lock(steps_mutex);
-        step.swap(steps_at[call]);
-    }
-    if (step) step();
+    step.swap(steps_at[call]);
+    step();
 }
 
 }  // namespace
@@ -100,8 +98,10 @@ void run_step_at(int call) {
 std::string trace;
 
 void at_call(int call, Step step) {
-    const std::lock_guard lock(steps_mutex);
+    const bool any = step != nullptr;
+    has_step[call] = false;
     steps_at[call] = std::move(step);
+    has_step[call] = any;
     fakes.on_call = run_step_at;
 }
 
@@ -133,7 +133,6 @@ void run_isolated(const Step& body) {
 pid_t fork_process(const Step& body) {
     const pid_t pid = fork();
     if (pid != 0) return pid;
-    new (&steps_mutex) std::mutex;  // Another thread of the parent may have held it.
     alarm(kTimeLimitSeconds);
     body();
     syscall(SYS_exit_group, 0);  // Not through a sanitizer, which misses threads of the parent.
