@@ -65,9 +65,9 @@ unsigned int skip_name(const char* message, unsigned int at) {
     return begin + kPointerBytes;
 }
 
-// The offset behind the owner of the record at `at`; an offset without room for a record if there
-// is none here. Servers send a pointer. Whatever else the two bytes in its place hold, they are
-// taken for the owner, unless the bytes that follow them can only belong to a name:
+// The offset behind the owner of the record at `at`, or one without room for a record if there is
+// none here. Servers send a pointer. The owner is taken to be two bytes, whatever they are, unless
+// the bytes that follow can only belong to a name:
 //
 // - The root and names of one letter are followed by a type and class IN. Behind an owner of two
 //   bytes, the same bytes would be the ends of type and class, or of class and TTL.

@@ -77,8 +77,8 @@ void recursive_mutex_unlock(recursive_mutex* tounlock);
  *
  * Returns a string that the caller releases with free(). One newline at its end is taken off, no
  * more. A zero byte in the output is handed over as it is, and so ends the string for the caller.
- * What a read error cuts off is missing at the end; a handler without SA_RESTART that interrupts
- * the read on this thread is such an error.
+ * A read error cuts the output off without notice. A signal handler without SA_RESTART causes one
+ * if it interrupts the read on this thread.
  *
  * The exit status is dropped: a command that fails, or that doesn't exist, gives what it wrote, as
  * a rule the empty string. Standard error isn't captured. Returns NULL, with the reason in errno,

@@ -240,7 +240,9 @@ bool run_due_timers(event_loop_ctx_tp el_ctx, Milliseconds now, bool handler_ran
         pinned_walk<event_timer_t, FlagPins>(
             el_ctx->timer_queue, [](const event_timer_t*) { return true; }, fire_if_due);
         any_fired |= fired;
-    } while (fired && is_running_here(*el_ctx));
+        // What a child of fork() has by now is for its own loop to look at.
+        if (!is_running_here(*el_ctx)) return true;
+    } while (fired);
     see_first_locked(el_ctx);
     first.stale.clear();
     return any_fired;
