@@ -1,9 +1,9 @@
 // The event loop's records and what its files offer to one another.
 //
 // Lock order: eventlists_mutex of a context, then contexts_mutex, then timerlist_mutex or
-// processlist_mutex. disposition_mutex comes after eventlists_mutex, and no other
-// lock is taken under it. A start or an end of a loop holds none of these; it takes channel.cpp's
-// lock, and before it, for the loop's own thread, that of thread.cpp. fork() takes contexts_mutex,
+// processlist_mutex. disposition_mutex comes after eventlists_mutex, and no other lock is taken
+// under it. A start or an end of a loop holds none of these; it takes channel.cpp's lock, and
+// before it, for the loop's own thread, that of thread.cpp. fork() takes contexts_mutex,
 // channel.cpp's lock and the list locks of contexts that are idle.
 #ifndef TESSRA_EVENTLOOP_PRIVATE_H
 #define TESSRA_EVENTLOOP_PRIVATE_H
@@ -249,6 +249,8 @@ void channel_forget_parent();
 // fork.cpp
 // Registers the handlers that make fork() safe; false if there is no memory for them.
 bool register_fork_handlers();
+
+// channel.cpp again.
 // Holds a list's mutex for a change, and wakes the loop in the end. The byte is written once the
 // mutex is free, so that the loop doesn't wake only to wait for it: with one processor those are
 // two switches for nothing. The loop may see the change at once and end, and its owner free the

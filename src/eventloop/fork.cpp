@@ -84,7 +84,8 @@ void after_fork_in_child() {
 // Without a lock: a fork() that is under way doesn't run the handlers, and its child would find the
 // lock held.
 bool register_fork_handlers() {
-    if (handlers_registered.load() || handlers_registered.exchange(true)) return true;
+    if (handlers_registered.load(std::memory_order_relaxed)) return true;  // On each change's way.
+    if (handlers_registered.exchange(true)) return true;
     const ErrnoKeeper keep_errno;
     const bool done = pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child) == 0;
     if (!done) handlers_registered.store(false);

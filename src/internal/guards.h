@@ -8,8 +8,6 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include "tessra/misc.h"
-
 namespace tessra {
 
 // Base of all guards: what a guard holds has one owner.

@@ -1,5 +1,7 @@
 // What a shell command prints, and the device's variables, which tools print.
 
+#include "tessra/misc.h"
+
 #include <fcntl.h>
 
 #include <climits>

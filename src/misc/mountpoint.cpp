@@ -1,5 +1,7 @@
 // The table of mounted file systems.
 
+#include "tessra/misc.h"
+
 #include <fcntl.h>
 #include <mntent.h>
 
