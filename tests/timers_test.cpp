@@ -1,6 +1,7 @@
 // Deadlines, their order, clock jumps and the wait for them, all on a fake clock.
 #include <cerrno>
 #include <random>
+#include <span>
 
 #include "support/harness.h"
 #include "support/timer_model.h"
@@ -125,6 +126,27 @@ ISOLATED_TEST(Timers, PinLeftBehindBringsADeletedTimerBack) {
         EXPECT_EQ(first_fires ? 100000 : 200000, run.waits_us[0]);
         EXPECT_EQ(first_fires ? 100000 : 400000, run.waits_us[1]);
         EXPECT_EQ(first_fires ? "14" : "4", trace);
+        event_mc_free(context);
+    }
+}
+
+// The table by handler and argument is one block.
+ISOLATED_TEST(Timers, TableOfABurstStays) {
+    static char args[1000];
+    for (const size_t staying : {0, 10}) {
+        event_loop_ctx_tp context = event_mc_init();
+        const auto burst = std::span(args).subspan(staying);
+        for (char& one : std::span(args, staying))
+            event_timer_add_mc(context, note_timer, &one, 1000);
+        const long blocks = fakes.blocks;
+        for (char& one : burst) event_timer_add_mc(context, note_timer, &one, 1000);
+        EXPECT_EQ(blocks + std::ssize(burst) + 1, fakes.blocks);
+        for (char& one : burst) event_timer_del_mc(context, note_timer, &one);
+        drive(context, {[] {}});
+        EXPECT_EQ(blocks, fakes.blocks);
+        for (char& one : args) {
+            EXPECT_EQ(&one < burst.data(), event_timer_exists_mc(context, note_timer, &one));
+        }
         event_mc_free(context);
     }
 }

@@ -69,7 +69,7 @@ void make_table_locked(event_loop_ctx_tp el_ctx) {
     const unsigned int needed = static_cast<unsigned int>(watched.max_fd) + kWordBits;
     if (watched.slots - needed > kMostSpareSlots) {  // Wraps around where there are too few.
         drop_table(watched);
-        watched.by_fd = new_records<WatcherSlot>(needed);
+        watched.by_fd = static_cast<WatcherSlot*>(malloc(needed * sizeof(WatcherSlot)));
         if (watched.by_fd == nullptr) return;
         watched.slots = needed;
     }

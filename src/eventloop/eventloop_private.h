@@ -136,7 +136,7 @@ struct TimerIndex {
     list_t lanes[kTimerLanes];
     list_t* buckets;  // Null while timers are few, and if memory is short.
     unsigned int bucket_count;
-    unsigned int adds_to_check;  // Until the table is looked at again.
+    unsigned int count;  // Of the timers on the list.
     std::atomic<uint32_t> adds;
 };
 
@@ -189,7 +189,8 @@ struct event_timer_t {
     list_t bucket;  // Node among the timers with the same hash of handler and argument.
     int locked;
     int to_be_deleted;
-    unsigned int lanes;  // Nodes on express lanes follow the record.
+    unsigned int lanes;   // Nodes on express lanes follow the record.
+    unsigned int* count;  // That of its list.
 };
 
 struct event_fd_t {

@@ -105,11 +105,19 @@ void enter_bucket(TimerIndex& index, event_timer_t* timer) {
     }
 }
 
-void grow_table_locked(event_loop_ctx_tp el_ctx, unsigned int bucket_count) {
+// A bucket has two timers at most, on average, and a timer has eight buckets at most. The table stays
+// as it is if memory is short.
+void fit_table_locked(event_loop_ctx_tp el_ctx) {
     TimerIndex& index = el_ctx->timer_index;
+    const unsigned int count = index.count;
+    if (count > index.bucket_count ? count <= kFewTimers : index.bucket_count <= 8 * count) return;
     const ErrnoKeeper keep_errno;
-    auto* buckets = static_cast<list_t*>(new_block(bucket_count * sizeof(list_t)));
-    if (buckets == nullptr) return;
+    const unsigned int bucket_count = count > kFewTimers ? 2U << (31 - __builtin_clz(count)) : 0;
+    list_t* buckets = nullptr;
+    if (bucket_count != 0) {
+        buckets = static_cast<list_t*>(malloc(bucket_count * sizeof(list_t)));
+        if (buckets == nullptr) return;
+    }
     free(index.buckets);
     index.buckets = buckets;
     index.bucket_count = bucket_count;
@@ -120,25 +128,13 @@ void grow_table_locked(event_loop_ctx_tp el_ctx, unsigned int bucket_count) {
 #endif
 }
 
-// Every so many adds the timers are counted, and two in a bucket are enough. Nothing else counts
-// them, so that a timer can leave without knowing its context.
-void check_table_locked(event_loop_ctx_tp el_ctx) {
-    TimerIndex& index = el_ctx->timer_index;
-    if (index.adds_to_check-- != 0) return;
-    unsigned int count = 0;
-    list_t* node;
-    dll_foreach(node, &el_ctx->timer_queue) ++count;
-    const unsigned int doubled = index.bucket_count != 0 ? 2 * index.bucket_count : kFirstBuckets;
-    if (count > kFewTimers && count > index.bucket_count) grow_table_locked(el_ctx, doubled);
-    index.adds_to_check = count > kFewTimers ? count / 2 : kFewTimers / 2;
-}
-
-void start_index_locked(TimerIndex& index) {
+void start_index(TimerIndex& index) {
     for (list_t& lane : index.lanes) list_init(&lane);
-    index.adds_to_check = kFewTimers;
 }
 
-void see_first_locked(event_loop_ctx_tp el_ctx) {
+// After changes of the list, for the loop's thread.
+void look_over_locked(event_loop_ctx_tp el_ctx) {
+    fit_table_locked(el_ctx);
     list_t* const node = el_ctx->timer_queue.next;
     FirstTimer& first = el_ctx->first_timer;
     first.exists = node != &el_ctx->timer_queue;
@@ -172,12 +168,13 @@ bool timer_add(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg, Mil
     auto* timer =
         static_cast<event_timer_t*>(new_block(sizeof(event_timer_t) + lanes * sizeof(list_t)));
     if (timer == nullptr) return false;
-    *timer = {{}, handler, arg, event_get_time() + timeout, {}, 0, 0, lanes};
+    *timer = {{}, handler, arg, event_get_time() + timeout, {}, 0, 0, lanes, &index.count};
     const ChangeLock lock(el_ctx, el_ctx->timerlist_mutex);
-    if (index.lanes[0].next == nullptr) start_index_locked(index);
+    if (index.lanes[0].next == nullptr) start_index(index);
     enqueue_locked(el_ctx, timer);
     enter_bucket(index, timer);
-    check_table_locked(el_ctx);
+    ++index.count;
+    fit_table_locked(el_ctx);
     el_ctx->first_timer.stale.set();
     return true;
 }
@@ -185,6 +182,7 @@ bool timer_add(event_loop_ctx_tp el_ctx, timer_handler_t handler, void* arg, Mil
 void unlink_entry(event_timer_t* timer) {
     for (unsigned int lane = 0; lane <= timer->lanes; ++lane) list_delete(node_on(timer, lane));
     list_delete(&timer->bucket);
+    --*timer->count;
 }
 
 // The wait until the first deadline, in `timeout`, or null if there is no timer.
@@ -192,7 +190,7 @@ timeval* timer_timeout(event_loop_ctx_tp el_ctx, Milliseconds now, timeval& time
     const FirstTimer& first = el_ctx->first_timer;
     if (first.stale) {
         const ListLock lock(el_ctx->timerlist_mutex);
-        see_first_locked(el_ctx);
+        look_over_locked(el_ctx);
     }
     if (!first.exists) return nullptr;
     set_timeval(timeout, clamp_distance(static_cast<long long int>(first.deadline - now)));
@@ -205,7 +203,7 @@ void update_timers(event_loop_ctx_tp el_ctx, long long int tdiff) {
     dll_foreach(node, &el_ctx->timer_queue) {
         entry_of<event_timer_t>(node)->time += static_cast<Milliseconds>(tdiff);
     }
-    see_first_locked(el_ctx);
+    look_over_locked(el_ctx);
 }
 
 // The timer phase, at `now` unless a handler has run since. A handler runs with its timer off the
@@ -243,7 +241,7 @@ bool run_due_timers(event_loop_ctx_tp el_ctx, Milliseconds now, bool handler_ran
         // What a child of fork() has by now is for its own loop to look at.
         if (!is_running_here(*el_ctx)) return true;
     } while (fired);
-    see_first_locked(el_ctx);
+    look_over_locked(el_ctx);
     first.stale.clear();
     return any_fired;
 }
@@ -252,11 +250,7 @@ void event_timer_free(event_loop_ctx_tp el_ctx) {
     const ListLock lock(el_ctx->timerlist_mutex);
     free_all<event_timer_t>(el_ctx->timer_queue);
     el_ctx->first_timer.stale.set();
-    TimerIndex& index = el_ctx->timer_index;
-    free(index.buckets);
-    index.buckets = nullptr;
-    index.bucket_count = 0;
-    index.adds_to_check = kFewTimers;
+    fit_table_locked(el_ctx);
 }
 
 }  // namespace tessra
