@@ -40,6 +40,13 @@ struct Libev {
     }
     bool signal_started = false;
     void run() { ev_run(loop, 0); }
+    void change(bool writes) {
+        ev_io* watcher = &watchers.back()->watcher;
+        ev_io_stop(loop, watcher);
+        ev_io_set(watcher, watcher->fd, writes ? EV_READ | EV_WRITE : EV_READ);
+        ev_io_start(loop, watcher);
+    }
+    void pass(unsigned) { ev_run(loop, EVRUN_NOWAIT); }
     void stop() {
         if (signal_started) ev_signal_stop(loop, &signal_watcher.watcher);
         ev_break(loop, EVBREAK_ALL);

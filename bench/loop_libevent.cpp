@@ -52,6 +52,15 @@ struct Libevent {
             &(posted = hook), &now);
     }
     void run() { event_base_loop(base, EVLOOP_NO_EXIT_ON_EMPTY); }
+    void change(bool writes) {
+        Event* changed = events.back().get();
+        const int what = EV_READ | EV_PERSIST | (writes ? EV_WRITE : 0);
+        event_del(&changed->event);
+        event_assign(&changed->event, base, event_get_fd(&changed->event), static_cast<short>(what),
+                     on_event, &changed->hook);
+        event_add(&changed->event, nullptr);
+    }
+    void pass(unsigned) { event_base_loop(base, EVLOOP_NONBLOCK); }
     void stop() { event_base_loopbreak(base); }
     Hook posted{};
 

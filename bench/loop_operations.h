@@ -5,7 +5,12 @@
 //     run(), stop()              stop() from a hook
 //
 // and, if it can, struct Waker (Waker(peer, hook), wake() from any thread), signal(number, hook),
-// child(pid, hook), and post(hook) from any thread.
+// child(pid, hook), post(hook) from any thread, and
+//
+//     change(bool)               the descriptor watched last: for reading, or for writing as well
+//     pass(changes)              the passes that the loop makes after so many changes, none of which
+//                                waits
+//     inside(hook)               calls from where it allows pass(), if not anywhere
 #ifndef TESSRA_BENCH_LOOP_OPERATIONS_H
 #define TESSRA_BENCH_LOOP_OPERATIONS_H
 
@@ -148,6 +153,34 @@ struct Rearm {
     void fired() {
         if (!loop.next()) return peer.stop();
         timer.arm(peer, 0, hook<Rearm, &Rearm::fired>(this));
+    }
+};
+
+// Changes, and what the loop does for them afterwards.
+template <class Peer>
+struct Changes {
+    Loop& loop;
+    unsigned in_a_burst;
+    Peer peer{};
+    bool writes = false;
+    // The idle descriptors are one pipe's, so that 900 stay below the limit of the sets.
+    Changes(Loop& measured, unsigned idle, unsigned burst) : loop(measured), in_a_burst(burst) {
+        const Pipe pipe;
+        std::vector<int> fds(idle);
+        for (int& fd : fds) peer.watch(fd = dup(pipe.ends[0]), {nothing, nullptr});
+        if constexpr (requires { peer.inside(Hook{}); }) {
+            peer.inside(hook<Changes, &Changes::work>(this));
+        } else {
+            work();
+        }
+        for (const int fd : fds) close(fd);
+    }
+    void work() {
+        peer.pass(1);
+        loop.each([&] {
+            for (unsigned n = 0; n < in_a_burst; n++) peer.change(writes = !writes);
+            peer.pass(in_a_burst);
+        });
     }
 };
 
@@ -307,6 +340,14 @@ void add_loop(const std::string& name) {
             [](Loop& loop) { Inside<Peer>(loop, 1000); }, {1000, Clock::kCpu, 3});
         add("timer that re-arms itself", name, [](Loop& loop) { Rearm<Peer>{loop}; });
         add("start and end of a loop", name, start_and_end<Peer>);
+    }
+    if constexpr (requires(Peer peer) { peer.change(true); }) {
+        for (unsigned n : {8U, 100U, 400U, 900U}) {
+            add("change of a condition beside " + std::to_string(n) + " idle", name,
+                [n](Loop& loop) { Changes<Peer>(loop, n, 1); });
+        }
+        add("burst of 1000 changes beside 8 idle", name,
+            [](Loop& loop) { Changes<Peer>(loop, 8, 1000); }, {1000, Clock::kCpu, 3});
     }
     if constexpr (requires { typename Peer::Waker; }) {
         add("wake-up from another thread", name, wake_ups<Peer>, {1, Clock::kWall});

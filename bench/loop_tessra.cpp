@@ -18,8 +18,9 @@ struct Tessra {
 
     void watch(int fd, Hook hook) {
         hooks.push_back(std::make_unique<Hook>(hook));
-        event_fd_add_mc(ctx, on_fd, hooks.back().get(), fd, EVENT_FD_READ);
+        event_fd_add_mc(ctx, on_fd, hooks.back().get(), last_fd = fd, EVENT_FD_READ);
     }
+    int last_fd = -1;
     void signal(int number, Hook hook) {
         hooks.push_back(std::make_unique<Hook>(hook));
         event_signal_add_mc(ctx, on_signal, hooks.back().get(), number);
@@ -27,6 +28,25 @@ struct Tessra {
     void post(Hook hook) { event_timer_add_mc(ctx, hook.call, hook.arg, 0); }
     void run() { (void)et_event_loop_mc(ctx); }
     void stop() { cancel_loop_mc(ctx); }
+
+    // A delete and an add, each of which owes a pass.
+    void change(bool writes) {
+        const int type = writes ? EVENT_FD_READ | EVENT_FD_WRITE : EVENT_FD_READ;
+        event_fd_del_mc(ctx, last_fd);
+        event_fd_add_mc(ctx, on_fd, hooks.back().get(), last_fd, type);
+    }
+    void pass(unsigned changes) {
+        for (unsigned n = 0; n < 2 * changes; n++) (void)do_events_mc(ctx, 0);
+    }
+    void inside(Hook hook) {
+        struct Inside {
+            Tessra& peer;
+            Hook hook;
+            void call() { hook(), peer.stop(); }
+        } inside{*this, hook};
+        post(bench::hook<Inside, &Inside::call>(&inside));
+        run();
+    }
 
     struct Timer {
         Hook hook{};
