@@ -46,8 +46,9 @@ struct Bare {
     }
     void stop() { running = false; }
 
-    // What a change costs when each is two bytes and each byte a pass, however the watchers are
-    // kept: one look at the descriptor, the bytes, a wait for each, one read for all that are there.
+    // The calls of a change that is two bytes, each of which is a pass, however the watchers are
+    // kept: one look at the descriptor, the bytes, a wait for each, one read for all bytes that are
+    // there.
     void change(bool) {
         keep(fcntl(watchers.back().fd, F_GETFD));
         channel.put(), channel.put();

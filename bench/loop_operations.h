@@ -8,8 +8,7 @@
 // child(pid, hook), post(hook) from any thread, and
 //
 //     change(bool)               the descriptor watched last: for reading, or for writing as well
-//     pass(changes)              the passes that the loop makes after so many changes, none of which
-//                                waits
+//     pass(changes)              the passes that the loop makes after so many changes; none waits
 //     inside(hook)               calls from where it allows pass(), if not anywhere
 #ifndef TESSRA_BENCH_LOOP_OPERATIONS_H
 #define TESSRA_BENCH_LOOP_OPERATIONS_H

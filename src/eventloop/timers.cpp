@@ -105,8 +105,8 @@ void enter_bucket(TimerIndex& index, event_timer_t* timer) {
     }
 }
 
-// A bucket has two timers at most, on average, and a timer has eight buckets at most. The table stays
-// as it is if memory is short.
+// A bucket has two timers at most, on average, and a timer has eight buckets at most. The table
+// stays as it is if memory is short.
 void fit_table_locked(event_loop_ctx_tp el_ctx) {
     TimerIndex& index = el_ctx->timer_index;
     const unsigned int count = index.count;

@@ -50,8 +50,8 @@ static int on_child(int pid, void* arg, int status) { return (void)pid, (void)ar
         printf("%s\t%zu\t%zu\n", name, asked, taken); \
     } while (0)
 
-// Timers differ by their express lanes. Tables are made anew as they grow, and each is larger than all
-// else that is allocated meanwhile.
+// Timers differ by their express lanes. Tables are made anew as they grow, and each is larger than
+// all else that is allocated meanwhile.
 static void measure_many(void) {
     static char args[1000];
     size_t least = SIZE_MAX, least_taken = 0;
