@@ -1,4 +1,5 @@
-// Base64: four groups at a time by wide tables, and the rest one character at a time.
+// Base64. Both directions take four groups (12 bytes, 16 characters) at a time by tables. Then the
+// encoder takes the rest by group, the decoder by character.
 
 #include "tessra/base64.h"
 
@@ -20,14 +21,14 @@ namespace tessra {
 
 namespace {
 
-// In the decoder's table, behind the values 0 to 63.
+// Entries of the decoder's table for characters without a value from 0 to 63.
 constexpr uint8_t kPad = 254;
 constexpr uint8_t kInvalid = 255;
 constexpr uint8_t kPadCharacter = '=';
 
 constexpr size_t kStepBytes = 12;
 constexpr size_t kStepCharacters = 16;
-// In what decode_group() returns: the group isn't four characters of the alphabet.
+// decode_group() returns this bit if one of the four characters isn't in the alphabet.
 constexpr uint32_t kOddGroup = 0x80000000U;
 
 struct EncodeMap {
@@ -65,7 +66,8 @@ static_assert(base64_encode_map.character[63] == '/' && base64_decode_map.value[
 
 #if defined(__arm__) || defined(TESSRA_BASE64_SMALL_TABLES)
 
-// The device: 320 bytes of tables leave its first-level cache to the daemon, and shifts are free.
+// For the device. Tables of 320 bytes leave its first-level cache to the daemon, and on ARM a shift
+// needs no instruction of its own.
 static_assert(sizeof base64_encode_map + sizeof base64_decode_map <= 2048);
 
 inline void encode_group(uint32_t bits, uint8_t* out) {
@@ -80,7 +82,7 @@ inline uint32_t decode_group(const uint8_t* in) {
     const uint32_t b = base64_decode_map.value[in[1]];
     const uint32_t c = base64_decode_map.value[in[2]];
     const uint32_t d = base64_decode_map.value[in[3]];
-    // Both odd entries have the top bit of their byte, and no value has.
+    // Bit 7 is set in kPad and kInvalid, and clear in every value from 0 to 63.
     return a << 18 | b << 12 | c << 6 | d | ((a | b | c | d) & 0x80) << 24;
 }
 
@@ -103,7 +105,7 @@ constexpr EncodePairs make_encode_pairs() {
     return pairs;
 }
 
-// The values of each place in a group, shifted to where they belong.
+// One table for each place in a group, with the values shifted to the bits of that place.
 constexpr DecodeLanes make_decode_lanes() {
     DecodeLanes lanes = {};
     for (unsigned lane = 0; lane < 4; ++lane) {
@@ -149,7 +151,7 @@ inline void store_word(uint8_t* out, uint32_t word) {
     memcpy(out, &word, sizeof word);
 }
 
-// Three words are four groups.
+// Encodes three words of 32 bits, which are four groups of 24 bits.
 inline void encode_step(const uint8_t* in, uint8_t* out) {
     constexpr uint32_t kGroup = 0xffffff;
     const uint32_t a = load_word(in);
@@ -161,8 +163,8 @@ inline void encode_step(const uint8_t* in, uint8_t* out) {
     encode_group(c & kGroup, out + 12);
 }
 
-// Writes nothing if one of the groups is odd: how many bytes come before the fault is for the slow
-// way to find out.
+// If a character isn't in the alphabet, writes nothing and returns false. decode_rest() then
+// decodes the groups before that character.
 inline bool decode_step(const uint8_t* in, uint8_t* out) {
     const uint32_t a = decode_group(in);
     const uint32_t b = decode_group(in + 4);
@@ -175,7 +177,7 @@ inline bool decode_step(const uint8_t* in, uint8_t* out) {
     return true;
 }
 
-// The last one or two bytes; the bits that they lack are zero.
+// Encodes the last one or two bytes. The missing bits of their last character are zero.
 void encode_tail(const uint8_t* in, size_t count, uint8_t* out) {
     const auto first = static_cast<uint32_t>(in[0]) << 16;
     const auto second = count == 2 ? static_cast<uint32_t>(in[1]) << 8 : 0;
@@ -196,9 +198,10 @@ uint8_t* encode_all(const uint8_t* in, size_t left, uint8_t* out) {
     return out + 4;
 }
 
-// Decodes from a group's start, with every rule. Counts what it writes in written.
+// Decodes from the start of a group and checks every rule. Adds 1 to `written` for each byte.
 int decode_rest(const uint8_t* in, const uint8_t* end, uint8_t* out, size_t room, size_t& written) {
-    // Stays lowered behind a pad character, so that nothing can follow but another one.
+    // The number of bytes in a group. A pad character lowers it for the rest of the text, so that
+    // only another pad character may follow.
     unsigned yield = 3;
     unsigned count = 0;
     uint32_t group = 0;
@@ -223,7 +226,8 @@ int decode_rest(const uint8_t* in, const uint8_t* end, uint8_t* out, size_t room
     return count == 0 ? BASE64_OK : BASE64_INVALID_PACKET;
 }
 
-// Wraps around for what doesn't fit a size_t, and then it is less than inlen.
+// The room for the text and its terminator. If this doesn't fit a size_t, the result wraps around
+// to less than `inlen`.
 constexpr size_t encoded_space(size_t inlen) { return (inlen + 2) / 3 * 4 + 1; }
 
 constexpr size_t kLargestInput = (SIZE_MAX / 4 - (SIZE_MAX % 4 < 1)) * 3;
@@ -231,7 +235,7 @@ static_assert(encoded_space(kLargestInput) > kLargestInput);
 static_assert(encoded_space(kLargestInput + 1) < kLargestInput + 1);
 static_assert(encoded_space(SIZE_MAX) < SIZE_MAX && encoded_space(SIZE_MAX - 2) < SIZE_MAX - 2);
 
-// The top bit of each byte of `word` that equals `c`, if that is ASCII, and no other bit.
+// matches() returns the top bit of each byte of `word` that equals `c`, and no other bit.
 constexpr uintptr_t kEachByte = UINTPTR_MAX / 255;
 constexpr uintptr_t matches(uintptr_t word, char c) {
     const uintptr_t difference = word ^ kEachByte * static_cast<unsigned char>(c);
@@ -248,7 +252,8 @@ void replace_one(char& c, const char* from, const char* to) {
     }
 }
 
-// A word at a time, each byte by a mask, which costs no guess of what comes next.
+// Replaces a word at a time. Masks select the bytes, so there is no branch on the text that the
+// processor could mispredict.
 void replace(char* text, size_t length, const char* from, const char* to) {
     const auto first = static_cast<unsigned char>(from[0] ^ to[0]);
     const auto second = static_cast<unsigned char>(from[1] ^ to[1]);

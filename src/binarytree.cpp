@@ -1,9 +1,9 @@
-// The balanced tree. Whatever has a mirror image is written once and told its side.
+// The balanced tree. A function with a mirror image exists once and takes the side as an argument.
 //
-// The building blocks are exported under plain names. A program may well have a leftmost() of its
-// own, which then stands for ours wherever that is called by name. So nothing in here calls them:
-// they are shells around the private functions that do the work. They are weak, so that such a
-// program links with the archive.
+// The building blocks are exported under plain names. A program may have its own leftmost(), and
+// every call of that name then reaches the program's function. So no code in this file calls a
+// building block: each is a shell around a private function that does the work. They are weak, so
+// that such a program links with the archive.
 
 #include "tessra/binarytree.h"
 
@@ -43,11 +43,11 @@ constexpr Side kLeft = &Node::left;
 constexpr Side kRight = &Node::right;
 
 // True once the program has called a building block that changes links or heights. From then on any
-// tree may be out of balance, with wrong heights or root, when an operation begins.
+// tree may be out of balance, or have wrong heights or a wrong root, when an operation begins.
 constinit std::atomic<bool> changed_by_hand = false;
 
-// Called by those building blocks. Hands the node through, which keeps their code short. Relaxed,
-// since threads that share a tree synchronise in any case.
+// Those building blocks call this. It returns its argument, which keeps their code short. The store
+// is relaxed, since threads that share a tree synchronise in any case.
 Node* by_hand(Node* node) {
     changed_by_hand.store(true, std::memory_order_relaxed);
     return node;
@@ -65,7 +65,7 @@ void update_height(Node* node) {
 
 void* data_of(const Node* node) { return node != nullptr ? node->data : nullptr; }
 
-// In place, so that the side is no variable: -Os would make a call of it on the way of a removal.
+// Always inlined: -Os would make it a call in each removal, with `side` as a variable.
 [[gnu::always_inline]] inline Node* outermost(Node* node, Side side) {
     if (node == nullptr) return nullptr;
     while (node->*side != nullptr) node = node->*side;
@@ -74,8 +74,8 @@ void* data_of(const Node* node) { return node != nullptr ? node->data : nullptr;
 
 Node* last_of(const BinaryTree* tree) { return outermost(tree->root, kRight); }
 
-// The neighbour in walking order towards `side`: below if there is anything on that side, else the
-// first ancestor that isn't reached from it.
+// The neighbour in the order of the walk, towards `side`. If there is a child on that side, the
+// neighbour is in its subtree. Otherwise it is the first ancestor with the node on the other side.
 Node* neighbour(Node* node, Side side, Side opposite) {
     if (node == nullptr) return nullptr;
     if (node->*side != nullptr) return outermost(node->*side, opposite);
@@ -120,14 +120,15 @@ Node* rotate(Node* node, Side down, Side up) {
     return top;
 }
 
-// Raises the side `up`, too high by one, and first that side's own inner side if it is the higher.
+// Raises the side `up`, which is too high by one. If the inner side of that subtree is its higher
+// one, raises the inner side first.
 Node* raise(Node* node, Side down, Side up) {
     Node* high = node->*up;
     if (height_of(high->*down) > height_of(high->*up)) (void)rotate(high, up, down);
     return rotate(node, down, up);
 }
 
-// Balances a node whose subtrees are in order, and returns the top of what it was the top of.
+// Balances the tree below a node whose two subtrees are balanced. Returns its new top node.
 inline Node* balance(Node* node) {
     const int left = height_of(node->left);
     const int right = height_of(node->right);
@@ -139,8 +140,8 @@ inline Node* balance(Node* node) {
     return node;
 }
 
-// Where a height stays as it was, the nodes above see no change. The climb ends there, unless they
-// may have been wrong before.
+// Balances `node` and the nodes above it. If a height stays as it was, the nodes above need no
+// change and the climb stops. It goes on to the root if the program may have changed nodes by hand.
 void climb(BinaryTree* tree, Node* node) {
     for (;;) {
         Node* above = node->parent;
@@ -161,14 +162,15 @@ void swap(Node* a, Node* b) {
     b->data = kept.data;
 }
 
-// Where an entry sinks to from `node`; null from a leaf.
+// The node that the entry of `node` moves to on its way down; null for a leaf.
 [[gnu::always_inline]] inline Node* next_below(Node* node) {
     if (node->right != nullptr) return outermost(node->right, kLeft);
     if (node->left != nullptr) return outermost(node->left, kRight);
     return nullptr;
 }
 
-// Takes a leaf off its parent. By hand a program can make one that its parent doesn't have.
+// Unlinks a leaf from its parent. A leaf that the program has made by hand may have a parent
+// without a link to it.
 void unlink(const Node* leaf, Node* above) {
     if (above->left == leaf) {
         above->left = nullptr;
@@ -177,14 +179,14 @@ void unlink(const Node* leaf, Node* above) {
     }
 }
 
-// The entry sinks to a leaf. It changes places with a neighbour each time, so the order of the
-// others stays.
+// Moves the entry down to a leaf and removes the leaf. Each step swaps the entry with a neighbour,
+// so the order of the other entries stays.
 void delete_entry(BinaryTree* tree, Node* node) {
     for (Node* below; (below = next_below(node)) != nullptr; node = below) swap(node, below);
     remove_leaf(tree, node);
 }
 
-// What a snapshot has of an entry: a pair as it is handed out, or a slot of the array.
+// An entry in a snapshot: a pair of BT_pairs() or a slot of BT_toarray().
 struct Entry {
     void* key;
     void* data;
@@ -198,7 +200,7 @@ Entry* new_pair(const Node* node) {
     return pair;
 }
 
-// A list with one value of each node in walking order, or null.
+// Returns a list with one value for each node in the order of the walk, or null.
 LinkedList* snapshot(BinaryTree* tree, void* (*value_of)(Node*)) {
     LinkedList* list = LL_create();
     if (list == nullptr) return nullptr;
@@ -214,10 +216,11 @@ LinkedList* snapshot(BinaryTree* tree, void* (*value_of)(Node*)) {
     return list;
 }
 
-// The highest tree whose slots an unsigned int counts.
+// The greatest height of a tree whose slots an unsigned int can count.
 constexpr unsigned int kMaxHeight = sizeof(unsigned int) * CHAR_BIT;
 
-// The array is its own queue: until its turn comes, a node waits in the slot of its entry.
+// The array is also the queue of the nodes: a slot holds a node until the loop gets there and
+// replaces the node by its entry.
 Entry* new_array(const BinaryTree* tree, size_t slots) {
     if (tree->root->height > kMaxHeight) {
         errno = ENOMEM;
@@ -236,7 +239,7 @@ Entry* new_array(const BinaryTree* tree, size_t slots) {
     return array;
 }
 
-// Moves the cursor, and returns the data it arrives at.
+// Moves the cursor to the node; null means before the first. Returns the data there, or null.
 void* stand_on(BinaryTreeEnum* cursor, Node* node) {
     cursor->curnode = node;
     return data_of(node);
@@ -288,7 +291,7 @@ BinaryTree* BT_create(BTCompare comparisonfunction) {
     return tree;
 }
 
-// Children before their parents: down to a leaf, which goes, and on from the node above it.
+// Frees children before their parents: goes down to a leaf, frees it, and goes on from its parent.
 void BT_delete(BinaryTree* todelete) {
     Node* node = todelete->root;
     while (node != nullptr) {
@@ -338,7 +341,7 @@ BinaryTreeEnum* BT_newenum(BinaryTree* oftree) {
     return cursor;
 }
 
-// The end of the walk is not a place to stand on: the cursor waits on the last node for what comes.
+// At the end of the walk the cursor stays on the last node, so a later call finds new entries.
 void* BT_next(BinaryTreeEnum* btenum) {
     Node* current = btenum->curnode;
     Node* next = current != nullptr ? next_of(current) : first_of(btenum->tree);
@@ -361,7 +364,7 @@ LinkedList* BT_keys(BinaryTree* tree) {
     return snapshot(tree, [](Node* node) { return node->key; });
 }
 
-// Lists the nodes first and puts a pair in the place of each.
+// Lists the nodes first, then replaces each node in the list by its pair.
 LinkedList* BT_pairs(BinaryTree* tree) {
     LinkedList* list = snapshot(tree, [](Node* node) -> void* { return node; });
     if (list == nullptr) return nullptr;

@@ -1,4 +1,4 @@
-// What the tree offers to modules that stand on it and know their comparison.
+// The tree's interface for modules that use it with a comparison known at compile time.
 #ifndef TESSRA_BINARYTREE_PRIVATE_H
 #define TESSRA_BINARYTREE_PRIVATE_H
 
@@ -6,14 +6,14 @@
 
 namespace tessra {
 
-// The node where the search for a key ends, and how it compares: 0 if it has that key. Null on an
-// empty tree.
+// Returns the node where the search for a key ends, or null on an empty tree. `comparison` gets the
+// result of the last comparison: 0 if the node has the key, and also on an empty tree.
 template <class Compare>
 BinaryTreeNode* search_by(const BinaryTree* tree, void* key, int& comparison, Compare compare) {
     comparison = 0;
     BinaryTreeNode* node = tree->root;
     if (node == nullptr) return nullptr;
-    int latest;  // Not `comparison` itself, which would be stored each time.
+    int latest;  // A local variable: `comparison` would be stored in memory at each step.
     for (;;) {
         latest = compare(node->key, key);
         if (latest == 0) break;
@@ -25,18 +25,18 @@ BinaryTreeNode* search_by(const BinaryTree* tree, void* key, int& comparison, Co
     return node;
 }
 
-// leftmost() and inordernext().
+// The private functions behind leftmost() and inordernext().
 BinaryTreeNode* first_of(const BinaryTree* tree);
 BinaryTreeNode* next_of(BinaryTreeNode* node);
 
-// Makes a node the leaf of an entry where such a search has ended without finding its key. The rest
-// of the block behind it is the caller's.
+// Links a new leaf below `parent`, where such a search has ended without finding the leaf's key.
+// The heap block of the leaf may be larger than a node: the part behind the node is the caller's.
 void link_leaf(BinaryTree* tree, BinaryTreeNode* parent, int comparison, BinaryTreeNode* leaf);
 
-// The node whose entry takes the place of that in `node`, which leaves; null for a leaf.
+// The node whose entry replaces the entry of `node` when that is removed; null for a leaf.
 BinaryTreeNode* replacement_of(BinaryTreeNode* node);
 
-// Unlinks and frees a leaf whose entry has left.
+// Unlinks and frees a leaf whose entry was moved to another node or is to be removed.
 void remove_leaf(BinaryTree* tree, BinaryTreeNode* leaf);
 
 }  // namespace tessra

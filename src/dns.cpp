@@ -1,4 +1,4 @@
-// DNS messages: one query, and one walk over a reply that both parsers share.
+// DNS messages: the builder of a query, and one walk over a reply that both parsers share.
 
 #include "tessra/dns.h"
 
@@ -21,15 +21,16 @@ constexpr unsigned short kReplyCodeMask = 0x000F;
 static_assert(kHeaderBytes == 12 && alignof(dns_header_t) == 1, "laid over any buffer");
 static_assert(offsetof(dns_header_t, f) == 2 && offsetof(dns_header_t, answer_count) == 6);
 
-// RFC 1035, 2.3.4 and 4.2.2. The last one bounds every walk, since no call knows a buffer's end.
+// RFC 1035, 2.3.4 and 4.2.2. No parser knows the length of its buffer, so kMaxMessageBytes bounds
+// every walk.
 constexpr unsigned int kMaxLabelBytes = 63;
 constexpr unsigned int kMaxNameBytes = 255;
 constexpr unsigned int kMaxMessageBytes = 65535;
 
-constexpr unsigned int kPointer = 0xC0;  // Both bits set in a length byte: RFC 1035, 4.1.4.
+constexpr unsigned int kPointer = 0xC0;  // RFC 1035, 4.1.4: a length byte with both bits set.
 constexpr unsigned int kPointerBytes = 2;
 
-// What lies between the names of a message.
+// The fixed fields between the names of a message.
 constexpr unsigned int kQuestionTailBytes = 4;  // Type and class.
 constexpr unsigned int kRdlengthOffset = 8;     // Behind type, class and TTL.
 constexpr unsigned int kRecordHeaderBytes = 10;
@@ -38,11 +39,11 @@ constexpr unsigned int kTypeA = 1;
 constexpr unsigned int kTypeAaaa = 28;  // RFC 3596
 constexpr unsigned int kClassIn = 1;
 
-// Where an address of a reply goes.
+// Where the parser stores an address of a reply.
 struct Target {
     void* v4;
-    void* v6;             // Null passes AAAA over.
-    sa_family_t* family;  // Null if the caller knows it.
+    void* v6;             // Null to ignore AAAA records.
+    sa_family_t* family;  // Null if the caller knows the family.
 };
 
 unsigned int byte_at(const char* data) { return static_cast<unsigned char>(*data); }
@@ -52,7 +53,8 @@ dns_header_t& header_of(char* message) {
     return *static_cast<dns_header_t*>(bytes);
 }
 
-// The offset behind the name at `at`. If that is no name: behind the bytes of a pointer.
+// The offset behind the name at `at`. If no name is there, the offset two bytes further on, as
+// behind a pointer.
 unsigned int skip_name(const char* message, unsigned int at) {
     const unsigned int begin = at;
     while (at < kMaxMessageBytes && at - begin < kMaxNameBytes) {
@@ -65,13 +67,14 @@ unsigned int skip_name(const char* message, unsigned int at) {
     return begin + kPointerBytes;
 }
 
-// The offset behind the owner of the record at `at`, or one without room for a record if there is
-// none here. Servers send a pointer. The owner is taken to be two bytes, whatever they are, unless
-// the bytes that follow can only belong to a name:
+// The offset behind the owner of the record at `at`. If the message has no room for a record there,
+// it has none at the returned offset either. Servers send a pointer as the owner. Any two bytes
+// count as a pointer, unless the bytes behind them can only belong to a name:
 //
-// - The root and names of one letter are followed by a type and class IN. Behind an owner of two
-//   bytes, the same bytes would be the ends of type and class, or of class and TTL.
-// - In other names the two bytes in the place of a type are text, or the length of a label and
+// - A type and the class IN follow the root and names of one letter. Behind an owner of two bytes,
+//   the two bytes of that class would be the end of the type and the start of the class, or the end
+//   of the class and the start of the TTL. The class would then be 0 or above 255, not one in use.
+// - In other names, the two bytes in the place of a type are text, or the length of a label and
 //   text, or a pointer. Nearly all types in use are smaller numbers.
 unsigned int skip_owner(const char* message, unsigned int at) {
     if (at + 1 + kRecordHeaderBytes > kMaxMessageBytes) return kMaxMessageBytes;
@@ -90,7 +93,8 @@ bool all_zero(const char* data, unsigned int size) {
     return size == 0;
 }
 
-// Stores the address of the record whose data begins at `at`. True if it is a result.
+// Stores the address of the record whose data begins at `at`, if its type is wanted. Returns true
+// if the address is a result, which means not all zero.
 bool take_address(const char* message, unsigned int at, unsigned int type, const Target& target) {
     const bool is_v6 = type == kTypeAaaa;
     const unsigned int size = is_v6 ? sizeof(in6_addr) : sizeof(in_addr);
@@ -101,7 +105,7 @@ bool take_address(const char* message, unsigned int at, unsigned int type, const
     return !all_zero(message + at, size);
 }
 
-// Walks the answers from `at` on. The count in the header goes down with each.
+// Walks the answers from `at` on, and decrements answer_count in the header for each of them.
 int find_address(char* rep, unsigned int at, const Target& target) {
     dns_header_t& header = header_of(rep);
     while (header.answer_count-- != 0) {
@@ -116,8 +120,8 @@ int find_address(char* rep, unsigned int at, const Target& target) {
     return 0;
 }
 
-// The text of a name of `size` bytes, the zero at its end not counted. Behind its first length byte
-// a name is its text already, apart from the other length bytes, where the dots belong.
+// The text of a name of `size` bytes, not counting the zero at its end. The text is the name
+// without its first length byte, and with a dot in the place of each other length byte.
 char* text_of_name(const char* name, unsigned int size) {
     auto* text = static_cast<char*>(malloc(size != 0 ? size : 1));
     if (text == nullptr) return nullptr;
@@ -130,7 +134,7 @@ char* text_of_name(const char* name, unsigned int size) {
     return text;
 }
 
-// The public functions, whose names the program may have taken.
+// Private names of two public functions: a program may define its own under the public names.
 [[gnu::alias("string2name")]] int name_of_string(char* s, char* d);
 [[gnu::alias("name2string")]] char* string_of_name(char* p);
 
@@ -154,7 +158,7 @@ int parse_reply(char* rep, char** name, const Target& target) {
 
 using namespace tessra;
 
-// A label's length byte is left open until the label's end.
+// The length byte of a label is written when the end of the label is found.
 [[gnu::weak]] int string2name(char* s, char* d) {
     char* const begin = d;
     char* length = d++;
@@ -181,7 +185,8 @@ using namespace tessra;
 }
 
 int dns_build_request(char* req, char* name, int type, int clss, int trans) {
-    // Each dot turns into a length byte; the first label's and the zero at the end come on top.
+    // Each dot becomes a length byte. The length byte of the first label and the zero at the end
+    // take two bytes more.
     const bool fits = strlen(name) + 2 <= kRequestBytes - kHeaderBytes - kQuestionTailBytes;
     char* tail = req;
     if (fits) {

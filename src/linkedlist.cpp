@@ -25,7 +25,7 @@ static_assert(offsetof(LinkedListEnum, current) == 0 &&
                   sizeof(LinkedListEnum) == 2 * sizeof(void*),
               "ABI");
 
-// Moves the cursor, and returns the value it arrives at.
+// Moves the cursor to the element; null means before the first. Returns the value there, or null.
 void* stand_on(LinkedListEnum* cursor, LinkedListElement* element) {
     cursor->current = element;
     return element != nullptr ? element->value : nullptr;
@@ -41,7 +41,7 @@ LinkedList* LL_create(void) { return new_record<LinkedList>(); }
 
 void LL_push(LinkedList* onlist, void* topush) {
     auto* element = static_cast<LinkedListElement*>(new_block(sizeof(LinkedListElement)));
-    if (element == nullptr) return;  // errno tells.
+    if (element == nullptr) return;  // The caller reads errno.
     LinkedListElement* before = onlist->tail;
     *element = {topush, nullptr, before};
     (before != nullptr ? before->next : onlist->head) = element;
@@ -82,7 +82,7 @@ LinkedListEnum* LL_newenum(LinkedList* fromlist) {
     return cursor;
 }
 
-// The end of the walk is not a place to stand on: the cursor waits on the tail for what comes.
+// At the end of the walk the cursor stays on the tail, so a later call finds new elements.
 void* LL_next(LinkedListEnum* onenum) {
     LinkedListElement* current = onenum->current;
     LinkedListElement* next = current != nullptr ? current->next : onenum->oflist->head;

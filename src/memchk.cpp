@@ -1,7 +1,7 @@
-// The allocation tracker: live blocks by address, and a report on those that outlive an interval
-// between two dumps. Keys of all trees are bare numbers: addresses of blocks, of file names, lines.
-// What a dump has seen is an array of addresses in walking order: two ordered walks side by side
-// compare it with what is live.
+// The allocation tracker: a tree of the live blocks by address, and a report on the blocks that
+// have outlived the interval between two dumps. The keys of all trees are numbers: addresses of
+// blocks, addresses of file names, or line numbers. A dump stores the addresses of the live blocks
+// in an array, in the order of the walk. A later dump walks this array and the tree side by side.
 
 #include "tessra/memchk.h"
 
@@ -24,10 +24,10 @@ struct _allocation {
     unsigned int size;
     const char* file;
     unsigned int line;
-    unsigned int count;  // Of the report group that this record stands for, or kExcused.
+    unsigned int count;  // Size of the report group that this record represents, or kExcused.
 };
 
-// A node of allocation_tree and, behind it, the record that is its data: a block of the heap.
+// A heap block: a node of allocation_tree and, behind it, the record, which is the node's data.
 struct Live {
     BinaryTreeNode node;
     _allocation record;
@@ -36,19 +36,20 @@ static_assert(sizeof(void*) != 4 || sizeof(Live) == 44, "the header tells the co
 
 Live* live_of(BinaryTreeNode* node) { return reinterpret_cast<Live*>(node); }
 
-// The addresses of all blocks that were live at one time, highest first; a block of the heap.
+// The addresses of all blocks that were live at one dump, highest first, in a heap block.
 struct Snapshot {
     uintptr_t* addresses;
     size_t count;
 };
 
-// Goes through a snapshot beside a walk over the live blocks.
+// Reads a snapshot in step with a walk over the live blocks.
 class Beside {
 public:
     explicit Beside(const Snapshot& snapshot)
         : next_(snapshot.addresses), end_(snapshot.addresses + snapshot.count) {}
 
-    // True if the snapshot has the address, which is lower than that of the last call.
+    // Returns true if the snapshot has the address. Each call must pass a lower address than the
+    // call before.
     bool has(uintptr_t address) {
         while (next_ != end_ && *next_ > address) ++next_;
         return next_ != end_ && *next_ == address;
@@ -59,7 +60,8 @@ private:
     const uintptr_t* end_;
 };
 
-// Marks a block of the first dump for whose addresses there was no memory. No group is that large.
+// Marks the blocks of the first dump if there was no memory for their addresses. No group has so
+// many blocks.
 constexpr unsigned int kExcused = UINT_MAX;
 
 constexpr size_t kLineLimit = 254;
@@ -82,7 +84,7 @@ void* key_of(unsigned int line) { return std::bit_cast<void*>(uintptr_t{line}); 
 
 BinaryTree* new_tree() { return BT_create(compare_keys); }
 
-// False if memory is short, also for the tree that couldn't be made.
+// Returns false if memory is short, or if the tree is null because memory was short before.
 bool enter(BinaryTree* tree, void* key, void* data) {
     return tree != nullptr && BT_insert(tree, key, data) != -1;
 }
@@ -110,7 +112,7 @@ BinaryTreeNode* find_allocation(void* pointer, int& comparison) {
                      [](void* a, void* b) { return compare_keys(a, b); });
 }
 
-// The tree of the file's groups, made on first use; null if memory is short.
+// Returns the tree of the file's groups, which is made on first use; null if memory is short.
 BinaryTree* groups_of_file(BinaryTree* allocations_by_file, const char* file) {
     if (void* known = BT_find(allocations_by_file, key_of(file))) {
         return static_cast<BinaryTree*>(known);
@@ -122,7 +124,8 @@ BinaryTree* groups_of_file(BinaryTree* allocations_by_file, const char* file) {
     return nullptr;
 }
 
-// The first record of a group stands for it. False if memory is short: the record goes uncounted.
+// The first record of a group represents the group. Returns false if memory is short; then the
+// record isn't counted.
 bool count_record(BinaryTree* allocations_by_file, _allocation* record) {
     BinaryTree* allocations_by_line = groups_of_file(allocations_by_file, record->file);
     auto* first = static_cast<_allocation*>(BT_find(allocations_by_line, key_of(record->line)));
@@ -134,7 +137,7 @@ bool count_record(BinaryTree* allocations_by_file, _allocation* record) {
     return enter(allocations_by_line, key_of(record->line), record);
 }
 
-// Room for the addresses of all live blocks; none if memory is short.
+// Returns an array for the addresses of all live blocks, or a null array if memory is short.
 Snapshot new_snapshot() {
     const size_t count = allocation_tree != nullptr ? allocation_tree->itemcount : 0;
     if (count == 0) return {nullptr, 0};
@@ -142,8 +145,8 @@ Snapshot new_snapshot() {
     return {addresses, count};
 }
 
-// False if there was no room. Such a snapshot isn't taken: the old one stays, and what has come
-// since enters the next.
+// Returns false if `latest` has no array because memory was short. Then the old snapshot stays, and
+// the next dump notes the newer blocks.
 bool replace(Snapshot& old, const Snapshot& latest) {
     if (latest.addresses == nullptr && latest.count != 0) return false;
     free(old.addresses);
@@ -151,8 +154,8 @@ bool replace(Snapshot& old, const Snapshot& latest) {
     return true;
 }
 
-// One walk over the live blocks: groups what the report will list, and notes all addresses, if
-// there is room. False if memory is short and sites may be missing.
+// Walks once over the live blocks: groups those that the report will list, and stores all addresses
+// if `latest` has an array. Returns false if memory is short, so that call sites may be missing.
 bool group_survivors(BinaryTree* allocations_by_file, const Snapshot& latest) {
     bool complete = allocations_by_file != nullptr;
     Beside old(old_allocations), ignored(to_ignore);
@@ -168,7 +171,8 @@ bool group_survivors(BinaryTree* allocations_by_file, const Snapshot& latest) {
     return complete;
 }
 
-// Excuses every live block, by a mark in its record if there is no room for the addresses.
+// Excuses every live block from all reports: by its address in to_ignore or, if memory is short for
+// the addresses, by a mark in its record.
 bool excuse_all() {
     const Snapshot first = new_snapshot();
     uintptr_t* next = first.addresses;
@@ -189,7 +193,7 @@ void report_group(int log_level, pLog logfunc, const _allocation* record) {
     logfunc(log_level, const_cast<char*>("%s"), _logline);
 }
 
-// Reports the groups and gives their trees back.
+// Reports the groups and deletes their trees.
 void report(int log_level, pLog logfunc, BinaryTree* allocations_by_file) {
     for_each<BinaryTree>(allocations_by_file, [=](BinaryTree* allocations_by_line) {
         for_each<_allocation>(allocations_by_line, [=](const _allocation* record) {
@@ -200,7 +204,7 @@ void report(int log_level, pLog logfunc, BinaryTree* allocations_by_file) {
     delete_tree(allocations_by_file);
 }
 
-// Enters a copy that strdup() or its like has made, if it has.
+// Enters the copy that strdup() or strndup() has made, unless it is null.
 char* track_text(char* copy, const char* file, unsigned int line) {
     if (copy != nullptr) {
         add_allocation(copy, file, line, static_cast<unsigned int>(strlen(copy) + 1));
@@ -219,7 +223,7 @@ using namespace tessra;
 void add_allocation(void* pointer, const char* file, unsigned int line, unsigned int size) {
     if (pointer == nullptr) return;
     if (allocation_tree == nullptr) allocation_tree = new_tree();
-    if (allocation_tree == nullptr) return;  // errno tells.
+    if (allocation_tree == nullptr) return;  // The caller reads errno.
     int comparison;
     BinaryTreeNode* parent = find_allocation(pointer, comparison);
     if (parent != nullptr && comparison == 0) return;
@@ -229,8 +233,8 @@ void add_allocation(void* pointer, const char* file, unsigned int line, unsigned
     link_leaf(allocation_tree, parent, comparison, &live->node);
 }
 
-// As in the tree's own removal entries move between nodes. But a node's data stays the record
-// behind it, so the contents of that move.
+// Entries move between nodes, as in the tree's own removal. But a node's data must stay the record
+// behind the node, so the contents of the records move.
 void remove_allocation(void* pointer) {
     if (allocation_tree == nullptr) return;
     int comparison;
