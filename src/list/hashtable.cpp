@@ -1,4 +1,4 @@
-// The hash table core: an array of list heads in one block with their number.
+// The hash table core: a block that holds the number of buckets and an array of their list heads.
 
 #include <cstddef>
 #include <cstdint>
@@ -31,7 +31,8 @@ using namespace tessra;
 hashtable_t* hashtable_alloc(int elements) {
     constexpr size_t kHeads = offsetof(hashtable_t, hashlist);
     constexpr size_t kMostElements = (PTRDIFF_MAX - kHeads) / sizeof(hashlist_t);
-    // One bucket at least, for what looks for one. Beyond all limits if the number is negative.
+    // At least one bucket, since hashtable_get_bucket() always returns one. A negative number
+    // becomes a size_t above kMostElements.
     const auto count = static_cast<size_t>(elements != 0 ? elements : 1);
     if (count > kMostElements) {
         errno = ENOMEM;

@@ -1,4 +1,4 @@
-// What the table core offers to the tables that stand on it.
+// The hash table core's interface for the tables that are built on it.
 #ifndef TESSRA_LIST_HASHTABLE_PRIVATE_H
 #define TESSRA_LIST_HASHTABLE_PRIVATE_H
 
@@ -12,7 +12,8 @@
 
 namespace tessra {
 
-// The record that a node begins. Walks cast, and free() gets the node: that is one address.
+// Returns the record whose first member is the node. Node and record must have the same address,
+// since walks cast one to the other and free() gets the node.
 template <class Record>
 Record* record_of(list_t* node) {
     static_assert(std::is_standard_layout_v<Record> && offsetof(Record, list) == 0,
@@ -21,11 +22,11 @@ Record* record_of(list_t* node) {
     return reinterpret_cast<Record*>(node);
 }
 
-// strhash() and list_free_items().
+// Private names of strhash() and list_free_items().
 unsigned int hash_of(const char* text);
 void free_items(list_t* head, list_destructor_t destructor);
 
-// hashtable_iterate() with something callable.
+// hashtable_iterate() with a callable object, such as a lambda.
 template <class Record, class Visit>
 void for_each(hashtable_t* ht, Visit visit) {
     hashtable_iterate(
@@ -36,14 +37,14 @@ void for_each(hashtable_t* ht, Visit visit) {
         &visit);
 }
 
-// text_of() says where a record has its text.
+// text_of() returns the text of a record.
 template <class Record, const char* (*text_of)(const Record*)>
 bool has_text(const Record* entry, unsigned int hash, const char* text) {
     return entry->list.hash == hash && strcmp(text_of(entry), text) == 0;
 }
 
-// Shows visit() the entries whose text equals `text`, oldest first, until it returns false. It may
-// unlink the entry.
+// Calls visit() for each entry whose text equals `text`, oldest first, until visit() returns false.
+// visit() may unlink the entry.
 template <class Record, const char* (*text_of)(const Record*), class Visit>
 void for_each_match(hashtable_t* ht, const char* text, Visit visit) {
     const unsigned int hash = hash_of(text);

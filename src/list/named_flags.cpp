@@ -10,7 +10,7 @@ namespace {
 #pragma GCC diagnostic ignored "-Wpedantic"
 struct named_flag_t {
     hashlist_t list;
-    char name[];  // With its NUL; in this block, so that hashtable_free() needs no destructor.
+    char name[];  // NUL-terminated. In this block, so that hashtable_free() needs no destructor.
 };
 #pragma GCC diagnostic pop
 static_assert(offsetof(named_flag_t, name) == sizeof(hashlist_t));
@@ -41,7 +41,7 @@ void named_flag_set(hashtable_t* ht, const char* name) {
     if (named_flag_get_entry(ht, name) != nullptr) return;
     const size_t length = strlen(name) + 1;
     auto* flag = static_cast<named_flag_t*>(new_block(offsetof(named_flag_t, name) + length));
-    if (flag == nullptr) return;  // errno tells.
+    if (flag == nullptr) return;  // The caller reads errno.
     memcpy(flag->name, name, length);
     hashtable_put(ht, hash_of(name), &flag->list);
 }

@@ -13,7 +13,8 @@ const char* key_of(const string_hash_t* entry) { return entry->key; }
 
 string_hash_t* str_hashtable_get_entry(hashtable_t* ht, const char* key, int str_index) {
     if (ht == nullptr || key == nullptr || str_index < 0) return nullptr;
-    // Not for_each_match(), since most calls are look-ups and its visitor goes through memory.
+    // for_each_match() isn't used: its visitor would keep these variables in memory, and most calls
+    // are look-ups.
     const unsigned int hash = hash_of(key);
     list_t* bucket = hashtable_get_bucket(ht, hash);
     for (list_t* node = bucket->next; node != bucket; node = node->next) {
@@ -23,7 +24,7 @@ string_hash_t* str_hashtable_get_entry(hashtable_t* ht, const char* key, int str
     return nullptr;
 }
 
-// Ends an entry and hands out its value.
+// Frees an entry and its key. Returns its value.
 void* str_hash_free_and_value(string_hash_t* entry) {
     void* value = entry->value;
     free(entry->key);
@@ -100,13 +101,13 @@ void str_hashtable_values(hashtable_t* ht, list_t* list) {
         complete = complete && str_hashtable_value_collector(list, entry->value);
     });
     if (complete) return;
-    // A part of the values would pass for all of them.
+    // The caller would take a part of the values for all of them.
     free_items(list, nullptr);
     list_init(list);
     errno = ENOMEM;
 }
 
-// Rejected entries are kept until the walk is over: `key` may be the key block of one of them.
+// Rejected entries are freed only after the walk: `key` may be the key block of one of them.
 void str_hashtable_filter(hashtable_t* ht, const char* key, str_hashtable_filter_t filter,
                           void* arg) {
     if (ht == nullptr || filter == nullptr) return;

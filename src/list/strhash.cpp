@@ -1,4 +1,4 @@
-// lookup2, the string hash: three words that every block of 12 bytes is added to, and then mixed.
+// lookup2, the string hash. It adds each block of 12 bytes to three words and then mixes the words.
 
 #include <cstddef>
 #include <cstdint>
@@ -32,8 +32,9 @@ constexpr uint32_t byte_at(const char* byte, unsigned int place) {
     return uint32_t{static_cast<unsigned char>(*byte)} << 8 * place;
 }
 
-// Byte by byte: a string begins anywhere, and the result is the same on every machine. Written out,
-// since compilers make one load of that where they may. Always inlined: a call would cost as much.
+// Reads byte by byte, since a string may begin at any address and its hash must be the same on
+// every machine. The bytes are written out, since compilers turn this form into one load where the
+// machine allows it. Always inlined, since a call would cost as much as the work.
 [[gnu::always_inline]] constexpr uint32_t little_endian(const char* b) {
     return byte_at(b, 0) | byte_at(b + 1, 1) | byte_at(b + 2, 2) | byte_at(b + 3, 3);
 }
@@ -44,7 +45,7 @@ constexpr void add_block(Words& w, const char* b) {
     w.c += little_endian(b + 8);
 }
 
-// The last 0 to 11 bytes. The lowest one of c is for the length.
+// Adds the last 0 to 11 bytes. The lowest byte of c is reserved for the length.
 constexpr void add_tail(Words& w, const char* b, size_t rest) {
     switch (rest) {
         case 11:
@@ -86,7 +87,8 @@ constexpr void add_tail(Words& w, const char* b, size_t rest) {
     }
 }
 
-// One place to mix for blocks and tail, so that it is no call and the words stay in registers.
+// mix() is called at one place for blocks and tail, so that the compiler inlines it and keeps the
+// words in registers.
 constexpr uint32_t lookup2(const char* bytes, size_t length) {
     Words w = {0x9e3779b9, 0x9e3779b9, 0xdeadbeef};
     for (size_t rest = length;; rest -= kBlock, bytes += kBlock) {

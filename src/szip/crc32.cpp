@@ -11,8 +11,8 @@ namespace {
 
 constexpr uint32_t kPolynomial = 0xedb88320;  // Bit-reversed: x^31 is bit 0.
 
-// Bytes that one round takes, and KiB of tables. On the device 8 would save under 3 % of the
-// instructions, and take twice the place in a small cache.
+// The number of bytes that one round takes, and of KiB that the tables take. On the device, 8 would
+// save less than 3 % of the instructions and take twice the space in a small cache.
 #if defined(__arm__)
 constexpr size_t kStep = 4;
 #else
@@ -21,7 +21,7 @@ constexpr size_t kStep = 8;
 
 using Row = std::array<uint32_t, 256>;
 
-// Row k holds the effect of a byte that k more bytes follow.
+// Row k holds the effect of a byte on the CRC when k more bytes follow it.
 constexpr std::array<Row, kStep> make_rows() {
     std::array<Row, kStep> rows{};
     for (uint32_t byte = 0; byte < 256; byte++) {
@@ -56,7 +56,7 @@ constexpr uint32_t check_value() {
 }
 static_assert(check_value() == 0xcbf43926, "the published check value of this CRC");
 
-// p is aligned to 4 bytes. Without telling so, ARMv5 would get four byte loads.
+// p must be aligned to 4 bytes. Unless the compiler knows this, it loads byte by byte on ARMv5.
 uint32_t load_le32(const uint8_t* p) {
     uint32_t word;
     memcpy(&word, __builtin_assume_aligned(p, alignof(uint32_t)), sizeof word);
@@ -66,7 +66,7 @@ uint32_t load_le32(const uint8_t* p) {
     return word;
 }
 
-// The effect of four bytes that kBehind more follow.
+// The effect of four bytes when kBehind more bytes follow them.
 template <size_t kBehind>
 uint32_t add_word(uint32_t word) {
     return kRows[kBehind + 3][word & 0xff] ^ kRows[kBehind + 2][word >> 8 & 0xff] ^

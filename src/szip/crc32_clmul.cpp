@@ -1,6 +1,6 @@
 // CRC-32 by carry-less multiplication: V. Gopal et al., "Fast CRC Computation for Generic
-// Polynomials Using PCLMULQDQ Instruction", Intel, 2009; the constants are those of its reflected
-// form for this polynomial.
+// Polynomials Using PCLMULQDQ Instruction", Intel, 2009. The constants are those of the reflected
+// form of this method for this polynomial.
 #include "szip/crc32.h"
 
 #if defined(__x86_64__)
@@ -18,14 +18,16 @@ TESSRA_CLMUL __m128i load(const uint8_t* p) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
 }
 
-// Moves what x stands for past the distance of the constants k, and adds next there.
+// Replaces x by a block at the place of next with the same effect on the CRC, and adds next. The
+// constants k are those of the distance between the two places.
 TESSRA_CLMUL __m128i fold(__m128i x, __m128i k, __m128i next) {
     const __m128i low = _mm_clmulepi64_si128(x, k, 0x00);
     const __m128i high = _mm_clmulepi64_si128(x, k, 0x11);
     return _mm_xor_si128(_mm_xor_si128(low, high), next);
 }
 
-// Adds the blocks of 16 bytes behind x and reduces it: 128 bits to 64, then Barrett's way to 32.
+// Folds x into the blocks of 16 bytes behind it. Then reduces the result from 128 bits to 64, and
+// by Barrett's method to 32.
 TESSRA_CLMUL uint32_t finish(__m128i x, const uint8_t* p, size_t size) {
     const __m128i by_128 = _mm_set_epi64x(0x0ccaa009e, 0x1751997d0);
     const __m128i by_64 = _mm_set_epi64x(0, 0x163cd6124);
@@ -52,7 +54,7 @@ TESSRA_WIDE __m256i fold_pair(__m256i x, __m256i k, __m256i next) {
     return _mm256_xor_si256(_mm256_xor_si256(low, high), next);
 }
 
-// Both halves of a pair, as one block at the place of the second.
+// Folds the first half of a pair into the second. The result is a block at the second half's place.
 TESSRA_WIDE __m128i join(__m256i pair) {
     const __m128i by_128 = _mm_set_epi64x(0x0ccaa009e, 0x1751997d0);
     return fold(_mm256_castsi256_si128(pair), by_128, _mm256_extracti128_si256(pair, 1));
@@ -80,8 +82,8 @@ TESSRA_WIDE uint32_t crc32_by_wide_clmul(uint32_t state, const uint8_t* p, size_
     }
     for (size_t n = 1; n < 4; n++) x[n] = fold_pair(x[n - 1], by_256, x[n]);
     const __m128i rest = join(x[3]);
-    // Not left to the compiler, which forgets it before a tail call: with the upper halves in use
-    // the caller's SSE code would be several times slower from here on.
+    // The compiler omits this before a tail call. But as long as the upper halves of the vector
+    // registers are in use, the caller's SSE code is several times slower.
     _mm256_zeroupper();
     return finish(rest, p, size);
 }

@@ -1,4 +1,4 @@
-// Planning: from a list of paths to names, sizes and offsets. Nothing is written yet.
+// Planning turns a list of paths into names, sizes and offsets. It writes nothing.
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
@@ -16,10 +16,11 @@ constexpr size_t kPathBuffer = 4096;
 constexpr size_t kEntryAlignment = 16;
 static_assert(alignof(szip_upi_t) <= kEntryAlignment);
 
-// The longest archive. The sum of two such numbers and the size of some records can't wrap around.
+// The length of the longest archive, in bytes.
 constexpr uint64_t kMaxArchive = INT64_MAX;
 
-// Builds a path in a buffer, or notes that it doesn't fit: a path cut short would be another file.
+// Builds a path in a buffer. fits() returns false if the path is too long for the buffer, since a
+// path that is cut would name another file.
 class PathBuilder {
 public:
     explicit PathBuilder(char* buf) : buf_(buf) { clear(); }
@@ -63,7 +64,7 @@ bool szip_util_abs_path(const char* file, const char* base, PathBuilder& path) {
     return path.fits();
 }
 
-// The part of abs below base, or null if abs doesn't lie there.
+// Returns the part of abs below base, or null if abs isn't there.
 char* szip_util_relative(char* abs, const char* base) {
     char* p = abs + (abs[0] == '/');
     const char* b = base + (base[0] == '/');
@@ -90,7 +91,7 @@ char* strdup_append(const char* str, const char* suffix) {
     return joined;
 }
 
-// Plan and entries in one zeroed block.
+// Returns the plan and its entries in one zeroed block, or null.
 szip_info_t* new_plan(unsigned int numfiles) {
     size_t size;
     if (__builtin_mul_overflow(size_t{numfiles}, sizeof(szip_upi_t), &size) ||
@@ -113,7 +114,7 @@ bool fail(int error) {
     return false;
 }
 
-// Fills an entry except for its offset. What it allocates is the plan's, also if it fails.
+// Fills an entry except for its offset. The plan owns what this allocates, even after a failure.
 bool plan_entry(const char* path, const PathBuilder& builder, const char* zbase, szip_upi_t* upi) {
     struct stat st;
     if (stat(path, &st) != 0) {
@@ -138,7 +139,7 @@ bool plan_entries(szip_info_t* info, const char** files, const char* base, const
     auto* text = static_cast<char*>(buf.get());
     PathBuilder path(text);
     uint64_t offset = 0;
-    uint64_t length = kZip64End;  // Of an archive of the entries so far.
+    uint64_t length = kZip64End;  // The length of a ZIP64 archive of the entries so far.
     for (unsigned int i = 0; i < info->count; i++) {
         szip_upi_t* upi = &info->upi[i];
         if (files[i] == nullptr) {
@@ -171,7 +172,7 @@ void choose_mode(szip_info_t* info) {
         info->zip64 = 1;
         return;
     }
-    // The offsets were counted as in ZIP64 mode.
+    // plan_entries() has computed the offsets for ZIP64 mode.
     for (unsigned int i = 0; i < info->count; i++) {
         info->upi[i].local_offset -= uint64_t{kPlainSaving} * i;
     }

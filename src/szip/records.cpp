@@ -8,7 +8,7 @@ namespace {
 
 constexpr uint16_t kVersionPlain = 20;
 constexpr uint16_t kVersionZip64 = 45;
-constexpr uint16_t kSizesFollowData = 8;  // The only general purpose flag: bit 3.
+constexpr uint16_t kSizesFollowData = 8;  // Bit 3, the only general purpose flag that is set.
 constexpr uint16_t kStored = 0;
 constexpr uint16_t kZip64Extra = 1;
 constexpr uint16_t kMarker16 = 0xffff;
@@ -47,8 +47,8 @@ static_assert(kPlainSaving ==
               sizeof(szip_extra_local_t) + sizeof(szip_data64_desc_t) - sizeof(szip_data32_desc_t));
 static_assert(kPlainSaving == sizeof(szip_extra_central_t));
 
-// Both fields of an MS-DOS time stamp, in local time. Years before 1980 turn into 1980, those that
-// can't be computed at all into its first day.
+// Both fields of an MS-DOS time stamp, in local time. A year before 1980 becomes 1980. A time that
+// localtime_r() can't convert becomes the first day of 1980.
 struct MsdosStamp {
     uint16_t time;
     uint16_t date;
@@ -85,7 +85,7 @@ unsigned int fill_descriptor(const szip_upi_t* upi, Descriptor* descriptor) {
 
 uint64_t central_size(szip_info_t* info) { return szip_calc_size(info, 1); }
 
-// Nothing counts the bytes of a stream: the plan's last entry tells where the directory begins.
+// A stream doesn't count its bytes, so the start of the directory is computed from the last entry.
 uint64_t central_offset(const szip_info_t* info) {
     const szip_upi_t* last = &info->upi[info->count - 1];
     const uint64_t fixed = info->zip64 ? kLocalFixed : kLocalFixed - kPlainSaving;

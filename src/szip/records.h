@@ -1,6 +1,7 @@
-// The records of a ZIP archive, byte for byte as APPNOTE.TXT lays them out, and their builders.
+// The records of a ZIP archive, byte for byte as APPNOTE.TXT defines them, and their builders.
 //
-// Each builder sets every field of the record, allocates nothing and can't fail.
+// Each builder sets every field of the record and can't fail. None allocates memory, except that
+// the C library may do so for the time zone in the first localtime_r().
 #ifndef TESSRA_SZIP_RECORDS_H
 #define TESSRA_SZIP_RECORDS_H
 
@@ -32,7 +33,7 @@ using Le16 = LittleEndian<uint16_t>;
 using Le32 = LittleEndian<uint32_t>;
 using Le64 = LittleEndian<uint64_t>;
 
-// The entry's name and, in ZIP64 mode, the extra field follow.
+// The entry's name follows this record, then in ZIP64 mode the extra field.
 struct szip_local_header_t {
     Le32 signature;
     Le16 version_needed;
@@ -49,7 +50,7 @@ struct szip_local_header_t {
 
 struct szip_extra_header_t {
     Le16 id;
-    Le16 size;  // Of what follows this header.
+    Le16 size;  // Number of bytes after this header.
 };
 
 struct szip_64_extra_local_t {
@@ -111,7 +112,7 @@ struct szip_extra_central_t {
 
 struct szip_64_central_end_header_t {
     Le32 signature;
-    Le64 size;  // Of what follows this field.
+    Le64 size;  // Number of bytes after this field.
     Le16 version_made;
     Le16 version_needed;
     Le32 disk_nr;
@@ -125,7 +126,7 @@ struct szip_64_central_end_header_t {
 struct szip_64_central_end_locator_t {
     Le32 signature;
     Le32 central_disk;
-    Le64 central_offset;  // Of the ZIP64 end record.
+    Le64 central_offset;  // Offset of the ZIP64 end record.
     Le32 num_disks;
 };
 
@@ -140,7 +141,7 @@ struct szip_central_end_header_t {
     Le16 comment_len;
 };
 
-// Sizes of an entry's fixed parts, ZIP64 forms, and of what stands behind the central directory.
+// Sizes of an entry's fixed parts in ZIP64 form, and of the records behind the central directory.
 inline constexpr unsigned int kLocalFixed =
     sizeof(szip_local_header_t) + sizeof(szip_extra_local_t) + sizeof(szip_data64_desc_t);
 inline constexpr unsigned int kCentralFixed =
@@ -153,7 +154,7 @@ void szip_create_local_header(const szip_info_t* info, const szip_upi_t* upi,
                               szip_local_header_t* lh);
 void szip_create_local_extra(szip_extra_local_t* elh);
 
-// Returns how many bytes of dd are to be sent: 16, in ZIP64 mode 24.
+// Returns the number of bytes of dd to send: 16, or 24 in ZIP64 mode.
 unsigned int szip_create_data_desc(const szip_info_t* info, const szip_upi_t* upi,
                                    szip_data_desc_t* dd);
 

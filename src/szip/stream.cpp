@@ -1,4 +1,4 @@
-// Streaming: the bytes of a planned archive, strictly forward.
+// Streaming writes the bytes of a planned archive, strictly forward.
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
@@ -15,7 +15,7 @@ namespace tessra {
 
 namespace {
 
-// Where the bytes go.
+// Passes bytes to the caller's write function.
 class Sink {
 public:
     Sink(szip_write_func write, void* arg) : write_(write), arg_(arg) {}
@@ -38,15 +38,16 @@ ssize_t read_some(int fd, void* buf, size_t count) {
     return got;
 }
 
-// O_NONBLOCK keeps a FIFO that took a file's place from holding us up. To a file it means nothing,
-// unless another process holds a lease on it, which has to be waited for.
+// If a FIFO has replaced a file, O_NONBLOCK lets open() return without waiting for a writer. The
+// flag has no effect on a file, unless another process holds a lease on it: open() then fails with
+// EWOULDBLOCK, and the second open() waits for the end of the lease.
 int open_to_read(const char* path) {
     const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     return fd < 0 && errno == EWOULDBLOCK ? open(path, O_RDONLY | O_CLOEXEC) : fd;
 }
 
-// Completes the data of a file that has shrunk, so that the entry keeps its planned length. The
-// archive is lost anyway, so nothing depends on what becomes of these writes.
+// Adds zeros to the data of a file that has shrunk, so that the entry keeps its planned length. The
+// archive is useless anyway, so the results of these writes don't matter.
 void fill_up(uint64_t left, void* buf, size_t chunk_size, const Sink& sink) {
     memset(buf, 0, chunk_size);
     while (left != 0) {

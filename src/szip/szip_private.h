@@ -11,10 +11,10 @@
 // One entry.
 struct szip_upi_t {
     char* abs;               // Full path, owned by the plan; a directory's ends in '/'.
-    char* rel;               // Name in the archive: the end of abs, never empty.
-    u_int64_t local_offset;  // Of the local header, from the start of the archive.
-    u_int64_t size;          // Bytes of data promised.
-    u_int32_t crc32;         // Of the data, noted by each stream.
+    char* rel;               // Name in the archive: the last part of abs, never empty.
+    u_int64_t local_offset;  // Offset of the local header from the start of the archive.
+    u_int64_t size;          // Planned number of bytes of data.
+    u_int32_t crc32;         // CRC-32 of the data, set by each stream.
     time_t time;             // Modification time.
 };
 
@@ -22,7 +22,7 @@ struct szip_upi_t {
 struct szip_info {
     szip_upi_t* upi;
     unsigned int count;  // At least 1.
-    u_int8_t zip64;      // 1: all records in their ZIP64 form.
+    u_int8_t zip64;      // 1 if all records have their ZIP64 form, else 0.
 };
 
 namespace tessra {
@@ -30,7 +30,8 @@ namespace tessra {
 inline constexpr uint16_t kMaxCount16 = 0xffff;
 inline constexpr uint64_t kMax32 = 0xffffffff;
 
-// What an entry of a plain archive is shorter by, in its local and in its central part.
+// The number of bytes by which an entry of a plain archive is shorter than one of a ZIP64 archive:
+// in its local part, and again in its central part.
 inline constexpr unsigned int kPlainSaving = 28;
 
 inline bool exceeds_32_bits(uint64_t value) { return value > kMax32; }
