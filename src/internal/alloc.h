@@ -1,4 +1,5 @@
-// Memory for plain records, which one free() ends; null and errno ENOMEM if there is none.
+// Memory for plain records, which free() releases. If memory is short, these functions return null
+// and set errno to ENOMEM.
 #ifndef TESSRA_INTERNAL_ALLOC_H
 #define TESSRA_INTERNAL_ALLOC_H
 
@@ -10,28 +11,28 @@
 
 namespace tessra {
 
-// Keeps what an allocation does to errno to what is documented: ENOMEM if it failed, else nothing.
-// The C library may leave the error of a first attempt in it, and some callers have no other
-// result.
+// Sets errno as documented: to ENOMEM after a failure, otherwise to its value before the
+// allocation. The C library may leave the error of a first attempt in errno, and errno is the only
+// result that some callers have.
 inline void* with_errno(void* block, int before) {
     errno = block != nullptr ? before : ENOMEM;
     return block;
 }
 
-// A block of `size` bytes that aren't set, or null. In place, since -Os would make a call of it on
-// the way of each insertion; so is new_leaf().
+// Returns a block of `size` uninitialised bytes, or null. Always inlined, as new_leaf() is: -Os
+// would make it a call in each insertion.
 [[gnu::always_inline]] inline void* new_block(size_t size) {
     const int before = errno;
     return with_errno(malloc(size), before);
 }
 
-// A zeroed block, or null.
+// Returns a zeroed block, or null.
 inline void* zeroed_block(size_t count, size_t size) {
     const int before = errno;
     return with_errno(calloc(count, size), before);
 }
 
-// An array of `count` zeroed records, or null, also if its size can't be told.
+// Returns an array of `count` zeroed records, or null if memory is short or the size overflows.
 template <class Record>
 Record* new_records(size_t count) {
     static_assert(std::is_trivially_default_constructible_v<Record> &&

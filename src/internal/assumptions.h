@@ -1,4 +1,4 @@
-// What the library takes for granted of the platform, checked when it is compiled.
+// The library's assumptions about the platform, checked at compile time.
 #ifndef TESSRA_INTERNAL_ASSUMPTIONS_H
 #define TESSRA_INTERNAL_ASSUMPTIONS_H
 
@@ -17,9 +17,9 @@ static_assert(CLOCK_MONOTONIC_RAW == 4, "the loop's clock");
 static_assert(SIGCHLD == 17 && SA_SIGINFO == 0x4 && SA_RESTART == 0x10000000,
               "the signal numbers and flags of ARM and x86");
 
-// The signal catcher and the wake-up use atomics where a lock would deadlock. No libatomic is there
-// to help. ARM before version 6 has no instructions for them: the compiler then promises nothing,
-// but calls what the kernel offers to every process, which takes no lock either.
+// The signal catcher and the wake-up use atomics where a lock would deadlock. The library doesn't
+// link libatomic. ARM before version 6 has no instructions for atomics, so the compiler promises
+// nothing there. But it calls helpers that the kernel gives every process, which take no lock.
 #if !defined(__ARM_ARCH) || __ARM_ARCH >= 6
 static_assert(std::atomic<int>::is_always_lock_free);
 static_assert(std::atomic<unsigned char>::is_always_lock_free);

@@ -1,4 +1,4 @@
-// Scope guards: each takes one thing and gives it back at the end of the block.
+// Scope guards: each acquires one resource and releases it at the end of the scope.
 #ifndef TESSRA_INTERNAL_GUARDS_H
 #define TESSRA_INTERNAL_GUARDS_H
 
@@ -10,7 +10,7 @@
 
 namespace tessra {
 
-// Base of all guards: what a guard holds has one owner.
+// Base of all guards: each resource has one owner.
 class NotCopyable {
 public:
     NotCopyable(const NotCopyable&) = delete;
@@ -21,7 +21,7 @@ protected:
     ~NotCopyable() = default;
 };
 
-// Holds a plain mutex. Locking a valid default mutex can't fail, so the results say nothing.
+// Holds a plain mutex. Locking a valid default mutex can't fail, so the results are ignored.
 class MutexLock : NotCopyable {
 public:
     explicit MutexLock(pthread_mutex_t& mutex) : mutex_(mutex) {
@@ -33,7 +33,7 @@ private:
     pthread_mutex_t& mutex_;
 };
 
-// Defers pthread_cancel() of the calling thread: a cancelled thread unwinds no guard of ours.
+// Defers the cancellation of the calling thread: a cancelled thread runs no destructor of a guard.
 class CancelDisabled : NotCopyable {
 public:
     CancelDisabled() { (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
@@ -43,7 +43,7 @@ private:
     int before_;
 };
 
-// Keeps errno as it was: for code that runs in signal context or beside a result.
+// Restores errno at the end: for signal handlers, and for code that must not hide an earlier error.
 class ErrnoKeeper : NotCopyable {
 public:
     ErrnoKeeper() : saved_(errno) {}
@@ -53,7 +53,7 @@ private:
     int saved_;
 };
 
-// Owns a block of the heap; false if there was none.
+// Owns a block of the heap. It converts to false if the allocation has failed.
 class HeapBlock : NotCopyable {
 public:
     explicit HeapBlock(size_t size) : block_(malloc(size)) {}
@@ -69,7 +69,7 @@ private:
     void* block_;
 };
 
-// Owns a descriptor; false if there is none.
+// Owns a descriptor. It converts to false if the descriptor is negative.
 class UniqueFd : NotCopyable {
 public:
     explicit UniqueFd(int fd) : fd_(fd) {}
@@ -87,7 +87,7 @@ private:
     int fd_;
 };
 
-// Blocks every signal for the calling thread, if the system lets it.
+// Blocks every signal for the calling thread, if pthread_sigmask() succeeds.
 class AllSignalsBlocked : NotCopyable {
 public:
     AllSignalsBlocked() {

@@ -1,4 +1,4 @@
-// What a shell command prints, and the device's variables, which tools print.
+// The output of shell commands, and the device's variables, which two of its tools print.
 
 #include "tessra/misc.h"
 
@@ -16,10 +16,10 @@ namespace tessra {
 
 namespace {
 
-// Of the command text, and of each step of the output.
+// The size of the command text's buffer, and of each step in which the output is read.
 constexpr size_t kBlockSize = 1024;
 
-// A block of the heap. Keeps errno at its end: it tells the caller what has failed before.
+// A block of the heap. Its destructor doesn't change errno, which the caller reads after a failure.
 class Block : NotCopyable {
 public:
     Block() : bytes_(static_cast<char*>(calloc(kBlockSize, 1))) {}
@@ -45,7 +45,7 @@ private:
     char* bytes_;
 };
 
-// The standard output of a shell command, which has ended when this has.
+// The standard output of a shell command. The destructor waits until the shell has terminated.
 class Command : NotCopyable {
 public:
     explicit Command(const char* text) : stream_(popen(text, "r")) {  // NOLINT(cert-env33-c)
@@ -63,7 +63,8 @@ private:
     FILE* stream_;
 };
 
-// Leaves the block larger than the output, with room for a terminator; false without memory.
+// Reads the whole output. The block is then larger than the output, so that a terminator fits.
+// Returns false if memory is short.
 bool read_all(const Command& command, Block& block, size_t& length) {
     length = 0;
     for (size_t size = kBlockSize;; size += kBlockSize) {
@@ -77,7 +78,7 @@ bool read_all(const Command& command, Block& block, size_t& length) {
 __attribute__((format(printf, 1, 0))) char* output_of(const char* format, va_list arguments) {
     Block block;
     if (block.bytes() == nullptr) return nullptr;
-    // Half a command must not run.
+    // If this fails, the buffer may hold a part of the command, which must not run.
     if (vsnprintf(block.bytes(), kBlockSize, format, arguments) < 0) return nullptr;
     const Command command(block.bytes());
     size_t length = 0;
@@ -88,7 +89,7 @@ __attribute__((format(printf, 1, 0))) char* output_of(const char* format, va_lis
     return text;
 }
 
-// As strtol() does it where a long is no longer than an int.
+// Parses a number and limits it to the range of an int, as strtol() does if a long has that range.
 int parse_int(const char* text, char** end) {
     const long value = strtol(text, end, 10);
     if (value > INT_MAX) return INT_MAX;
@@ -124,7 +125,7 @@ void get_hw_rev(int* major, int* minor) {
     }
     char* end = nullptr;
     *major = parse_int(text, &end);
-    if (*end != 0) ++end;  // The separator, whatever it is.
+    if (*end != 0) ++end;  // The separator may be any character.
     if (*end != 0) *minor = parse_int(end, nullptr);
     free(text);
 }

@@ -15,9 +15,10 @@ namespace tessra {
 
 namespace {
 
-// Never a standard descriptor, should they be closed: what is printed, the message about the lock
-// first, would go into the file. So "/" takes the free standard numbers while the file is opened.
-// The file isn't opened first and moved then: a move can fail, and the file would have been made.
+// The file must not take the place of a closed descriptor 0, 1 or 2: the output of the process,
+// such as the message about the lock, would go into the file. So descriptors of "/" occupy the free
+// ones of these numbers while the file is opened. The file isn't opened first and its descriptor
+// then moved: the move can fail, and a new file would stay behind.
 int open_pid_file(const char* path) {
     int taken[STDERR_FILENO + 1];
     int count = 0;
@@ -67,7 +68,8 @@ void write_pid(int fd, const char* path) {
 [[gnu::weak]] int createPidFile(const char* progName, const char* pidFile, int flags) {
     const int fd = tessra::open_pid_file(pidFile);
     if ((flags & PID_FILE_CLOEXEC) != 0) tessra::close_on_exec(fd, pidFile);
-    // Truncated only once the lock is won: a second instance leaves the first one's number alone.
+    // The file is truncated only under the lock, so a second instance can't erase the first one's
+    // process id.
     tessra::lock_pid_file(fd, pidFile, progName);
     tessra::write_pid(fd, pidFile);
     return fd;

@@ -1,4 +1,4 @@
-// Lines on standard error, and the orderly end that follows.
+// Lines on standard error, and the functions that terminate the process after such a line.
 
 #include "tessra/error_functions.h"
 
@@ -22,8 +22,8 @@ constexpr size_t kLineSize = 500;
 enum class Number { kNone, kGiven };
 enum class Stdout { kKeep, kFlush };
 
-// strerror_r() returns the text, or an error number and the text in the buffer: it depends on the C
-// library. Plain strerror() may share a buffer between threads.
+// In some C libraries, strerror_r() returns the text. In others, it returns an error number and
+// stores the text in the buffer. strerror() isn't used, since threads may share its buffer.
 [[maybe_unused]] const char* text_of(const char* text, const char* /*buffer*/) { return text; }
 [[maybe_unused]] const char* text_of(int /*error*/, const char* buffer) { return buffer; }
 
@@ -34,8 +34,8 @@ void format_error(char (&line)[kLineSize], int error) {
     (void)snprintf(line, sizeof line, "ERROR [%s %s] ", name, meaning);
 }
 
-// The whole line is formatted first and written by one call, so that those of several threads don't
-// mix. What is too long is cut, newline included.
+// Formats the whole line first and writes it by one call, so that the lines of several threads
+// don't mix. A line that is too long is cut and has no newline.
 __attribute__((format(printf, 4, 0))) void output_error(Number number, int error, Stdout flush,
                                                         const char* format, va_list arguments) {
     char line[kLineSize] = "ERROR: ";
@@ -131,7 +131,7 @@ using namespace tessra;
     complain("Command-line usage error: ", format, arguments);
 }
 
-// NOLINTBEGIN(cert-dcl50-cpp): they are C functions by another name.
+// NOLINTBEGIN(cert-dcl50-cpp): these are second names of C functions.
 [[gnu::alias("errExit")]] void tessra::exit_with_errno(const char* format, ...);
 [[gnu::alias("fatal")]] void tessra::exit_with_line(const char* format, ...);
 // NOLINTEND(cert-dcl50-cpp)

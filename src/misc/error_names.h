@@ -7,7 +7,7 @@
 
 namespace tessra {
 
-// In the order of the numbers. NONE is a number without a name, BOTH one with two.
+// In the order of the numbers. NONE is a number without a name, BOTH is a number with two names.
 // clang-format off
 #define TESSRA_ERROR_NAMES(NAME, BOTH, NONE)                                                      \
     NONE(0) NAME(EPERM) NAME(ENOENT) NAME(ESRCH) NAME(EINTR) NAME(EIO) NAME(ENXIO) NAME(E2BIG)    \
@@ -37,8 +37,8 @@ namespace tessra {
 
 constexpr int kErrorNames = 134;
 
-// One text after another, each with its terminator: no pointers, which the loader would have to
-// relocate, for a table that is read once in a process's life.
+// One text after another, each with its terminator. The loader would have to relocate an array of
+// pointers in every process, and a process seldom reads this table more than once.
 #define TESSRA_TEXT_NAME(name) #name "\0"
 #define TESSRA_TEXT_BOTH(name, other) #name "/" #other "\0"
 #define TESSRA_TEXT_NONE(number) "\0"
@@ -54,7 +54,7 @@ constexpr const char* error_name(int error) {
     return name;
 }
 
-// Ties the rows to the platform's numbers: another platform's would give wrong names.
+// Checks the rows against the platform's numbers. With other numbers the names would be wrong.
 #define TESSRA_ROW_NAME(name) name,
 #define TESSRA_ROW_BOTH(name, other) (name) == (other) ? (name) : -1,
 #define TESSRA_ROW_NONE(number) number,

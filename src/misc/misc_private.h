@@ -1,4 +1,4 @@
-// errExit(), fatal() and lockRegion() for the other files of this folder.
+// Private names of errExit(), fatal() and lockRegion() for the other files of this folder.
 #ifndef TESSRA_MISC_PRIVATE_H
 #define TESSRA_MISC_PRIVATE_H
 

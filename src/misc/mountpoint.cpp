@@ -15,8 +15,9 @@ namespace tessra {
 
 namespace {
 
-// Whether a field of the table stands for this text. A blank, a tab, a newline and a backslash are
-// octal numbers in the table, or a backslash is two. Any other backslash is itself.
+// Returns true if a field of the table encodes this text. The table writes a blank, a tab, a
+// newline or a backslash as a backslash and an octal number, or it writes a backslash as two. Any
+// other backslash is an ordinary character.
 bool field_is(const char* field, const char* text) {
     for (;; ++text) {
         char character = *field++;
@@ -35,8 +36,8 @@ bool field_is(const char* field, const char* text) {
     }
 }
 
-// Whether a line of the table is an entry for the directory; the line is taken apart. An autofs
-// file system with the option "ignore" asks programs to pass over its entry. Some versions of
+// Returns true if a line of the table is an entry for the directory. Splits the line in place. An
+// autofs file system with the option "ignore" asks programs to ignore its entry. Some versions of
 // hasmntopt() also find the word inside another option, but the kernel writes no such option.
 bool is_entry_of(char* line, const char* path) {
     char* fields[4];
@@ -56,8 +57,8 @@ bool is_entry_of(char* line, const char* path) {
     return field_is(directory, path);
 }
 
-// Not read by getmntent_r(): some C libraries leave \040 as it is, know nothing of "ignore", and
-// take the rest of a line that is longer than the buffer for the next one.
+// getmntent_r() isn't used. In some C libraries it doesn't decode \040, doesn't skip "ignore"
+// entries, and takes the rest of a line that is longer than the buffer for the next line.
 class MountTable : NotCopyable {
 public:
     MountTable() : file_(setmntent("/etc/mtab", "r")) {}
@@ -68,8 +69,8 @@ public:
 
     bool has(const char* path) {
         if (file_ == nullptr) return false;
-        // setmntent() itself does this in glibc only. With other C libraries a process that another
-        // thread starts between the two calls inherits the descriptor.
+        // Only the setmntent() of glibc sets this flag itself. With other C libraries, a process
+        // that another thread starts between the two calls inherits the descriptor.
         (void)fcntl(fileno(file_), F_SETFD, FD_CLOEXEC);
         while (getline(&line_, &line_size_, file_) != -1) {
             if (is_entry_of(line_, path)) return true;
