@@ -1,4 +1,4 @@
-// Where messages go: to standard error, one write for each, so that lines of several processes
+// Writes messages to standard error, each by one write(), so that the lines of several processes
 // don't mix.
 #define _POSIX_C_SOURCE 200809L
 #include <errno.h>
@@ -12,7 +12,7 @@
 // A longer message is cut.
 enum { kMessageRoom = 1024 };
 
-// Returns the length of the text in `message`, which now ends in exactly the newline that it needs.
+// Adds a newline to the text in `message`, unless it ends in one. Returns the length of the text.
 static size_t end_line(char* message, size_t length) {
     if (length >= kMessageRoom) length = kMessageRoom - 1;
     if (length > 0 && message[length - 1] == '\n') return length;
@@ -21,8 +21,8 @@ static size_t end_line(char* message, size_t length) {
     return length + 1;
 }
 
-// Drops messages that aren't wanted, and leaves errno alone: it is called on the road to an exit as
-// well as beside a result. Returns 0.
+// Drops messages that aren't wanted. Doesn't change errno, since the library logs before it returns
+// an error as well as before it exits. Returns 0.
 int __vask_log(int zone, int level, const char* format, ...) {
     if (!logzone_enabled(zone, level)) return 0;
     const int before = errno;
@@ -32,7 +32,7 @@ int __vask_log(int zone, int level, const char* format, ...) {
     const int length = vsnprintf(message, sizeof message, format, args);
     va_end(args);
     if (length >= 0) {
-        // Nobody is left to be told of a standard error that can't be written to.
+        // The result is ignored: there is no other place to report a failure.
         const ssize_t written = write(STDERR_FILENO, message, end_line(message, (size_t)length));
         (void)written;
     }

@@ -1,13 +1,13 @@
-// Which messages are wanted. The environment variable TESSRA_LOG tells, read anew for each message:
-// rules separated by commas, of which the last one that fits a zone counts.
+// Decides which messages are wanted. The environment variable TESSRA_LOG is read for each message.
+// Its rules are separated by commas, and the last rule that fits a zone counts.
 //
 //     6:2        zone 6 up to level 2
-//     all:1      every zone up to level 1; what counts when the variable isn't set or is empty
+//     all:1      every zone up to level 1; the default if the variable isn't set or is empty
 //     all:1,6:3  zone 6 up to level 3, the others up to level 1
 //     off        nothing
 //
-// Levels begin at 1, the most important. A zone that no rule fits is silent, and a rule that can't
-// be read fits none. Nothing here changes errno, which is why numbers aren't read by strtol().
+// Levels begin at 1, the most important. If no rule fits a zone, no message of the zone is wanted.
+// A rule that can't be read fits no zone. Nothing here changes errno, so strtol() isn't used.
 #include <limits.h>
 #include <stdbool.h>
 #include <stdlib.h>
@@ -19,8 +19,8 @@ static const char kAllZones[] = "all:";
 
 enum { kDefaultLevel = 1, kNoRule = -1 };
 
-// Reads a decimal number, INT_MAX for a larger one; *text moves behind it. Returns false if there
-// is no digit.
+// Reads a decimal number and moves *text behind it. A number above INT_MAX becomes INT_MAX. Returns
+// false if there is no digit.
 static bool read_number(const char** text, int* number) {
     const char* const begin = *text;
     *number = 0;
@@ -31,7 +31,7 @@ static bool read_number(const char** text, int* number) {
     return *text != begin;
 }
 
-// Returns the highest wanted level of the zone after one rule, or kNoRule if the rule doesn't fit.
+// Returns the highest level that a rule gives to the zone, or kNoRule if the rule doesn't fit.
 static int level_of_rule(const char* rule, size_t length, int zone) {
     if (length == 3 && strncmp(rule, "off", length) == 0) return 0;
     const char* const end = rule + length;

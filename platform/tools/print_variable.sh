@@ -1,4 +1,4 @@
-# What the stand-ins have in common; each sources this with the name of its file in $variables.
+# The common part of the stand-ins. Each sources this, with the name of its data file in $variables.
 
 if [ $# -ne 2 ] || [ "$1" != -n ]; then
     echo "usage: ${0##*/} -n NAME" >&2
@@ -9,7 +9,7 @@ if ! [ -r "$variables" ]; then
     exit 1
 fi
 while IFS= read -r line || [ -n "$line" ]; do
-    # A name ends at the first "=" of its line, so one that holds "=" is never found.
+    # A name ends at the first "=" of its line, so a name that contains "=" is never found.
     value=${line#*=}
     if [ "$line" = "$2=$value" ]; then
         printf '%s\n' "$value"
