@@ -1,17 +1,40 @@
 #!/usr/bin/env bash
-# Looks for the tests that docs/limits.md names: a line without its test is a claim.
+# Looks for the proofs that the pages below name: a row without its test or model is a claim.
+#
+#   Suite.Name, Suite.*      a test, or all tests of a suite
+#   faults/ROW               a row of tests/faults_test.cpp
+#   NAME.pml, NAME_test, NAME_fuzz, soak     a model, a test program, a fuzz target, tests/soak.cpp
+#
+# Every row of a table needs one if the table has the column "Shown by" or begins with the column "Call".
 set -euo pipefail
 cd "$(dirname "$0")/../.."
-status=0 count=0
-while IFS=. read -r suite name; do
-    grep -qE "TEST(_P)?\($suite, $name\)" tests/*_test.cpp || { echo "limits: no test $suite.$name" >&2 && status=1; }
-    count=$((count + 1))
-done < <(grep -oE '`[A-Z][A-Za-z0-9]+\.[A-Z][A-Za-z0-9]+`' docs/limits.md | tr -d '`')
-# Each row of the two tables names one.
-rows=$(sed -n '/Seen by/,/^$/p' docs/limits.md | grep -vE 'Seen by|^\| ---|^$' || true)
-if bare=$(grep -vE '`[A-Z][A-Za-z0-9]+\.[A-Z]' <<<"$rows"); then
-    echo "limits: no test is named: $bare" >&2
-    status=1
-fi
-((count > 0 && status == 0)) && echo "limits: $count tests"
+pages=(docs/failures.md docs/limits.md docs/design.md)
+name='[A-Z][A-Za-z0-9]+\.([A-Z][A-Za-z0-9]+|\*)|faults/[a-z_]+|[a-z_]+\.pml|[a-z0-9_]+_(test|fuzz)|soak'
+
+exists() {
+    case $1 in
+        faults/*) grep -qE "^ +\{\"${1#faults/}\"," tests/faults_test.cpp ;;
+        *.pml) [[ -e models/$1 ]] ;;
+        *_fuzz) [[ -e fuzz/$1.cpp ]] ;;
+        *_test) [[ -e tests/$1.cpp || -e tests/$1.c ]] ;;
+        soak) [[ -e tests/soak.cpp ]] ;;
+        *.\*) grep -qE "TEST(_P)?\(${1%.*}, " tests/*_test.cpp ;;
+        *) grep -qE "TEST(_P)?\(${1%.*}, ${1#*.}\)" tests/*_test.cpp ;;
+    esac
+}
+
+status=0 names=0 rows=0
+while read -r proof; do
+    exists "$proof" || { echo "limits: $proof doesn't exist" >&2 && status=1; }
+    names=$((names + 1))
+done < <(grep -ohE "\b($name)" "${pages[@]}" | sort -u)
+
+while IFS= read -r row; do
+    grep -qE "\`($name)\`" <<<"$row" || { echo "limits: nothing is named: $row" >&2 && status=1; }
+    rows=$((rows + 1))
+done < <(awk '!/^\|/ { checked = 0; table = 0; next }
+    !table { table = 1; checked = /\| Shown by \|$/ || /^\| Call \|/; next }
+    checked && !/^\| ---/' "${pages[@]}")
+
+((names > 0 && rows > 0 && status == 0)) && echo "limits: $names tests and models, $rows rows"
 exit $status
