@@ -8,8 +8,8 @@
 # Every row of a table needs one if the table has the column "Shown by" or begins with the column "Call".
 set -euo pipefail
 cd "$(dirname "$0")/../.."
-pages=(docs/failures.md docs/limits.md docs/design.md)
-name='[A-Z][A-Za-z0-9]+\.([A-Z][A-Za-z0-9]+|\*)|faults/[a-z_]+|[a-z_]+\.pml|[a-z0-9_]+_(test|fuzz)|soak'
+pages=(docs/failures.md docs/limits.md docs/design.md CONTRIBUTING.md)
+name='[A-Z][A-Za-z0-9]+\.([A-Z][A-Za-z0-9]+|\*)|faults/[a-z_]+|[a-z_]+\.pml|[a-z0-9_]+_(test|fuzz)\b|soak\b'
 
 exists() {
     case $1 in
