@@ -1,5 +1,5 @@
-# Doxygen's view of a public header: the opening comment is that of the module, a group, which holds
-# everything else. The file itself gets a line.
+# Filters a public header for Doxygen. The opening comment becomes that of a group, the module, which
+# holds everything else. The file itself gets a line that refers to the group.
 /^ \* @file / {
     header = $3
     module = header
@@ -17,6 +17,6 @@ opening && /^ \*\// {
 /^#ifndef TESSRA_/ { guard = $2 }
 { print }
 /^#define TESSRA_/ && $2 == guard { print "/** @addtogroup " module "\n * @{ */" }
-# The last line closes both guard and group.
+# The last line closes both the include guard and the group.
 { last = $0 }
 END { if (last == "#endif") print "/** @} */" }
