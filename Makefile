@@ -1,4 +1,4 @@
-# The commands of everyday work; each does its own set-up. CMake does the building.
+# The commands of everyday work. Each one sets up what it needs; CMake builds.
 .PHONY: help test demo cross check models soak bench size docs abi packages format clean
 
 help:
@@ -6,10 +6,10 @@ help:
 	@echo 'make demo     build (preset release) and run the demonstration'
 	@echo 'make cross    build and test for ARM and for other C libraries'
 	@echo 'make check    everything that CI runs'
-	@echo 'make models   check the models of the loop'\''s protocol, and that broken ones are refuted'
+	@echo 'make models   check that the models of the loop'\''s protocol hold, and that broken ones are refuted'
 	@echo 'make soak     random operations from several threads, five minutes each under two sanitizers'
-	@echo 'make bench    build (preset bench) and measure beside peers; prints a table of ratios'
-	@echo 'make size     text, data, stack and heap on 32-bit ARM, beside the recorded ones'
+	@echo 'make bench    build (preset bench) and compare with peers; prints a table of ratios'
+	@echo 'make size     text, data, stack and heap on 32-bit ARM, compared with the recorded values'
 	@echo 'make docs     build (preset release) the reference: pages to browse and manual pages'
 	@echo 'make abi      compare names and layouts with those of the last release'
 	@echo 'make packages build Debian packages into build/packages'

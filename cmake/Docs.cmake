@@ -1,5 +1,5 @@
-# The target "docs" builds the reference: pages to browse (docs/html) and manual pages (docs/man). It is
-# part of no other target. What it has built is installed.
+# The target "docs" builds the reference: pages to browse (docs/html) and manual pages (docs/man).
+# No other target builds it. The install step installs it if it has been built.
 find_program(TESSRA_DOXYGEN doxygen)
 find_package(Python3 COMPONENTS Interpreter QUIET)
 

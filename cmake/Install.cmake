@@ -1,5 +1,5 @@
-# What `cmake --install` puts where: headers, both libraries, the CMake package and the pkg-config
-# file. All of it finds its neighbours from where it stands, so that the prefix can be moved.
+# Where `cmake --install` puts the headers, both libraries, the CMake package and the pkg-config
+# file. Each file finds the others relative to its own place, so the prefix can be moved.
 include(CMakePackageConfigHelpers)
 
 set(TESSRA_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/tessra)
@@ -12,7 +12,8 @@ install(TARGETS tessra tessra-static EXPORT tessraTargets
 install(EXPORT tessraTargets NAMESPACE tessra:: DESTINATION ${TESSRA_PACKAGE_DIR})
 
 if(TESSRA_INSTALL_LIBLOG)
-  # Programs are often linked so that they ask for libtessra.so alone: it finds its neighbour itself.
+  # Programs are often linked with libtessra.so alone, so this library finds liblog in its own
+  # folder.
   set_target_properties(tessra PROPERTIES INSTALL_RPATH "\$ORIGIN")
   install(TARGETS tessra-liblog tessra-liblog-static EXPORT tessraLiblogTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
@@ -27,7 +28,8 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/tessraConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/tessraConfig.cmake
   ${PROJECT_BINARY_DIR}/tessraConfigVersion.cmake DESTINATION ${TESSRA_PACKAGE_DIR})
 
-# The road from the pkg-config file to the prefix. A libdir outside the prefix can't be moved anyway.
+# The path from the pkg-config file to the prefix. A libdir outside the prefix can't be moved
+# anyway.
 set(TESSRA_PC_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 if(IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR} OR IS_ABSOLUTE ${CMAKE_INSTALL_INCLUDEDIR})
   set(TESSRA_PC_PREFIX ${CMAKE_INSTALL_PREFIX})

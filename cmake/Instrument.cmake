@@ -1,12 +1,12 @@
-# TESSRA_INSTRUMENT builds everything for a look at it while it runs: a list of sanitizers as
-# -fsanitize takes it ("address,undefined", "thread"), or "coverage".
+# TESSRA_INSTRUMENT instruments the whole build: a list of sanitizers as -fsanitize takes it
+# ("address,undefined", "thread"), or "coverage".
 set(TESSRA_INSTRUMENT "" CACHE STRING "Sanitizers, comma separated, or \"coverage\"")
 
 if(TESSRA_BUILD_FUZZERS)
   if(NOT (CMAKE_CXX_COMPILER_ID MATCHES Clang AND TESSRA_INSTRUMENT))
     message(FATAL_ERROR "The fuzzers need clang and a sanitizer: cmake --preset fuzz")
   endif()
-  # The library tells libFuzzer which ways it took.
+  # libFuzzer learns from the library which branches an input reached.
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 

@@ -1,4 +1,4 @@
-# What our own code compiles without. tessra_warnings(TARGET) is for the library, and
+# The warnings that our own code must not cause. tessra_warnings(TARGET) is for the library, and
 # tessra_program_warnings(TARGET) for tests and examples, which are less strict with conversions.
 include(CheckCXXCompilerFlag)
 
@@ -9,7 +9,7 @@ set(TESSRA_PROGRAM_WARNINGS
 set(TESSRA_LIBRARY_WARNINGS
   -Wcast-qual -Wconversion -Wdouble-promotion -Wformat=2 -Wmissing-declarations -Wnull-dereference
   -Wsign-conversion -Wwrite-strings)
-# Known to GCC alone.
+# Only GCC has these.
 foreach(flag IN ITEMS -Wduplicated-branches -Wduplicated-cond -Wlogical-op)
   string(MAKE_C_IDENTIFIER "TESSRA_HAS${flag}" has)
   check_cxx_compiler_flag(${flag} ${has})

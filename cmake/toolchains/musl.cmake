@@ -1,8 +1,9 @@
-# The build machine's own processor with musl, for programs without a C++ runtime: there is none.
+# The build machine's own processor with musl. There is no C++ runtime for it here, so programs do
+# without one.
 #
-# C++ sources take the native compiler's standard headers, which were configured for glibc; two of
-# them are replaced. Everything links with musl-gcc, which the test programs of CMake's own checks
-# can't do in C++.
+# C++ sources use the native compiler's standard headers, which were configured for glibc; this file
+# replaces two of them. Everything is linked with musl-gcc. CMake's own checks can't link C++
+# programs with it, so they only compile.
 set(CMAKE_C_COMPILER musl-gcc)
 set(CMAKE_CXX_COMPILER g++-12)
 set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)

@@ -2,12 +2,12 @@ SUMMARY = "Event loop, containers and helpers for the daemons of small Linux dev
 SECTION = "libs"
 LICENSE = "CLOSED"
 
-# From the source tree that this layer stands in.
+# Builds the source tree that contains this layer.
 inherit cmake externalsrc pkgconfig
 EXTERNALSRC = "${@os.path.realpath('${THISDIR}/../../../..')}"
 EXTERNALSRC_BUILD = "${WORKDIR}/build"
 
-# A device with a liblog of its own takes this out.
+# Remove "liblog" for a device that has its own.
 PACKAGECONFIG ??= "liblog"
 PACKAGECONFIG[liblog] = "-DTESSRA_INSTALL_LIBLOG=ON,-DTESSRA_INSTALL_LIBLOG=OFF"
 
@@ -17,7 +17,7 @@ EXTRA_OECMAKE = "\
     -DCMAKE_SKIP_INSTALL_RPATH=ON \
 "
 
-# liblog.so has no version: it isn't a link for the development package, but the library.
+# liblog.so has no version: it is the library itself, not a link of the development package.
 PACKAGES =+ "${PN}-liblog"
 FILES:${PN}-liblog = "${libdir}/liblog.so"
 FILES:${PN} = "${libdir}/libtessra.so.*"
