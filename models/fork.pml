@@ -1,42 +1,42 @@
 /*
  * fork.cpp: fork() while other threads use the library.
  *
- * Three contexts: the loop of RAN starts, runs a handler and ends, or its start fails; IDLE is
- * changed; FREED is made, changed and freed. One thread does each of these, and another holds the
- * lock of starts and stops, sets a disposition, and catches a signal. One more thread forks. With
- * FROM_HANDLER that is the thread of RAN, in a handler of its loop. The handlers of fork() are
- * registered.
+ * There are three contexts. The loop of RAN starts, runs a handler and ends, or its start fails.
+ * IDLE is changed. FREED is made, changed and freed. One thread does each of these. Another thread
+ * holds the lock of starts and stops, sets a disposition, and catches a signal. One more thread
+ * forks. With FROM_HANDLER the thread of RAN forks, in a handler of its loop. The handlers of
+ * fork() are registered.
  *
- * Parent and child share nothing, so from the fork() on the model follows one of the two. The
- * child has the memory as it was, and of the processes of the model the one that forks. It
- * catches a signal at once and another one at the end. In between it changes each context, runs a
- * loop on each, and leaves the handler if it was forked in one.
+ * Parent and child share no memory, so from the fork() on the model follows one of the two. The
+ * child has a copy of the memory, and only one process of the model: the one that forks. It
+ * catches a signal at once and another one at the end. In between it changes each context and runs
+ * a loop on each. If it was forked in a handler, it leaves the handler last.
  *
  * The assertions:
- *   - the child waits for no lock that a thread of the parent had, nor at the gate for its
- *     signals;
- *   - no list that the child uses was copied in the middle of a change;
- *   - in the child nothing is written to a number of the parent's channels, nor is one closed;
- *   - the thread that forks waits for no handler, and the parent goes on as before.
+ *   - The child waits for no lock that a thread of the parent had, and at the gate for no catcher
+ *     of the parent.
+ *   - No list that the child uses was copied in the middle of a change.
+ *   - The child neither writes to a descriptor number of the parent's channels nor closes one.
+ *   - The thread that forks waits for no handler, and the parent goes on as before.
  *
- * Memory order. The model is sequentially consistent: one step of one thread after another. In
- * the child there is one thread. A ListMutex reads its owner with relaxed order. A thread finds
- * itself there only if it holds the lock: it stores its number with the lock held, and takes it
- * out before it lets go. Which other value it reads doesn't matter. fork.cpp reads in_loop with
- * relaxed order; it changes under loops.mutex, which the thread that forks holds. A start stores
- * loops.pid with relaxed order before its seq_cst store of a link, and a catcher reads it before
- * the links.
+ * Memory order. The model is sequentially consistent: threads take their steps one after another.
+ * The child has one thread. A ListMutex reads its owner with relaxed order. A thread finds its own
+ * number there only if it holds the lock: it stores the number while it holds the lock, and clears
+ * it before it unlocks. Any other value that it reads doesn't matter. fork.cpp reads in_loop with
+ * relaxed order; in_loop changes under loops.mutex, which the thread that forks holds. A start
+ * stores loops.pid with relaxed order before its seq_cst store of a link, and a catcher reads
+ * loops.pid before the links.
  */
 
 #define RAN 0              /* The default context. */
 #define IDLE 1
 #define FREED 2
-#define LISTS 0            /* A context's list locks: mutex LISTS + context, */
-#define CHILDREN 3         /* and its processlist_mutex. */
+#define LISTS 0            /* mutex[LISTS + context] is the lock of the context's lists, */
+#define CHILDREN 3         /* mutex[CHILDREN + context] is its processlist_mutex. */
 #define NOBODY 0
 #define FORKER 1
 #define NO_FD 0
-#define OF_PARENT 1        /* A number of the parent's channel. */
+#define OF_PARENT 1        /* A descriptor number of the parent's channel. */
 #define OF_CHILD 2
 
 bool in_child;             /* Which of the two processes the model follows. */
@@ -45,7 +45,7 @@ bool in_child;             /* Which of the two processes the model follows. */
 bool mutex[6];             /* ListMutex */
 byte depth[6];
 byte owner[6] = NOBODY;
-bool rec_mutex;            /* Of the bookkeeping of each recursive_mutex. */
+bool rec_mutex;            /* Guards the bookkeeping of each recursive_mutex. */
 bool contexts_mutex;
 bool loops_mutex;
 bool loop_thread_mutex;
@@ -59,7 +59,7 @@ bool running[3];           /* loops.list */
 byte inside;               /* loops.gate */
 byte loops_pid;            /* OF_PARENT or OF_CHILD */
 
-bool changing[6];          /* The list behind the mutex is in the middle of a change. */
+bool changing[6];          /* The list that the mutex guards is in the middle of a change. */
 bool contexts_changing;
 bool forked, child_done;
 byte threads_done;
@@ -67,7 +67,7 @@ byte threads_done;
 #define lock(plain)   atomic { !plain -> plain = true }
 #define unlock(plain) plain = false
 
-/* ListMutex. Its holder alone reads itself in `owner`, and alone changes `depth`. */
+/* ListMutex. Only its holder finds itself in `owner`, and only its holder changes `depth`. */
 inline list_lock(m, self) {
     if
     :: atomic { owner[m] == self -> depth[m]++ }
@@ -103,7 +103,7 @@ inline change(m, self) {
     list_unlock(m, self)
 }
 
-/* A loop of the parent: a start, which may fail and leave its read end, a handler, the end. */
+/* A loop of the parent: start, handler and end. A start may fail and leave its read end. */
 proctype Runner() OF_THE_PARENT {
     do
     :: lock(loops_mutex);
@@ -167,8 +167,8 @@ proctype Freer() OF_THE_PARENT {
 }
 
 /*
- * The locks of a start or a stop, of the end of a command and of a recursive_mutex, and the gate
- * of a catcher.
+ * Takes the locks of a start or a stop, of the end of a command and of a recursive_mutex, and
+ * enters the gate as a catcher does.
  */
 proctype Holder() OF_THE_PARENT {
     lock(loop_thread_mutex);
@@ -320,7 +320,7 @@ inline send_signal() {
     fi
 }
 
-/* Changes of a context, and a loop on it. */
+/* Changes a context and runs a loop on it. */
 inline use(ctx) {
     change(LISTS + ctx, FORKER);
     write_byte(ping_fd[ctx]);
@@ -358,7 +358,7 @@ proctype Forker() {
 #endif
     before_fork();
     if
-    :: atomic { /* Nothing runs beside the child. */
+    :: atomic { /* No other process runs beside the child. */
             in_child = true;
             send_signal();
             after_fork_in_child();
@@ -386,7 +386,7 @@ proctype Forker() {
 #endif
 }
 
-/* Once nothing else can go on. */
+/* Runs when no other process can. */
 proctype Last() {
     timeout;
     if

@@ -1,51 +1,54 @@
 /*
- * The channel: writers of signals and wake-ups, and the passes of the loop, which reads ahead.
- * write_wake_up(), channel_read_ahead() and channel_take_message() of channel.cpp, take_signal()
- * of loop.cpp, and keep() and take() of pending_signals.h for signals that find the channel full.
+ * The channel: writers of signals and wake-ups, and the passes of a loop that reads ahead. The
+ * model has write_wake_up(), channel_read_ahead() and channel_take_message() of channel.cpp,
+ * take_signal() of loop.cpp, and keep() and take() of pending_signals.h for signals that find the
+ * channel full.
  *
  * The channel holds four units. A signal's message takes two, a wake-up one; the loop reads up to
- * three. Catchers and wakers are processes of their own, so that each takes its steps at any time,
- * as it does on another thread or on top of the loop's own. A catcher waits for nothing, so what it
- * interrupts may stand still.
- *   - Four catchers of three numbers and a change, each once.
- *   - CHANGES: three threads make five changes, and a signal is caught once. Two wake-ups in the
- *     channel are as many as there may be; further ones are counted.
- *   - STORM: signals 1 and 2 are caught for ever, 3 once. The channel and a read are smaller by
- *     one unit, and wake-ups aren't counted: the loop never sleeps there.
+ * three. Catchers and wakers are processes of their own. So each takes its steps at any time, as
+ * on another thread or in a signal handler that interrupts the loop. A catcher waits for nothing,
+ * so the interrupted thread may stop until the catcher returns. The scenarios:
+ *   - by default four catchers of three numbers and a change, each once;
+ *   - CHANGES: three threads make five changes, and a signal is caught once. While two wake-ups
+ *     are in the channel, further ones are only counted;
+ *   - STORM: signals 1 and 2 are caught for ever, 3 once. The channel and a read are one unit
+ *     smaller, and wake-ups aren't counted, since the loop never sleeps.
  *
  * The assertions:
- *   - no signal is lost: once the loop has nothing left to do, for each catch the handler has run
- *     since it began, the last bit of `full_` is cleared and each slot is free again;
- *   - none is invented: the handler of a number runs no more often than that number was caught;
- *   - no message is torn, and a record that is handed out is whole, and that of its number;
- *   - no change is lost: once the loop sleeps for ever, it has looked since the last change, and
- *     `unwritten` and `unread` are 0;
- *   - each wake-up that has been written or counted has had a pass, and no other pass takes one;
- *   - a pass takes no wake-up if a signal was read or in the channel when select() returned;
- *   - with STORM: 3 is handed out in the end, whether it is kept or in the channel (the claim
- *     `handed_out`, if no process stands still for ever).
+ *   - No signal is lost: when the loop has nothing left to do, the handler has run after the last
+ *     catch of each number, `full_` is 0 and each slot is free.
+ *   - No signal is invented: the handler of a number runs no more often than that number was
+ *     caught.
+ *   - No message is torn, and a record that is handed out is whole and that of its number.
+ *   - No change is lost: when the loop sleeps for ever, it has looked since the last change, and
+ *     `unwritten` and `unread` are 0.
+ *   - Each wake-up that has been written or counted has had a pass, and no other pass takes one.
+ *   - A pass takes no wake-up if a signal was read or in the channel when select() returned.
+ *   - With STORM signal 3 is handed out in the end, whether it is kept or in the channel (the
+ *     claim `handed_out`, under weak fairness: no process that can run waits for ever).
  *
- * A wake-up counts in `unread` after its write: a count that comes before a write that fails may be
- * taken for a byte (COUNTED_BEFORE_WRITTEN). A pass reads a bounded number of times: wake-ups that
- * come as fast as the loop reads would hold it in channel_read_ahead() (READS_FOR_EVER).
+ * A wake-up is counted in `unread` after its write. If the count came first and the write failed,
+ * a writer could take the count for a byte (COUNTED_BEFORE_WRITTEN). A pass reads a bounded number
+ * of times. Otherwise wake-ups that come as fast as the loop reads would hold the loop in
+ * channel_read_ahead() (READS_FOR_EVER).
  *
- * Memory order. The model is sequentially consistent: one step of one thread after another. The
- * code uses seq_cst for `full_`, each slot's state and `unwritten`, and for the two accesses to
- * `unread` that are a pair with those to `unwritten`: the writer's second look and the loop's
- * subtraction. So if the loop's exchange misses a count, the second look comes after the
- * subtraction and sees it. What the look still finds in `unread` is subtracted by a later read,
- * which another exchange follows. The weaker ones are:
- *   - relaxed: the first look at `unread`. An old value only chooses between a byte, of which there
- *     may be a few more than kMostUnread, and a count, which the second look follows.
+ * Memory order. The model is sequentially consistent: threads take their steps one after another.
+ * The code uses seq_cst for `full_`, each slot's state and `unwritten`. It also uses seq_cst for
+ * the two accesses to `unread` that pair with those to `unwritten`: the writer's second look and
+ * the loop's subtraction. So if the loop's exchange misses a count, the second look comes after
+ * the subtraction and sees it. A wake-up that this look still finds in `unread` is subtracted by
+ * a later read, which another exchange follows. The other accesses are:
+ *   - relaxed: the first look at `unread`. An old value only chooses between a byte and a count.
+ *     The channel may get a few more bytes than kMostUnread, and the second look follows a count.
  *   - relaxed: the addition to `unread`, after the write(). The loop may subtract before it, so
- *     `unread` may be negative for a while. Who misses it writes a byte.
+ *     `unread` may be negative for a while. A writer that misses the addition writes a byte.
  *   - plain: a slot's record. The catcher that has turned the state from kFree to kWriting writes
- *     it and then stores kFull and the bit. The loop reads it after it has loaded the bit, and
- *     before it stores kFree. So each access is ordered by the state or the bit.
+ *     the record, and then stores kFull and the bit. The loop reads the record after it has loaded
+ *     the bit, and before it stores kFree. So the state or the bit orders each access.
  *   - plain: last_taken_, pending_turn, the context's `signals` and the rest of ReadAhead, which
- *     are the loop's own.
- *   - relaxed: clear(), and plain: a ReadAhead made anew, at a start, before the stores by which
- *     catchers and writers find the context and its channel.
+ *     only the loop's thread uses.
+ *   - relaxed: clear(), and plain: a new ReadAhead. Both happen at a start, before the stores by
+ *     which catchers and writers find the context and its channel.
  * So no property depends on the order of two weaker accesses.
  */
 
@@ -54,11 +57,11 @@
 #define ROOM 3
 #define READ_ROOM 2
 #else
-#define ROOM 4            /* Units of the channel, */
-#define READ_ROOM 3       /* and of what the loop reads at once. */
+#define ROOM 4            /* The size of the channel in units, */
+#define READ_ROOM 3       /* and the most that the loop reads at once. */
 #endif
 #define MESSAGE 2         /* Units of a signal. */
-#define MOST_READS 2      /* Of a pass; only STORM needs a limit. */
+#define MOST_READS 2      /* The reads of a pass; only STORM needs a limit. */
 #define MOST_UNREAD 2     /* kMostUnread */
 #define WAKE_UP 0
 #define K_FREE 0
@@ -67,10 +70,10 @@
 #define TORN 0            /* A record that is being written. */
 #define bit(signal) (1 << (signal))
 
-/* A wake-up, or the number of a signal and its record, which may look like a wake-up. */
+/* A unit: a wake-up, a signal's number, or its record, which may look like a wake-up. */
 chan channel = [ROOM] of { byte };
 
-short unread;                       /* ReadAhead, apart from what is the loop's own. */
+short unread;                       /* The part of ReadAhead that threads share. */
 byte unwritten;
 
 byte full_;
@@ -83,9 +86,9 @@ byte record[SIGNALS + 1];
 byte caught[SIGNALS + 1];           /* For the assertions. */
 byte handled[SIGNALS + 1];
 #endif
-bool owed[SIGNALS + 1];             /* Caught, and the handler hasn't run since. */
+bool owed[SIGNALS + 1];             /* The number was caught, and the handler hasn't run since. */
 #ifndef STORM
-bool changed;                       /* And the loop hasn't looked since. */
+bool changed;                       /* A list was changed, and the loop hasn't looked since. */
 byte due;                           /* Wake-ups written or counted, and not taken. */
 byte sent;                          /* Signals written and not taken. */
 #endif
@@ -98,7 +101,7 @@ byte sent;                          /* Signals written and not taken. */
 #define note_signal() sent++
 #endif
 
-/* Whoever writes to a full channel loses the byte. */
+/* A write to a full channel fails, and the byte is lost. */
 #ifdef STORM
 inline write_wake_up() {
     atomic {
@@ -251,7 +254,7 @@ proctype Waker(byte changes) {
 }
 #endif
 
-/* The number that comes next among those of `full`. */
+/* Chooses the number that comes next among the bits. */
 inline choose(bits) {
     d_step {
 #ifdef TAKE_LOWEST_FIRST
@@ -298,7 +301,7 @@ inline take() {
     fi
 }
 
-/* A read of the loop; d_step, since only the channel is shared. */
+/* A read of the loop. It is a d_step, since only the channel is shared. */
 inline read_units_once() {
     d_step {
         wanted = READ_ROOM - filled;
@@ -451,7 +454,7 @@ inline run_handler() {
 #define select_channel() is_readable = nempty(channel); signal_waits = sent > 0
 #endif
 
-/* Passes of the main loop; a wait without a timeout ends with a message alone. */
+/* The passes of the main loop. A wait without a timeout ends only with a message. */
 active proctype Loop() {
     byte owed_passes, filled, missing;  /* ReadAhead */
     byte read_units[READ_ROOM];         /* The context's `signals`. */

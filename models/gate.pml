@@ -1,44 +1,44 @@
 /*
- * The gate of channel.cpp: who may use a channel and a context while their loop ends.
+ * The gate of channel.cpp: which threads may use a channel and a context while their loop ends.
  *
- * Two contexts, A and B; each owner frees its context as soon as its last loop has returned. The
- * scenarios, each with a signal that is caught on a thread of its own:
- *   - A runs two loops one after the other, and a thread cancels each, perhaps also once before;
- *     a handler cancels the loop of B;
- *   - CHANGE: a thread adds a watcher to B, whose handler cancels the loop, and another thread
- *     cancels it at any time;
- *   - NESTED: handlers cancel both loops, and a second signal is caught on top of an owner or of
- *     the first catcher, which stands still until the second one has returned;
- *   - STORM: B alone, and two threads that catch signals for ever.
+ * There are two contexts, A and B. Each owner frees its context as soon as its last loop has
+ * returned. In each scenario a signal is caught on a thread of its own:
+ *   - by default A runs two loops one after the other. A thread cancels each of them, and may
+ *     cancel once before. A handler cancels the loop of B;
+ *   - CHANGE: a thread adds a watcher to B whose handler cancels the loop, and another thread
+ *     cancels the loop at any time;
+ *   - NESTED: handlers cancel both loops. A second signal interrupts an owner or the first
+ *     catcher, which stops until the second catcher has returned;
+ *   - STORM: only B has a loop, and two threads catch signals for ever.
  *
  * The assertions:
- *   - nothing is written to a descriptor that has been closed. Each start takes a new number, so
- *     a write to a number that has been reused is one to a closed number;
- *   - no freed context is touched, and no link that is no node is followed;
- *   - a signal reaches every loop that is on the list from before the catch until after it;
- *   - every loop, cancel, add and end returns: in the end no process waits. So no wake-up is lost
- *     either. With STORM: the end returns although signals never stop (the claim `ends_return`,
- *     if no process stands still for ever).
+ *   - No thread writes to a descriptor that has been closed. Each start takes a new number, so a
+ *     write to a reused number would be a write to a closed one.
+ *   - No thread touches a freed context, or follows a link that isn't a node.
+ *   - A signal reaches every loop that is on the list from before the catch until after it.
+ *   - Every loop, cancel, addition and end returns: in the end no process waits. So no wake-up is
+ *     lost. With STORM the end returns although signals never stop (the claim `ends_return`,
+ *     under weak fairness: no process that can run waits for ever).
  *
- * Memory order. The model is sequentially consistent: one step of one thread after another. The
- * code uses seq_cst for run flag, ping_fd, links, side_ and inside_. The weaker ones are:
+ * Memory order. The model is sequentially consistent: threads take their steps one after another.
+ * The code uses seq_cst for run flag, ping_fd, links, side_ and inside_. The other accesses are:
  *   - relaxed: loops.pid, in_loop and eloopthread at a start, and PendingSignals::clear(). They
  *     are stored before the seq_cst store of the link by which a catcher finds the context. A
- *     catcher that reads an older loops.pid was called beside the start, and may miss that loop.
- *     Other readers of the first three hold loops.mutex or are the loop's own thread.
- *   - plain: a start's ReadAhead, before the seq_cst store of ping_fd. Whoever counts there is
- *     inside the gate and has read that ping_fd. What it counts is the subject of
- *     full_channel.pml.
+ *     catcher that reads an older loops.pid is concurrent with the start, and may miss that loop.
+ *     Others read the first three under loops.mutex or on the loop's own thread; handshake.pml
+ *     names the exceptions.
+ *   - plain: a start's new ReadAhead, before the seq_cst store of ping_fd. A thread that counts in
+ *     it is inside the gate and has read that ping_fd. full_channel.pml checks the counts.
  *   - relaxed: ping_fd in set_up(), and inside_ in the child of a fork(). No other thread can
  *     reach them then.
  *   - relaxed: Stale. It is set under a list's mutex. A loop that misses it goes to sleep, and
- *     the byte that is written afterwards wakes it: write() and select() order the two. Who finds
- *     no channel writes none. But a start sets Stale itself, after it has stored ping_fd, so the
- *     loop's first look takes the mutex: it sees the change, or the change comes later and sees
- *     ping_fd.
- *   - plain: node.next before the seq_cst store of prev->next that makes the node reachable;
+ *     the byte that is written afterwards wakes the loop: write() and select() order the two. A
+ *     thread that finds no channel writes no byte. But a start sets Stale itself, after it has
+ *     stored ping_fd, so the loop's first look takes the mutex. Either this look sees the change,
+ *     or the change comes later and sees ping_fd.
+ *   - plain: node.next, before the seq_cst store of prev->next that makes the node reachable;
  *     node.prev and the head's prev, which only holders of loops.mutex read; node = {} after the
- *     wait, when nobody stands on it.
+ *     wait, when no catcher uses the node.
  * So no property depends on the order of two weaker accesses.
  */
 
@@ -63,15 +63,15 @@ byte ping_fd[2] = NO_FD;
 bool run_flag[2];      /* async_loop_started */
 bool lists_mutex[2];   /* The mutex of the list that a ChangeLock holds. */
 bool stale[2] = true;
-bool kept[2];          /* A signal stands beside the full channel. */
+bool kept[2];          /* A signal is kept beside the full channel. */
 
-bool is_open[4];       /* By descriptor: 1 and 2 are the channels of A, 3 is that of B. */
+bool is_open[4];       /* By descriptor: 1 and 2 are the channels of A, 3 is the channel of B. */
 bool has_byte[4];      /* A channel holds one message; then it is full. */
 bool freed[2];
 bool watched[2];       /* The list has a watcher whose handler cancels. */
 
-bool listed[2];        /* For the assertions: on loops.list, */
-bool owed[4];          /* and so throughout a catch, whose signal hasn't been sent there yet. */
+bool listed[2];        /* For the assertions: the context is on loops.list, */
+bool owed[4];          /* has been since the catch began, and the signal hasn't been sent there. */
 bool last_returned[2];
 bool change_made;
 bool other_cancel_over;
@@ -81,13 +81,13 @@ byte interrupted = NOBODY;
 #define unlock(mutex) mutex = false
 #define touch(c)      assert(!freed[c])
 
-/* A full channel takes nothing. */
+/* A write to a full channel has no effect. */
 inline write_byte(fd) {
     assert(is_open[fd]);
     has_byte[fd] = true
 }
 
-/* It counts in the context, too; full_channel.pml shows how. */
+/* The count in the context is the subject of full_channel.pml. */
 inline write_wake_up(ctx) {
     atomic { write_byte(fd); touch(ctx); fd = NO_FD }
 }
@@ -276,7 +276,7 @@ inline end_loop(ctx) {
 #endif
 }
 
-/* The loop of run_loop(): a look at the lists if they have changed, then the sleep in select(). */
+/* The loop of run_loop(): it looks at the lists if they have changed, or sleeps in select(). */
 inline iterate_until_cancelled(ctx, new_fd) {
     do
     :: !run_flag[ctx] -> break
@@ -307,7 +307,7 @@ inline iterate_until_cancelled(ctx, new_fd) {
     od
 }
 
-/* event_mc_free(): each list is dropped under its mutex. */
+/* event_mc_free(): it drops each list under the list's mutex. */
 inline free(ctx) {
 #ifndef FREED_WITHOUT_LOCKS
     lock(lists_mutex[ctx]);
@@ -330,12 +330,12 @@ proctype Owner(byte ctx; byte first_fd; byte last_fd) STANDS_STILL {
         fi
     od;
     last_returned[ctx] = true;
-    /* The program frees B when the change has been made and the other canceller is through. */
+    /* The program frees B after the change and after the other canceller's call. */
     (ctx != B || (change_made && other_cancel_over));
     free(ctx)
 }
 
-/* The program cancels a loop that it has seen running, and once perhaps before. */
+/* The program cancels a loop that it has seen running, and may cancel once before. */
 proctype Canceller(byte ctx) STANDS_STILL {
     byte my_side, fd;
     if
@@ -348,7 +348,7 @@ proctype Canceller(byte ctx) STANDS_STILL {
     od
 }
 
-/* One more cancel of a loop, at any time. */
+/* Cancels a loop once more, at any time. */
 proctype OtherCanceller(byte ctx) STANDS_STILL {
     byte my_side, fd;
     cancel(ctx);
@@ -397,7 +397,7 @@ proctype Catcher(byte me) STANDS_STILL {
 #endif
 }
 
-/* A signal on top of a thread, perhaps in its catcher. */
+/* A signal that interrupts a thread, perhaps in the thread's catcher. */
 proctype Nested(byte lowest; byte highest) {
     byte my_side, node, c, fd;
     byte host = lowest;

@@ -1,36 +1,35 @@
 /*
  * thread.cpp: start, cancel and stop of the default context's loop on a thread of its own.
  *
- * The scenarios, each with a cancel from anywhere at any time:
- *   - two threads start, two stop;
- *   - BESIDE_SYNCHRONOUS: one thread starts twice, one stops, and on another et_event_loop()
- *     runs;
- *   - FROM_HANDLERS: one thread starts, one stops, on another et_event_loop() runs. Handlers of
- *     whichever loop runs call both functions, and so does a logger that tells of a failed start.
- *     A start of a loop may fail, a timer may find no memory, a thread may not be made, and a
- *     wait for a condition may return without a signal; each once.
+ * In each scenario one more thread cancels the loop at any time. Each of these may happen once:
+ * a start of a loop fails, a timer finds no memory, a thread can't be made, a wait for a condition
+ * returns without a signal. The scenarios:
+ *   - by default two threads start and two stop;
+ *   - BESIDE_SYNCHRONOUS: one thread starts twice, one stops, and et_event_loop() runs on another;
+ *   - FROM_HANDLERS: one thread starts, one stops, and et_event_loop() runs on another. Handlers
+ *     of each loop may call both functions, and so may a logger that reports a failed start.
  *
  * The assertions:
- *   - a start that returns 0 has made a thread which has fired the handshake's timer, and whose
- *     loop runs unless it has been cancelled since it began;
- *   - every start and every stop returns;
- *   - a stop returns after the end of every thread that was made before it had the lock;
- *   - when a start destroys the handshake's mutex, its timer is on no list, and nobody locks the
- *     mutex afterwards; no thread but the start's own fires the timer;
- *   - two loops never run on the context at once, and none sleeps with its run flag cleared;
- *   - each thread is joined once, and not by itself.
+ *   - If a start returns 0, it has made a thread which has fired the handshake's timer. The loop
+ *     of this thread runs, unless it has been cancelled since it began.
+ *   - Every start and every stop returns.
+ *   - A stop returns after the end of every thread that was made before the stop had the lock.
+ *   - When a start destroys the handshake's mutex, its timer is on no list, and no thread locks
+ *     the mutex afterwards. Only the thread of this start fires the timer.
+ *   - Two loops never run on the context at once, and none sleeps while its run flag is cleared.
+ *   - Each thread is joined once, and never by itself.
  *
- * Memory order. The model is sequentially consistent: one step of one thread after another. The
- * code uses seq_cst for the run flag (async_loop_started), and in_loop is read with it by a
- * start. The weaker ones are:
- *   - relaxed: async_loop. Whoever joins by it holds loop_thread.mutex. The new thread has stored
- *     it before it answered under handshake.mutex, which its starter has locked since.
- *   - relaxed: loop_thread.self, since only a thread's own number matters to it.
- *   - relaxed: in_loop and eloopthread where a loop starts and ends. A start that reads in_loop
- *     too early or too late is told so by the new thread, which reads it again under loops.mutex.
- *     A handler that asks for eloopthread is on the thread that has stored it.
- *   - plain: waiting and start_error. The starter changes them before it makes the thread, and
- *     then the thread alone, which the starter reads under handshake.mutex.
+ * Memory order. The model is sequentially consistent: threads take their steps one after another.
+ * The code uses seq_cst for the run flag (async_loop_started), and a start reads in_loop with
+ * seq_cst. The other accesses are:
+ *   - relaxed: async_loop. A thread that joins by it holds loop_thread.mutex. The new thread
+ *     stores it before it answers under handshake.mutex, and then its starter locks that mutex.
+ *   - relaxed: loop_thread.self. A thread only compares it with its own number.
+ *   - relaxed: in_loop and eloopthread where a loop starts and ends. A start that reads an old
+ *     in_loop fails as if it had come earlier, or makes a thread that reads in_loop again under
+ *     loops.mutex. A thread that finds its own number in eloopthread has stored it itself.
+ *   - plain: waiting and start_error. The starter changes them before it makes the thread. Then
+ *     only the thread changes them, and the starter reads them under handshake.mutex.
  * So no property depends on the order of two weaker accesses.
  */
 
@@ -46,7 +45,7 @@ byte self = NO_THREAD;    /* loop_thread.self */
 bool channel_open;        /* ping_fd isn't kNoFd */
 bool has_byte;
 bool loops_mutex;
-byte timer = NO_THREAD;   /* Whose handshake's timer is on the context's list. */
+byte timer = NO_THREAD;   /* The thread whose handshake's timer is on the context's list. */
 
 bool loop_thread_mutex;
 bool handshake_exists;
@@ -55,13 +54,13 @@ bool cond_waits;
 bool waiting;
 bool start_error;
 
-bool may_fail = true;     /* A start of a loop, */
+bool may_fail = true;     /* Each of these may happen once. */
 bool may_lack_memory = true;
 bool may_lack_thread = true;
-bool may_wake = true;     /* and a wait without a signal. */
+bool may_wake = true;     /* A wait returns without a signal. */
 byte handler_calls;
 
-byte made;                /* For the assertions: so many threads, from 1 on. */
+byte made;                /* For the assertions: the number of threads, counted from 1. */
 bool fired[4], cancelled[4], finished[4], joined[4];
 byte calls_under_way;
 
@@ -94,7 +93,7 @@ inline clear_run_flag() {
     }
 }
 
-/* channel_cancel(); the gate around it is the subject of gate.pml. */
+/* channel_cancel(); gate.pml has the gate around it. */
 inline cancel() {
     clear_run_flag();
     atomic {
@@ -309,7 +308,7 @@ inline call_back(me) {
     fi
 }
 
-/* The passes of run_loop(): descriptor handlers, then the timer; or sleep. */
+/* The passes of run_loop(): descriptor handlers, then the timer; or the loop sleeps. */
 inline iterate_until_cancelled(me) {
     do
     :: !run_flag -> break
@@ -407,7 +406,7 @@ proctype SynchronousLoop() {
     fi
 }
 
-/* Once nothing else can go on: all calls have returned, and a loop that sleeps isn't cancelled. */
+/* Runs when no other process can: all calls have returned, and no sleeping loop is cancelled. */
 proctype Last() {
     byte thread, known;
     timeout;
