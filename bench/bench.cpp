@@ -37,8 +37,8 @@ std::vector<Entry>& entries() {
     return all;
 }
 
-// A system call that fails and that those who count look for. The text is ready before, so that
-// only the call counts.
+// Makes a failing system call at which the tools begin or stop counting. The text is ready before,
+// so that only the call is added to the count.
 void mark(char kind, std::string& text) {
     text[0] = kind;
     if (kind == 'B') CALLGRIND_ZERO_STATS;
@@ -47,8 +47,8 @@ void mark(char kind, std::string& text) {
     if (kind == 'E') puts(text.c_str());
 }
 
-// Some peers leave the upper halves of the vector registers in use, for which all SSE code after
-// them pays.
+// Some peers leave the upper halves of the vector registers in use, which slows down all SSE code
+// after them.
 #if defined(__x86_64__)
 __attribute__((target("avx"))) void clear_upper_halves() {
     if (__builtin_cpu_supports("avx")) __builtin_ia32_vzeroupper();
@@ -155,7 +155,7 @@ void add(const std::string& row, const std::string& peer, std::function<void(Loo
 
 }  // namespace bench
 
-// Each program's table of operations.
+// Each program defines this with its operations.
 void register_operations();
 
 int main(int argc, char** argv) {

@@ -1,9 +1,9 @@
-// What the benchmarks share: a registry of operations and the loop that measures one.
+// The common part of the benchmarks: a registry of operations and the loop that measures one.
 //
-// An operation is one row of the table done by one peer. It sets itself up and then works for as
-// long as next() says so. Timed by Google Benchmark, or with BENCH_COUNT in the environment run a
-// fixed number of rounds between two marks, at which strace, callgrind and the plugin for qemu
-// count.
+// An operation is one row of the table for one peer. It sets itself up and then works as long as
+// next() returns true. Google Benchmark measures its time. If BENCH_COUNT is in the environment, it
+// instead runs a fixed number of rounds between two marks, and strace, callgrind and the plugin for
+// qemu count between these.
 #ifndef TESSRA_BENCH_BENCH_H
 #define TESSRA_BENCH_BENCH_H
 
@@ -28,18 +28,18 @@ class Loop {
 public:
     explicit Loop(benchmark::State* state) : state_(state) {}
 
-    // True if there is another round to do. Starts the clock at first, and stops it in the end.
+    // True if there is another round to do. The first call starts the clock, the last one stops it.
     bool next();
 
-    // Does rounds of `body` until the end.
+    // Runs `body` in each round.
     template <class Body>
     void each(Body body) {
         while (next()) body();
     }
 
-    // The time of the round that was just done, for operations of Clock::kOwn.
+    // Sets the time of the last round, for operations of Clock::kOwn.
     void took(double seconds);
-    // Additional memory that the operation has used at its peak.
+    // Sets the additional memory that the operation has used at its peak.
     void peak(double kib);
 
     static bool counting();
@@ -54,23 +54,23 @@ private:
 };
 
 enum class Clock {
-    kCpu,   // Of the thread that measures.
-    kWall,  // Where several threads work.
-    kOwn,   // The operation tells, see Loop::took().
+    kCpu,   // CPU time of the thread that measures.
+    kWall,  // Elapsed time, if several threads work.
+    kOwn,   // The operation measures; see Loop::took().
 };
 
 struct Settings {
-    double items = 1;  // What one round does: the table tells the time of each.
+    double items = 1;  // Units per round; the table shows the time of one.
     Clock clock = Clock::kCpu;
-    unsigned rounds = 20;  // When counted; 0 not to.
+    unsigned rounds = 20;  // Of a run that counts; 0 leaves the operation out.
 };
 
-// Registers what `peer` does for a row of the table. The library goes by "tessra"; what nobody can
-// beat begins with "bare".
+// Registers the operation of `peer` for a row of the table. The library's name is "tessra", and the
+// name of a raw limit begins with "bare".
 void add(const std::string& row, const std::string& peer, std::function<void(Loop&)> operation,
          Settings settings = {});
 
-// Keeps the compiler from leaving out what computes the value.
+// Keeps the compiler from removing the code that computes the value.
 template <class Value>
 void keep(const Value& value) {
     asm volatile("" : : "g"(&value) : "memory");
@@ -96,20 +96,20 @@ inline double thread_seconds() {
     return double(now.tv_sec) + double(now.tv_nsec) * 1e-9;
 }
 
-// What a process has used, CPU time with that of its children.
+// The CPU time of a process with that of its children, and its peak of memory.
 struct Cost {
     double seconds;
     double kib;
 };
 Cost wait_for(pid_t pid);
 
-// A command of the shell in a folder, with `out` as its standard output.
+// Runs a shell command in a folder, with `out` as its standard output.
 Cost run_command(const char* command, const char* folder, int out);
 
-// False, and a word about it, if there is no such program.
+// If there is no such program, prints a line and returns false.
 bool has_program(const std::string& program);
 
-// The same numbers in every run.
+// Generates the same numbers in every run.
 class Random {
 public:
     uint32_t operator()() {

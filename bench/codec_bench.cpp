@@ -1,4 +1,4 @@
-// CRC-32, Base64 and the DNS codec beside those of others.
+// CRC-32, Base64 and the DNS codec compared with those of others.
 #include <arpa/nameser.h>
 #include <netinet/in.h>
 #include <resolv.h>
@@ -180,7 +180,7 @@ const Codec kDecode[] = {
 #endif
 };
 
-// What one writes without a thought.
+// The obvious loop, not optimised.
 __attribute__((noinline, optimize("no-tree-vectorize"))) void byte_loop(char* text, size_t size) {
     for (size_t n = 0; n < size; n++) {
         if (text[n] == '+') {
@@ -191,7 +191,7 @@ __attribute__((noinline, optimize("no-tree-vectorize"))) void byte_loop(char* te
     }
 }
 
-// There and back, so that each finds something to do.
+// Converts the text and converts it back, so that each call finds characters to replace.
 const Codec kUrlSafe[] = {
     {"tessra",
      [](const Data& d) {
@@ -216,7 +216,7 @@ void add_codecs(const std::string& row, const Codec (&codecs)[kCount],
     }
 }
 
-// The whole command of coreutils on the same bytes in a file.
+// Adds the whole command of coreutils, which reads the same bytes from a file.
 void add_base64_command(const std::string& size, const std::shared_ptr<Data>& data) {
     if (Loop::counting() || !has_program("base64")) return;
     const std::string folder = std::filesystem::temp_directory_path();
@@ -240,7 +240,7 @@ void add_base64_command(const std::string& size, const std::shared_ptr<Data>& da
             data->text_size);
 }
 
-// A reply with two aliases and an address, as a name server packs it: names as pointers.
+// Makes a reply with two aliases and an address. The names are pointers, as name servers pack them.
 std::vector<uint8_t> reply() {
     std::vector<uint8_t> message = {0x12, 0x34, 0x81, 0x80, 0, 1, 0, 3, 0, 0, 0, 0};
     const auto put = [&](std::initializer_list<uint8_t> bytes) {
@@ -354,7 +354,7 @@ void register_operations() {
         add_codecs(std::string("Base64, encode ") + name, kEncode, data);
         add_codecs(std::string("Base64, decode ") + name, kDecode, data);
         if (size == sizes[std::size(sizes) - 1].size) add_base64_command(name, data);
-        // It changes the text.
+        // These operations change the text, so they get data of their own.
         add_codecs(std::string("Base64, URL-safe and back ") + name, kUrlSafe,
                    std::make_shared<Data>(size));
     }

@@ -1,4 +1,4 @@
-// List, tree, tables, string hash and allocation tracker beside the containers of others.
+// List, tree, tables, string hash and allocation tracker compared with the containers of others.
 #include <cstring>
 #include <list>
 #include <map>
@@ -33,7 +33,7 @@ namespace bench {
 
 namespace {
 
-// 1 to count in a random order.
+// Returns the numbers from 1 to `count` in a random order.
 std::vector<uintptr_t> shuffled(size_t count) {
     std::vector<uintptr_t> all(count);
     std::iota(all.begin(), all.end(), 1);
@@ -46,7 +46,7 @@ void* pointer(uintptr_t number) { return reinterpret_cast<void*>(number); }
 
 int compare(void* a, void* b) { return int(a > b) - int(a < b); }
 
-// Adapters with insert(key), find(key), remove(key); each compares with a called function.
+// Adapters with insert(key), find(key), remove(key). Each compares by calling a function.
 struct TessraTree {
     BinaryTree* tree = BT_create(compare);
     ~TessraTree() { BT_delete(tree); }
@@ -110,7 +110,7 @@ template <class Tree>
 void add_tree(const char* peer, size_t count) {
     const std::string name = "tree of " + std::to_string(count);
     const auto keys = std::make_shared<std::vector<uintptr_t>>(shuffled(count));
-    // Counting the largest would take ten times as long as the one before, and tell nothing new.
+    // Counting the largest would take ten times as long as the one before, and show nothing new.
     const unsigned rounds = count > 100000 ? 0 : count > 1000 ? 1 : 3;
     const Settings settings = {double(count), Clock::kCpu, rounds};
     add(
@@ -199,7 +199,7 @@ void add_list(const char* peer, size_t count) {
         settings);
 }
 
-// Tables from strings to pointers, with get(key).
+// Tables that map strings to pointers, with get(key).
 struct TessraTable {
     hashtable_t* table;
     TessraTable(const std::vector<std::string>& keys, unsigned load)
@@ -274,7 +274,7 @@ void add_table(const char* peer, size_t count, unsigned load) {
         {double(count), Clock::kCpu, 2});
 }
 
-// lookup2 as its author wrote it, B. Jenkins 1996.
+// lookup2 as its author B. Jenkins wrote it in 1996.
 #define MIX(a, b, c)                                                                             \
     a -= b, a -= c, a ^= c >> 13, b -= c, b -= a, b ^= a << 8, c -= a, c -= b, c ^= b >> 13,     \
         a -= b, a -= c, a ^= c >> 12, b -= c, b -= a, b ^= a << 16, c -= a, c -= b, c ^= b >> 5, \
@@ -345,8 +345,8 @@ void add_hash(size_t length) {
 #endif
 }
 
-// The tree's insertion and removal step by step, as its header tells them: every climb goes to the
-// root, and a removal that also wants to know the entry searches twice.
+// The tree's insertion and removal step by step, as its header describes them: every climb goes to
+// the root, and a removal that also needs the entry searches twice.
 struct PlainTree {
     BinaryTree* tree = BT_create(compare);
     void insert(void* key, void* data) {
@@ -369,8 +369,8 @@ struct PlainTree {
     }
 };
 
-// What the tracker does for a pair of calls, and a dump, written without a thought: records in a
-// tree, two searches for a removal, a search for each block and tree of a dump.
+// The tracker's work for a pair of calls and for a dump, not optimised: records in a tree, two
+// searches for a removal, a search for each block and tree of a dump.
 struct PlainTracker {
     PlainTree records;
     BinaryTree* const live = records.tree;
@@ -405,7 +405,7 @@ struct PlainTracker {
 
 void no_log(int, char*, ...) {}
 
-// The library's, which there is once in a process.
+// The library's tracker, of which a process has one.
 struct TessraTracker {
     void add(void* block) { add_allocation(block, "file.c", 1, 16); }
     void remove(void* block) { remove_allocation(block); }

@@ -1,8 +1,8 @@
-// Random operations on the public interface, as a transcript that depends on nothing but the seeds:
-// two builds of the library that print the same behave the same. See scripts/differential.
+// Does random operations on the public interface and prints a transcript that depends only on the
+// seeds. Two builds of the library that print the same behave the same. See scripts/differential.
 //
 //     differential FIRST COUNT     a digest for each area and seed
-//     differential SEED            every line, to see where two builds part
+//     differential SEED            every line, to see where two builds differ
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/select.h>
@@ -55,8 +55,8 @@ __attribute__((format(printf, 1, 2))) void note(const char* format, ...) {
     if (all_lines) puts(line);
 }
 
-// Loops. This program is their clock and their select(): where that would sleep, something changes
-// as if by another thread, and the time of the wait or a part of it passes.
+// Loops. This program is their clock and their select(). Where select() would sleep, it makes
+// changes as another thread could, and adds the time of the wait or a part of it to the clock.
 unsigned long long clock_ms;
 event_loop_ctx_tp context;
 unsigned waits_left, watchers_left;
@@ -103,7 +103,7 @@ void act() {
             return event_timer_del_mc(context, handler, below(9) != 0 ? arg : nullptr);
         case 6:
             return note("armed %d", event_timer_exists_mc(context, handler, arg));
-        case 7:  // A handler that adds a watcher to the walk it is on must not do so for ever.
+        case 7:  // Limited: a handler that always adds to its own walk would never return.
             if (watchers_left == 0 || --watchers_left == 0) return;
             return event_fd_add_mc(context, on_byte, arg, pipes[pipe],
                                    int(below(4)) * EVENT_FD_READ % 3);
@@ -130,7 +130,7 @@ void act() {
 void loops() {
     context = event_mc_init();
     clock_ms = 5000;
-    // A signal that nobody watches is caught all the same, so that none ends this process.
+    // Both signals are caught from now on, so that neither terminates this process if unwatched.
     event_signal_add_mc(context, on_signal, &waits_left, SIGUSR1);
     event_signal_add_mc(context, on_signal, &waits_left, SIGUSR2);
     pipes.resize(12);
@@ -233,7 +233,7 @@ void list() {
     LL_delete(list);
 }
 
-// The blocks of the tracker are numbers, which it never follows.
+// The blocks of the tracker are numbers, which it never dereferences.
 void log_report(int level, char* format, ...) {
     char line[500];
     va_list arguments;
@@ -246,7 +246,7 @@ void log_report(int level, char* format, ...) {
 void tracker() {
     static const char* const kFiles[] = {"a.c", "bb.c", "ccc.c"};
     static uintptr_t base = 0;
-    base += 1U << 20;  // What earlier rounds have left is in the reports, too.
+    base += 1U << 20;  // The blocks of earlier rounds are in the reports, too.
     for (int n = 0; n < 2000; n++) {
         void* const block = reinterpret_cast<void*>(base + 16 * below(500));
         if (below(5) < 3) {
@@ -276,7 +276,7 @@ void codecs() {
         note_bytes(back.data(), back.size());
     }
 
-    // Three records of any length are the most that a reply can make the parser look at.
+    // A reply has at most three records, but each of these can have any length.
     static char packet[1 << 19];
     char name[80] = "";
     const unsigned letters = 1 + below(sizeof name - 2);
@@ -309,7 +309,7 @@ void codecs() {
 }
 
 void archives() {
-    char top[200];  // The same for both builds.
+    char top[200];  // Both builds run in the same folder.
     if (getcwd(top, sizeof top) == nullptr) abort();
     std::vector<std::string> names(1 + below(6));
     std::vector<const char*> files;

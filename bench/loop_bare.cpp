@@ -1,4 +1,4 @@
-// The raw limit: select() on sets that are built once, and a walk over what is ready.
+// The raw limit: select() on sets that are built once, and a walk over the ready descriptors.
 #include <sys/select.h>
 #include <sys/signalfd.h>
 
@@ -46,9 +46,9 @@ struct Bare {
     }
     void stop() { running = false; }
 
-    // The calls of a change that is two bytes, each of which is a pass, however the watchers are
-    // kept: one look at the descriptor, the bytes, a wait for each, one read for all bytes that are
-    // there.
+    // The calls of a change that writes two bytes and needs a pass for each, however the watchers
+    // are stored: one look at the descriptor, the bytes, a wait for each, one read for all that
+    // have come.
     void change(bool) {
         keep(fcntl(watchers.back().fd, F_GETFD));
         channel.put(), channel.put();
@@ -68,7 +68,7 @@ struct Bare {
     }
 };
 
-// A byte to a thread in select() and an answer.
+// Sends a byte to a thread in select(), which answers with a byte.
 void wake(Loop& loop) {
     Pipe up, down;
     std::thread thread([&] {
@@ -105,8 +105,8 @@ void signals(Loop& loop) {
     sigprocmask(SIG_UNBLOCK, &set, nullptr);
 }
 
-// What arming and deleting a timer from any thread takes whatever the list is made of: the clock, a
-// block, and a list's lock with the one that guards its owner, taken twice.
+// Makes the calls of arming and deleting a timer from any thread, however the list is made: a clock
+// reading, a block, and twice the list's lock with the lock that guards its owner.
 void timer_calls(Loop& loop, unsigned count) {
     pthread_mutex_t list = PTHREAD_MUTEX_INITIALIZER, owner = PTHREAD_MUTEX_INITIALIZER;
     const auto lock_and_unlock = [&] {

@@ -1,4 +1,4 @@
-// Event loops. A peer that isn't installed is left out, see CMakeLists.txt.
+// Event loops. A peer that isn't installed is left out; see CMakeLists.txt.
 #include <sys/resource.h>
 
 #include <cstdio>
@@ -12,7 +12,7 @@ TESSRA_BENCH_LOOPS
 }  // namespace bench
 
 void register_operations() {
-    // As high as a shell command may meet it, and enough for 480 pipes.
+    // A shell command may run with a limit as high as this, which is enough for 480 pipes.
     rlimit limit;
     getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = limit.rlim_max;

@@ -13,7 +13,7 @@ namespace bench {
 
 namespace {
 
-// Its loop belongs to the thread.
+// The loop belongs to the calling thread.
 struct Ivykis {
     static constexpr bool kBlockedSignals = false;
 

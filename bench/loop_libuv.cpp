@@ -55,7 +55,7 @@ struct Libuv {
         Hook hook{};
         Timer() = default;
         Timer(const Timer&) = delete;
-        // Its loop may be gone already, and with it the handle.
+        // No destructor stops the timer: the loop may be gone already, and the handle with it.
         void arm(Libuv& peer, unsigned ms, Hook due) {
             hook = due;
             if (timer == nullptr) {

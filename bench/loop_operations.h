@@ -1,15 +1,15 @@
-// The operations on event loops, once for all peers. A peer is a class with
+// The operations on event loops, the same for all peers. A peer is a class with
 //
-//     watch(fd, hook)            call when readable, for good
+//     watch(fd, hook)            calls the hook whenever fd is readable
 //     struct Timer               arm(peer, ms, hook), one shot; disarm(peer); reusable
 //     run(), stop()              stop() from a hook
 //
 // and, if it can, struct Waker (Waker(peer, hook), wake() from any thread), signal(number, hook),
 // child(pid, hook), post(hook) from any thread, and
 //
-//     change(bool)               the descriptor watched last: for reading, or for writing as well
-//     pass(changes)              the passes that the loop makes after so many changes; none waits
-//     inside(hook)               calls from where it allows pass(), if not anywhere
+//     change(bool)               watches the last descriptor for reading, or for writing as well
+//     pass(changes)              makes the passes of the loop after so many changes, without a wait
+//     inside(hook)               calls the hook in a place that allows pass(), if not all do
 #ifndef TESSRA_BENCH_LOOP_OPERATIONS_H
 #define TESSRA_BENCH_LOOP_OPERATIONS_H
 
@@ -41,7 +41,7 @@ Hook hook(Object* object) {
     return {[](void* arg) { (static_cast<Object*>(arg)->*method)(); }, object};
 }
 
-// A byte goes through all pipes, one event each.
+// Sends a byte through all pipes, one event each.
 template <class Peer>
 struct Chain {
     struct Link {
@@ -54,7 +54,7 @@ struct Chain {
     std::vector<Link> links;
     Peer peer{};
 
-    // `watched` descriptors, of which the first `active` carry the byte.
+    // Watches `watched` descriptors, of which the first `active` carry the byte.
     Chain(Loop& measured, unsigned watched, unsigned active) : loop(measured), links(watched) {
         for (unsigned n = 0; n < watched; n++) {
             links[n].chain = this;
@@ -90,7 +90,7 @@ inline std::vector<unsigned> numbers(unsigned count, Order order) {
 
 inline void nothing(void*) {}
 
-// Added with deadlines in an order, and deleted in another. None is due.
+// Adds timers with deadlines in an order and deletes them in an order of that kind. None is due.
 template <class Peer>
 void add_and_delete(Loop& loop, Peer& peer, unsigned count, Order order) {
     std::vector<typename Peer::Timer> timers(count);
@@ -104,7 +104,7 @@ void add_and_delete(Loop& loop, Peer& peer, unsigned count, Order order) {
     });
 }
 
-// The same from a handler of a running loop, where an add may have to wake it.
+// Does the same in a handler of a running loop, where an add may have to wake the loop.
 template <class Peer>
 struct Inside {
     Loop& loop;
@@ -155,14 +155,14 @@ struct Rearm {
     }
 };
 
-// Changes, and what the loop does for them afterwards.
+// Makes changes, and then the passes that the loop needs after them.
 template <class Peer>
 struct Changes {
     Loop& loop;
     unsigned in_a_burst;
     Peer peer{};
     bool writes = false;
-    // The idle descriptors are one pipe's, so that 900 stay below the limit of the sets.
+    // All idle descriptors are of one pipe, so that 900 stay below the limit of fd_set.
     Changes(Loop& measured, unsigned idle, unsigned burst) : loop(measured), in_a_burst(burst) {
         const Pipe pipe;
         std::vector<int> fds(idle);
@@ -183,7 +183,7 @@ struct Changes {
     }
 };
 
-// A loop on a thread of its own, and this thread that has it do something `burst` times.
+// A loop on a thread of its own. This thread makes it do something once or kBurst times.
 template <class Peer>
 struct FromOutside {
     static constexpr unsigned kBurst = 100;

@@ -29,7 +29,7 @@ struct Tessra {
     void run() { (void)et_event_loop_mc(ctx); }
     void stop() { cancel_loop_mc(ctx); }
 
-    // A delete and an add, each of which owes a pass.
+    // Deletes and adds the watcher; each of the two needs a pass.
     void change(bool writes) {
         const int type = writes ? EVENT_FD_READ | EVENT_FD_WRITE : EVENT_FD_READ;
         event_fd_del_mc(ctx, last_fd);
@@ -64,7 +64,7 @@ struct Tessra {
     };
 };
 
-// Children are watched by the default context's loop, once in the life of a process.
+// The default context's loop watches children, once in the life of a process.
 struct Default {
     static constexpr bool kBlockedSignals = false;
 
@@ -73,7 +73,7 @@ struct Default {
         return 0;
     }
     Hook hook{};
-    // The first child may end before its watcher is there, so SIGCHLD is caught from the start.
+    // The first child may exit before its watcher is added, so SIGCHLD is caught from the start.
     Default() {
         event_process_add(0x7fffffff, on_child, &hook);
         event_process_del(0x7fffffff);
@@ -110,7 +110,7 @@ void children(Loop& loop) {
     }
 }
 
-// Both spend their time in the shell.
+// event_system() and system() spend their time in the shell.
 void shell(Loop& loop, int (*run)(const char*)) {
     loop.each([run] { (void)run("true"); });
 }

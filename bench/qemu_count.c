@@ -1,7 +1,7 @@
 /*
- * A plugin for qemu-user that counts what a bench program executes between its marks: prints a line
- * with the instructions for every second write(-1, ...) to the file that its argument names. The
- * names are in what the program prints.
+ * A plugin for qemu-user that counts the instructions of a bench program between its marks. For
+ * every second write(-1, ...) it prints a line with the count to the file that its argument names.
+ * The program itself prints the names of the operations.
  *
  * Debian packages no header for plugins; the declarations are those of version 1 of the interface.
  */
@@ -35,7 +35,7 @@ static uint64_t executed, at_begin;
 static int inside;
 static FILE* out;
 
-/* Each instruction by itself, so that a block that is left early counts as far as it went. */
+/* Counts each instruction by itself, so that a block that is left early counts as far as it ran. */
 static void on_translation(plugin_id id, struct qemu_plugin_tb* block) {
     (void)id;
     for (size_t n = 0; n < qemu_plugin_tb_n_insns(block); n++) {

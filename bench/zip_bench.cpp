@@ -1,6 +1,6 @@
-// The streaming ZIP writer beside other archivers, in process and as commands, and beside the same
-// system calls without a checksum. Each archive is made by a process of its own, whose CPU time
-// counts and whose peak of memory is told.
+// The streaming ZIP writer compared with other archivers, in process and as commands, and with the
+// same system calls without a checksum. Each archive is made by a process of its own, of which the
+// CPU time and the peak of memory are measured.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -66,7 +66,7 @@ void write_tessra(const Tree& tree, int out) {
     szip_free_info(plan);
 }
 
-// The same calls with the same sizes: stat, three writes about each file's data, two in the
+// Makes the same calls with the same sizes: stat, three writes around each file's data, two in the
 // directory.
 void write_bare(const Tree& tree, int out) {
     std::vector<char> buffer(kChunk);
@@ -129,7 +129,7 @@ void write_libarchive(const Tree& tree, int out) {
 #endif
 
 #ifdef BENCH_HAS_minizip
-// Seeks back to each header, so never to a pipe.
+// minizip seeks back to each header, so it never writes to a pipe.
 void write_minizip(const Tree& tree, int) {
     zipFile archive = zipOpen64("/dev/null", APPEND_STATUS_CREATE);
     std::vector<char> buffer(kChunk);
@@ -148,7 +148,7 @@ void write_minizip(const Tree& tree, int) {
 }
 #endif
 
-// What /proc says of this process, in KiB.
+// Returns a field of /proc/self/status, in KiB.
 double memory(const char* field) {
     std::ifstream status("/proc/self/status");
     for (std::string line; std::getline(status, line);) {
@@ -174,7 +174,7 @@ Cost in_child(Writer writer, const Tree& tree, int out) {
     return cost;
 }
 
-// A place to write to, with someone who takes it all.
+// Takes all that is written: /dev/null, or a pipe that a thread reads.
 class Output {
 public:
     explicit Output(bool piped) {
@@ -220,7 +220,7 @@ void add_writer(const Tree& tree, bool piped, const char* peer, Writer writer) {
         {1, Clock::kOwn, 1});
 }
 
-// A whole command in the folder. What it prints is the archive, if the archive goes to a pipe.
+// Adds a whole command, run in the folder. If the archive goes to a pipe, the command prints it.
 void add_command(const Tree& tree, bool piped, const char* peer, const char* command) {
     if (Loop::counting()) return;
     if (strcmp(peer, "tessra") != 0 && !has_program({peer, strcspn(peer, " ")})) return;
@@ -247,7 +247,7 @@ void add_tree(const Tree& tree) {
         if (!piped) add_writer(tree, piped, "minizip", write_minizip);
 #endif
     }
-    // The library's filter among the commands.
+    // The commands, among them the library's filter.
     add_command(tree, true, "tessra", "ls -U | " TESSRA_BENCH_ZIPSTREAM " - 2>/dev/null");
     add_command(tree, true, "zip -0", "ls -U | exec zip -q -0 - -@");
     add_command(tree, true, "bsdtar",
@@ -255,7 +255,7 @@ void add_tree(const Tree& tree) {
     add_command(tree, true, "python3 zipfile",
                 "exec python3 -c 'import os, sys, zipfile\nwith zipfile.ZipFile(sys.stdout.buffer, "
                 "\"w\") as z:\n for n in os.listdir(): z.write(n)'");
-    // This one goes back in what it has written.
+    // 7-Zip seeks back in its archive, so these commands write to a file.
     add_command(tree, false, "tessra",
                 "ls -U | " TESSRA_BENCH_ZIPSTREAM " - 2>/dev/null >../bench.zip");
     add_command(tree, false, "7zz -mx0",

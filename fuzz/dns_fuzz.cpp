@@ -1,5 +1,5 @@
-// The parsers of replies, beside those of the C library. An input is what came from the network; it
-// lies in a block of exactly the longest message, whose rest is zero. Its text makes a request too.
+// Compares the parsers of replies with those of the C library. An input is a reply, in a block of
+// exactly the longest message, whose rest is zero. Its text is also the name of a request.
 #include <arpa/nameser.h>
 #include <tessra/dns.h>
 
@@ -9,13 +9,13 @@
 #include <string>
 
 constexpr size_t kMaxMessageBytes = 65535;
-constexpr int kUnknown = 2;  // The C library refuses it, or no reply to our requests looks so.
+constexpr int kUnknown = 2;  // The C library refuses it, or it can't answer our requests.
 
 static void check(bool holds) {
     if (!holds) abort();
 }
 
-// Whether the library sees a name or a pointer here as well, as dns_parse_reply() tells.
+// Whether the library also takes this for a name or a pointer; see dns_parse_reply().
 static bool is_clear_owner(const uint8_t* owner, const ns_rr& record) {
     if (owner[0] >= NS_CMPRSFLGS) return true;
     if (owner[0] <= 1 && owner[2 * owner[0]] == 0) return ns_rr_class(record) == ns_c_in;

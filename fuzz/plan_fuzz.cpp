@@ -1,6 +1,6 @@
-// The archive plan's paths: an input is a byte, then strings, each up to a NUL: base, zbase and the
-// files. This program is the file system: every path exists, one that ends in 'd' is a directory,
-// and the byte says how large files are. Names, sizes and failures are computed once more.
+// Checks the archive plan's paths. An input is a byte, then strings, each up to a NUL: base, zbase
+// and the files. This program is the file system: every path exists, one that ends in 'd' is a
+// directory, and the byte sets the size of files. A model computes names, sizes and failures again.
 #include <sys/stat.h>
 #include <tessra/szip.h>
 
@@ -26,7 +26,7 @@ uint64_t size_of(const std::string& path) {
     return sizes < 128 ? 0 : uint64_t{path.size()} << (sizes - 128) % 57;
 }
 
-/** Plan and archive as the header tells them. */
+/** Plan and archive as the header describes them. */
 struct Model {
     std::vector<std::string> names;
     uint64_t bytes = 0, names_bytes = 0;

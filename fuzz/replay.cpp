@@ -1,4 +1,4 @@
-// Stands for libFuzzer where it isn't linked: runs the target once with each file that is named.
+// Replaces libFuzzer where it isn't linked: runs the target once with each file that is named.
 #include <cstdint>
 #include <cstdio>
 #include <vector>
@@ -12,9 +12,9 @@ int main(int argc, char** argv) {
         if (!file) return perror(argv[n]), 1;
         input.resize(fread(input.data(), 1, input.size(), file));
         fclose(file);
-        input.shrink_to_fit();  // A sanitizer then sees the input's end.
+        input.shrink_to_fit();  // A sanitizer then knows the input's end.
         LLVMFuzzerTestOneInput(input.data(), input.size());
     }
     printf("%d inputs\n", argc - 1);
-    return argc > 1 ? 0 : 1;  // A corpus that isn't found is no success.
+    return argc > 1 ? 0 : 1;  // A missing corpus is a failure.
 }

@@ -1,5 +1,5 @@
-// The timers against their model: the bytes decide what is added and deleted, how each wait ends
-// and when the clock jumps. This program is the loop's clock and its select().
+// Compares the timers with their model. The bytes decide which are added and deleted, how each wait
+// ends and when the clock jumps. This program is the loop's clock and its select().
 #include <sys/select.h>
 #include <sys/syscall.h>
 #include <time.h>

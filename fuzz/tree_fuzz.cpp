@@ -1,5 +1,5 @@
-// The tree against std::map: each pair of bytes is an operation and its key. After each one the
-// shape is right, and the cursor stands where it should.
+// Compares the tree with std::map. Each pair of bytes is an operation and its key. The shape is
+// checked after each operation, and the cursor's position whenever the cursor moves.
 #include <tessra/binarytree.h>
 
 #include <cstdint>
@@ -34,7 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     BinaryTree* const tree = BT_create(compare);
     BinaryTreeEnum* const cursor = BT_newenum(tree);
     std::map<void*, void*, std::greater<>> model;
-    auto at = model.end();  // The end stands for before the first.
+    auto at = model.end();  // The end means before the first entry.
     const auto datum = [&] { return at == model.end() ? nullptr : at->second; };
     for (size_t n = 0; n + 1 < size; n += 2) {
         void* const key = reinterpret_cast<void*>(uintptr_t{1} + data[n + 1]);
