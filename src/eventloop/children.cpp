@@ -1,9 +1,13 @@
-// Child watchers, on top of the one SIGCHLD watcher of the process.
+#include "eventloop/children.h"
 
 #include <sys/wait.h>
 #include <syslog.h>
 
-#include "eventloop/eventloop_private.h"
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+#include "eventloop/all_contexts.h"
 #include "eventloop/watch_list.h"
 #include "internal/alloc.h"
 
@@ -11,29 +15,23 @@ namespace tessra {
 
 namespace {
 
-// A watcher that has fired while an outer walk has it pinned stays on the list for that walk to
-// reap. It is gone for everyone else: a delete must not find it.
-constexpr int kReported = 2;
+struct process_t {
+    list_t list;
+    int pid;
+    process_handler_t handler;
+    void* arg;
+    int pins;
+    Mark mark;
+};
 
 constinit std::atomic<int> handler_registered{0};
 
-// The one context whose children SIGCHLD looks after: that of the first call, until it is freed.
-// The first call stores it; contexts_mutex keeps it from being freed while SIGCHLD looks at it.
-constinit std::atomic<event_loop_ctx_t*> child_context{nullptr};
-// A handler of that context's child walk has freed the context. The walk's thread only.
-constinit bool child_walk_over = false;
-
-// Registers the SIGCHLD watcher on the first use. Under the lock that the registration takes
-// anyway, so that two first calls at the same moment make one watcher.
-bool register_sigchld_once(event_loop_ctx_tp el_ctx) {
-    if (handler_registered.load(std::memory_order_acquire) != 0) return true;
-    const ListLock lock(default_el_ctx.eventlists_mutex);
-    if (handler_registered.load(std::memory_order_relaxed) != 0) return true;
-    if (!signal_add(&default_el_ctx, event_sigchld_hndlr, nullptr, SIGCHLD)) return false;
-    child_context.store(el_ctx);
-    handler_registered.store(1, std::memory_order_release);
-    return true;
-}
+// Those whom SIGCHLD looks after: those of the first call, until their context is freed. The first
+// call stores them; contexts_mutex keeps their context from being freed while SIGCHLD looks at
+// them.
+constinit std::atomic<Children*> watched{nullptr};
+// A handler of their walk has freed their context. The walk's thread only.
+constinit bool walk_over = false;
 
 void log_end(int pid, int status) {
     const bool exited = WIFEXITED(status);
@@ -41,11 +39,12 @@ void log_end(int pid, int status) {
            exited ? WEXITSTATUS(status) : WTERMSIG(status));
 }
 
-// Off the list, then the handler, then the end of the record; but a pinned record stays linked.
+// Takes the record off the list, runs the handler, and frees the record. A record that an outer
+// walk has pinned stays linked: that walk frees it.
 void report_and_drop(process_t* child, int status) {
-    const bool pinned = child->locked != 0;
+    const bool pinned = child->pins != 0;
     if (pinned) {
-        child->to_be_deleted = kReported;
+        child->mark = Mark::kReported;
     } else {
         list_delete(&child->list);
     }
@@ -62,83 +61,95 @@ void collect_if_ended(process_t* child) {
     report_and_drop(child, status);
 }
 
-// Takes the lock of the watched context's children; null if there is no such context any more. The
-// lock is taken before contexts_mutex is given back, so that no thread frees the context in
-// between.
-event_loop_ctx_t* lock_child_context() {
+// Takes the lock of the watched children; null if there are none any more. The lock is taken before
+// contexts_mutex is given back, so that no thread frees their context in between.
+Children* lock_watched() {
     const MutexLock lock(contexts_mutex);
-    event_loop_ctx_t* const el_ctx = child_context.load();
-    if (el_ctx != nullptr) el_ctx->processlist_mutex.lock();
-    return el_ctx;
+    Children* const children = watched.load();
+    if (children != nullptr) children->mutex().lock();
+    return children;
+}
+
+void event_sigchld_hndlr(int /*signal*/, siginfo_t* /*info*/, void* run) {
+    Children* const children = lock_watched();
+    if (children != nullptr) children->collect(*static_cast<const Run*>(run));
 }
 
 }  // namespace
 
-// One SIGCHLD can stand for several children, so each is tried.
-void event_sigchld_hndlr(int /*signal*/, siginfo_t* /*info*/, void* /*arg*/) {
-    event_loop_ctx_t* const el_ctx = lock_child_context();
-    if (el_ctx == nullptr) return;
+void Children::collect(const Run& run) {
     bool lasts = true;
     pinned_walk<process_t, CountedPins>(
-        el_ctx->process_queue, [](const process_t*) { return true; },
-        [&lasts](process_t* child) {
+        queue_, [](const process_t*) { return true; },
+        [&lasts, &run](process_t* child) {
             collect_if_ended(child);
-            lasts = !child_walk_over && is_running_here(default_el_ctx);
+            lasts = !walk_over && run.is_here();
             return lasts;
         });
-    if (lasts) el_ctx->processlist_mutex.unlock();
+    if (lasts) mutex_.unlock();
 }
 
-void leave_child_walks(event_loop_ctx_tp el_ctx) {
-    ListMutex& mutex = el_ctx->processlist_mutex;
-    while (mutex.is_held()) {
-        child_walk_over = true;
-        mutex.unlock();
-    }
+// Under the lock that the registration takes anyway, so that two first calls at the same moment
+// make one watcher.
+bool Children::register_sigchld_once(Signals& signals, const Run& run) {
+    if (handler_registered.load(std::memory_order_acquire) != 0) return true;
+    const ListLock lock(signals.mutex());
+    if (handler_registered.load(std::memory_order_relaxed) != 0) return true;
+    if (!signals.add(event_sigchld_hndlr, const_cast<Run*>(&run), SIGCHLD)) return false;
+    watched.store(this);
+    handler_registered.store(1, std::memory_order_release);
+    return true;
 }
 
-void forget_child_context_locked(event_loop_ctx_tp el_ctx) {
-    if (child_context.load() == el_ctx) child_context.store(nullptr);
-}
-
-void children_forget_parent() {
-    handler_registered.store(0, std::memory_order_relaxed);
-    child_context.store(nullptr);
-    child_walk_over = false;
-}
-
-void process_free(event_loop_ctx_tp el_ctx) {
-    const ListLock lock(el_ctx->processlist_mutex);
-    free_all<process_t>(el_ctx->process_queue);
-}
-
-}  // namespace tessra
-
-using namespace tessra;
-
-void event_process_add_mc(event_loop_ctx_tp el_ctx, int pid, process_handler_t handler, void* arg) {
+bool Children::add(Signals& signals, const Run& run, int pid, process_handler_t handler,
+                   void* arg) {
     auto* child = new_record<process_t>();
-    if (child == nullptr) return;
-    *child = {{}, pid, handler, arg, 0, 0};
-    if (!register_sigchld_once(el_ctx)) {
+    if (child == nullptr) return false;
+    *child = {{}, pid, handler, arg, 0, Mark::kNone};
+    if (!register_sigchld_once(signals, run)) {
         const ErrnoKeeper keep_errno;
         free(child);
-        return;
+        return false;
     }
-    const ChangeLock lock(el_ctx, el_ctx->processlist_mutex);
-    list_add_tail(&el_ctx->process_queue, &child->list);
+    const Change change(*channel_, mutex_);
+    list_add_tail(&queue_, &child->list);
+    return true;
 }
 
-void event_process_add(int pid, process_handler_t handler, void* arg) {
-    event_process_add_mc(&default_el_ctx, pid, handler, arg);
-}
-
-void event_process_del_mc(event_loop_ctx_tp el_ctx, int pid) {
-    const ChangeLock lock(el_ctx, el_ctx->processlist_mutex);
-    auto* child = find_first<process_t>(el_ctx->process_queue, [pid](const process_t* candidate) {
-        return candidate->pid == pid && candidate->to_be_deleted != kReported;
+void Children::del(int pid) {
+    const Change change(*channel_, mutex_);
+    auto* child = find_first<process_t>(queue_, [pid](const process_t* candidate) {
+        return candidate->pid == pid && candidate->mark != Mark::kReported;
     });
     if (child != nullptr) delete_or_mark(child);
 }
 
-void event_process_del(int pid) { event_process_del_mc(&default_el_ctx, pid); }
+void Children::free_all() {
+    const ListLock lock(mutex_);
+    tessra::free_all<process_t>(queue_);
+}
+
+void Children::unwatch_contexts_locked() {
+    if (watched.load() == this) watched.store(nullptr);
+}
+
+void Children::leave_walks() {
+    while (mutex_.is_held()) {
+        walk_over = true;
+        mutex_.unlock();
+    }
+}
+
+// Nobody may hold the lock here but a walk of the parent's.
+void Children::forget_parent() {
+    list_init(&queue_);
+    new (&mutex_) ListMutex;
+}
+
+void children_forget_parent() {
+    handler_registered.store(0, std::memory_order_relaxed);
+    watched.store(nullptr);
+    walk_over = false;
+}
+
+}  // namespace tessra

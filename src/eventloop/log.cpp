@@ -1,8 +1,8 @@
-// The four messages of the main loop, for the platform's logging library.
+#include "eventloop/log.h"
 
 #include <cstring>
 
-#include "eventloop/eventloop_private.h"
+#include "internal/guards.h"
 
 extern "C" {
 int logzone_enabled(int zone, int level);
@@ -20,12 +20,12 @@ constexpr char kFunction[] = "et_event_loop_mc";
 
 }  // namespace
 
-void log_start_failure(const char* text, int line) {
-    const ErrnoKeeper keep_errno;  // It tells the caller why the start failed.
+void log_start_failure(const StartFailure& failure) {
+    const ErrnoKeeper keep_errno;  // From errno the caller reads why the start failed.
     if (!logzone_enabled(kLogTessra, kLogLevel)) return;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    __vask_log(kLogTessra, kLogLevel, text, kLogLevel, kSource, kFunction, line);
+    __vask_log(kLogTessra, kLogLevel, failure.text, kLogLevel, kSource, kFunction, failure.line);
 #pragma GCC diagnostic pop
 }
 

@@ -1,9 +1,8 @@
-// Shell commands, and background tasks that run one at most once in a while.
+// Shell commands.
 
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
-#include <sys/sysinfo.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,7 +10,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "eventloop/eventloop_private.h"
+#include "eventloop/dispositions.h"
+#include "internal/export.h"
+#include "internal/guards.h"
+#include "tessra/eventloop.h"
 
 namespace tessra {
 
@@ -177,35 +179,13 @@ __attribute__((format(printf, 2, 0))) int format_and_run(const char** env, const
     return close_fds_system(buffer, env);
 }
 
-unsigned int uptime_seconds() {
-    struct sysinfo info = {};
-    (void)sysinfo(&info);
-    return static_cast<unsigned int>(info.uptime);
-}
-
-void task_spawn_timer(void* arg) {
-    auto* task = static_cast<bg_task_t*>(arg);
-    const unsigned int uptime = uptime_seconds();
-    const unsigned int tdiff = uptime - task->last_ran;
-    if (tdiff >= task->minimum_delay) {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-security"
-        (void)event_system(task->command_line);
-#pragma GCC diagnostic pop
-        task->last_ran = uptime;  // Of the start: the delay counts from start to start.
-    } else {
-        const unsigned int wait_ms = (task->minimum_delay - tdiff) * 1000U;
-        event_timer_add(task_spawn_timer, task, wait_ms);
-    }
-}
-
 }  // namespace
 
 }  // namespace tessra
 
 using namespace tessra;
 
-int event_system(const char* format, ...) {
+TESSRA_EXPORTED int event_system(const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
     const int status = format_and_run(nullptr, format, arguments);
@@ -213,19 +193,10 @@ int event_system(const char* format, ...) {
     return status;
 }
 
-int event_system_env(const char** env, const char* format, ...) {
+TESSRA_EXPORTED int event_system_env(const char** env, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
     const int status = format_and_run(env, format, arguments);
     va_end(arguments);
     return status;
-}
-
-void run_bg_task(bg_task_t* tospawn) {
-    if (tospawn == nullptr) {
-        errno = EINVAL;
-        return;
-    }
-    if (event_timer_exists(task_spawn_timer, tospawn)) return;
-    event_timer_add(task_spawn_timer, tospawn, 0);
 }

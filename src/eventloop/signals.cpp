@@ -1,17 +1,26 @@
-// Signal watchers: a caught signal travels through the channel and becomes an ordinary event.
+#include "eventloop/signals.h"
 
-#include "eventloop/eventloop_private.h"
+#include <cerrno>
+
+#include "eventloop/dispositions.h"
 #include "eventloop/watch_list.h"
 #include "internal/alloc.h"
 
 namespace tessra {
 
-pthread_mutex_t disposition_mutex = PTHREAD_MUTEX_INITIALIZER;
-
 namespace {
 
+struct event_signal_t {
+    list_t list;
+    signal_handler_t handler;
+    void* arg;
+    int signal;
+    int pins;
+    Mark mark;
+};
+
 // The one function of the library that runs in signal context.
-void event_signal_cb(int sig, siginfo_t* info, void* /*ctx*/) { channel_send_signal(sig, *info); }
+void event_signal_cb(int sig, siginfo_t* info, void* /*ctx*/) { send_to_running_loops(sig, *info); }
 
 bool catch_signal(int signal) {
     struct sigaction action = {};
@@ -25,58 +34,43 @@ bool catch_signal(int signal) {
 
 }  // namespace
 
-bool signal_add(event_loop_ctx_tp el_ctx, signal_handler_t handler, void* arg, int signal) {
+bool Signals::add(signal_handler_t handler, void* arg, int signal) {
     if (signal < 1 || signal > kMaxSignal) {
         errno = EINVAL;
         return false;
     }
     auto* watcher = new_record<event_signal_t>();
     if (watcher == nullptr) return false;
-    *watcher = {{}, handler, arg, signal, 0, 0};
-    const ChangeLock lock(el_ctx, el_ctx->eventlists_mutex);
+    *watcher = {{}, handler, arg, signal, 0, Mark::kNone};
+    const Change change(*channel_, *mutex_);
     if (!catch_signal(signal)) {
         const ErrnoKeeper keep_errno;
         free(watcher);
         return false;
     }
-    list_add_tail(&el_ctx->signal_queue, &watcher->list);
+    list_add_tail(&queue_, &watcher->list);
     return true;
 }
 
-void run_signal_watchers_locked(event_loop_ctx_tp el_ctx, int signal, siginfo_t& info) {
-    pinned_walk<event_signal_t, CountedPins>(
-        el_ctx->signal_queue,
-        [signal](const event_signal_t* watcher) { return watcher->signal == signal; },
-        [el_ctx, &info](const event_signal_t* watcher) {
-            watcher->handler(watcher->signal, &info, watcher->arg);
-            return is_running_here(*el_ctx);
-        });
-}
-
-void event_signal_free(event_loop_ctx_tp el_ctx) {
-    const ListLock lock(el_ctx->eventlists_mutex);
-    free_all<event_signal_t>(el_ctx->signal_queue);
-}
-
-}  // namespace tessra
-
-using namespace tessra;
-
-void event_signal_add_mc(event_loop_ctx_tp el_ctx, signal_handler_t handler, void* arg,
-                         int signal) {
-    (void)signal_add(el_ctx, handler, arg, signal);  // errno tells.
-}
-
-void event_signal_add(signal_handler_t handler, void* arg, int signal) {
-    event_signal_add_mc(&default_el_ctx, handler, arg, signal);
-}
-
-void event_signal_del_mc(event_loop_ctx_tp el_ctx, int signal) {
-    const ChangeLock lock(el_ctx, el_ctx->eventlists_mutex);
+void Signals::del(int signal) {
+    const Change change(*channel_, *mutex_);
     auto* watcher = find_first<event_signal_t>(
-        el_ctx->signal_queue,
-        [signal](const event_signal_t* candidate) { return candidate->signal == signal; });
+        queue_, [signal](const event_signal_t* candidate) { return candidate->signal == signal; });
     if (watcher != nullptr) delete_or_mark(watcher);
 }
 
-void event_signal_del(int signal) { event_signal_del_mc(&default_el_ctx, signal); }
+void Signals::free_all() {
+    const ListLock lock(*mutex_);
+    tessra::free_all<event_signal_t>(queue_);
+}
+
+void Signals::run_watchers_locked(const Run& run, int signal, siginfo_t& info) {
+    pinned_walk<event_signal_t, CountedPins>(
+        queue_, [signal](const event_signal_t* watcher) { return watcher->signal == signal; },
+        [&run, &info](const event_signal_t* watcher) {
+            watcher->handler(watcher->signal, &info, watcher->arg);
+            return run.is_here();
+        });
+}
+
+}  // namespace tessra

@@ -1,5 +1,3 @@
-// The default context's loop on a thread of its own.
-//
 // The lock is held by a start until the new thread has answered, and by a stop until the thread has
 // been joined. So starts and stops follow one another, and the thread's identity is taken out only
 // after the join. Handlers on that thread, and a logger that tells of its failed start, may call
@@ -11,11 +9,14 @@
 // come before another loop can run on the context. `waiting` is the condition's predicate. The
 // timer clears it, or the thread does if its loop didn't get that far.
 
+#include "eventloop/thread.h"
+
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "eventloop/eventloop_private.h"
+#include "eventloop/loop.h"
 
 namespace tessra {
 
@@ -31,12 +32,13 @@ struct LoopThread {
     lock_cond_t handshake;
     // The new thread alone changes these during a start.
     bool waiting;
-    int start_error;  // Why the loop didn't get to its answer; 0 if it did.
-    // The thread's identity until its end, for itself alone. async_loop lasts longer, and its value
+    int start_error;                 // Why the loop didn't get to its answer; 0 if it did.
+    std::atomic<pthread_t> to_join;  // The thread's identity until the join.
+    // The thread's identity until its end, for itself alone. `to_join` lasts longer, and its value
     // may be the identity of a new thread by then.
     std::atomic<pthread_t> self;
 };
-constinit LoopThread loop_thread = {PTHREAD_MUTEX_INITIALIZER, {}, false, 0, {}};
+constinit LoopThread loop_thread = {PTHREAD_MUTEX_INITIALIZER, {}, false, 0, kNoThread, kNoThread};
 
 // A failing step of the handshake means that the process is broken.
 [[noreturn]] void fail(int error, const char* text, int line) {
@@ -56,12 +58,12 @@ void answer(lock_cond_t& handshake) {
 }
 
 bool arm_handshake() {
-    return timer_add(&default_el_ctx, event_loop_wait_for_async_loop_ready, &loop_thread.handshake,
-                     0);
+    return default_el_ctx.timers.add(event_loop_wait_for_async_loop_ready, &loop_thread.handshake,
+                                     0);
 }
 
 void* event_loop_thread(void* /*arg*/) {
-    default_el_ctx.async_loop.store(pthread_self(), std::memory_order_relaxed);
+    loop_thread.to_join.store(pthread_self(), std::memory_order_relaxed);
     loop_thread.self.store(pthread_self(), std::memory_order_relaxed);
     const int result = run_loop(default_el_ctx, arm_handshake);
     if (loop_thread.waiting) {
@@ -75,10 +77,10 @@ void* event_loop_thread(void* /*arg*/) {
 bool is_loop_thread() { return is_caller(loop_thread.self.load(std::memory_order_relaxed)); }
 
 void join_locked() {
-    const pthread_t thread = default_el_ctx.async_loop.load(std::memory_order_relaxed);
+    const pthread_t thread = loop_thread.to_join.load(std::memory_order_relaxed);
     if (thread == kNoThread) return;
     (void)pthread_join(thread, nullptr);
-    default_el_ctx.async_loop.store(kNoThread, std::memory_order_relaxed);
+    loop_thread.to_join.store(kNoThread, std::memory_order_relaxed);
 }
 
 // Makes the thread and waits for its answer. Returns 0, or the number of the error.
@@ -106,51 +108,39 @@ int run_handshake_locked() {
 
 // Returns 0, or the number of the error.
 int start_locked() {
-    if (default_el_ctx.async_loop_started.load() != 0) return EBUSY;
+    if (default_el_ctx.run.keeps_running()) return EBUSY;
     join_locked();
-    if (default_el_ctx.in_loop.load()) return EBUSY;  // It was cancelled, but hasn't returned.
+    if (default_el_ctx.run.is_active()) return EBUSY;  // It was cancelled, but hasn't returned.
     return run_handshake_locked();
 }
 
 }  // namespace
 
+int start_loop_thread() {
+    const CancelDisabled no_cancel;
+    if (default_el_ctx.run.keeps_running() || is_loop_thread()) return EBUSY;
+    const MutexLock lock(loop_thread.mutex);
+    return start_locked();
+}
+
+void stop_loop_thread() {
+    const CancelDisabled no_cancel;
+    if (is_loop_thread()) return default_el_ctx.run.cancel();
+    const MutexLock lock(loop_thread.mutex);
+    default_el_ctx.run.cancel();
+    join_locked();
+}
+
+void answer_handshake(void* handshake) {
+    if (handshake == nullptr) fail(0, "invalid parameter", __LINE__);
+    answer(*static_cast<lock_cond_t*>(handshake));
+}
+
 void thread_forget_parent() {
     loop_thread.mutex = PTHREAD_MUTEX_INITIALIZER;
     loop_thread.waiting = false;
-    default_el_ctx.async_loop.store(kNoThread, std::memory_order_relaxed);
+    loop_thread.to_join.store(kNoThread, std::memory_order_relaxed);
     loop_thread.self.store(kNoThread, std::memory_order_relaxed);
 }
 
 }  // namespace tessra
-
-using namespace tessra;
-
-int event_loop_async_start(void) {
-    const CancelDisabled no_cancel;
-    (void)register_fork_handlers();  // Before any lock; the loop's start fails without them.
-    int error = EBUSY;
-    if (default_el_ctx.async_loop_started.load() == 0 && !is_loop_thread()) {
-        const MutexLock lock(loop_thread.mutex);
-        error = start_locked();
-    }
-    if (error == 0) return 0;
-    errno = error;
-    return -1;
-}
-
-int event_loop_async_stop(void) {
-    const CancelDisabled no_cancel;
-    if (is_loop_thread()) {
-        cancel_loop();
-        return 0;
-    }
-    const MutexLock lock(loop_thread.mutex);
-    cancel_loop();
-    join_locked();
-    return 0;
-}
-
-void event_loop_wait_for_async_loop_ready(void* arg) {
-    if (arg == nullptr) fail(0, "invalid parameter", __LINE__);
-    answer(*static_cast<lock_cond_t*>(arg));
-}

@@ -1,30 +1,28 @@
 // The pinned walk: how handlers may change the list that is being walked.
 //
-// Every watcher record carries `locked` and `to_be_deleted`. With the list's mutex held throughout:
+// Every watcher record carries `pins` and a `mark`. With the list's mutex held throughout:
 //   - A walk pins an entry before it visits the one in front of it, and takes its pin back on
 //     arrival. While it visits an entry, the one pointer that it keeps is the pinned successor.
 //   - Deleting a pinned entry only marks it. The walk that arrives there frees it, unvisited, once
-//     no other walk has it pinned; what isn't pinned is freed at once.
+//     no other walk has it pinned. An entry that isn't pinned is freed at once.
 //   - The walk never touches an entry after visiting it, so a handler may delete its own.
 // A nested pass walks the same lists from inside a visit. So pins are counted: the inner walk gives
 // back its own pin only, and an entry that both have pinned lives until the outer walk gets there.
 #ifndef TESSRA_EVENTLOOP_WATCH_LIST_H
 #define TESSRA_EVENTLOOP_WATCH_LIST_H
 
-#include <cstddef>
 #include <cstdlib>
-#include <type_traits>
 
-#include "eventloop/eventloop_private.h"
+#include "internal/record_of.h"
+#include "tessra/list.h"
 
 namespace tessra {
 
-template <class Entry>
-Entry* entry_of(list_t* node) {
-    static_assert(std::is_standard_layout_v<Entry> && offsetof(Entry, list) == 0,
-                  "a node's address is its record's address");
-    return reinterpret_cast<Entry*>(node);
-}
+enum class Mark {
+    kNone,
+    kDeleted,
+    kReported,  // Of a child's watcher: its handler has run. No delete finds it any more.
+};
 
 // Timers are on other lists too, and have their own.
 template <class Entry>
@@ -41,8 +39,8 @@ void unlink_and_free(Entry* entry) {
 // The one rule of deletion.
 template <class Entry>
 void delete_or_mark(Entry* entry) {
-    if (entry->locked != 0) {
-        entry->to_be_deleted = 1;
+    if (entry->pins != 0) {
+        entry->mark = Mark::kDeleted;
     } else {
         unlink_and_free(entry);
     }
@@ -51,37 +49,37 @@ void delete_or_mark(Entry* entry) {
 // Pins of lists that nested walks share.
 struct CountedPins {
     static constexpr bool kLeftBehind = false;
-    static void pin(int& locked) { ++locked; }
-    static void unpin(int& locked) { --locked; }
+    static void pin(int& pins) { ++pins; }
+    static void unpin(int& pins) { --pins; }
 };
 
 // Pins of a list whose walk stops half-way and leaves one behind: arriving clears it, however old.
 struct FlagPins {
     static constexpr bool kLeftBehind = true;
-    static void pin(int& locked) { locked = 1; }
-    static void unpin(int& locked) { locked = 0; }
+    static void pin(int& pins) { pins = 1; }
+    static void unpin(int& pins) { pins = 0; }
 };
 
 inline list_t* skip_none(list_t* node) { return node; }
 
-// Walks from the first entry until `visit` returns false or the head is reached. An entry that it
-// doesn't want runs no foreign code, so there the walk needs no pin to come back to, and `skip` may
-// take it from an entry to a later one, or the head, past such ones. A marked one may be passed if
-// another walk has it pinned, which will free it.
+// Walks from the first entry until `visit` returns false or the head is reached. An entry that the
+// walk doesn't want runs no foreign code, so there the walk needs no pin to come back to. From such
+// an entry `skip` may take the walk past others of its kind, to a later entry or to the head. A
+// marked entry may be passed if another walk has it pinned, since that walk frees it.
 template <class Entry, class Pins, class Wants, class Visit, class Skip = list_t*(list_t*)>
 void pinned_walk(list_t& head, Wants wants, Visit visit, Skip skip = skip_none) {
     bool pinned = false;
     for (list_t* node = head.next;;) {
         if (!pinned && node != &head) node = skip(node);
         if (node == &head) return;
-        Entry* entry = entry_of<Entry>(node);
+        Entry* entry = record_of<Entry>(node);
         list_t* successor = node->next;
-        if (pinned || Pins::kLeftBehind) Pins::unpin(entry->locked);
-        pinned = !entry->to_be_deleted && wants(entry);
+        if (pinned || Pins::kLeftBehind) Pins::unpin(entry->pins);
+        pinned = entry->mark == Mark::kNone && wants(entry);
         if (pinned) {
-            if (successor != &head) Pins::pin(entry_of<Entry>(successor)->locked);
+            if (successor != &head) Pins::pin(record_of<Entry>(successor)->pins);
             if (!visit(entry)) return;
-        } else if (entry->to_be_deleted && entry->locked == 0) {
+        } else if (entry->mark != Mark::kNone && entry->pins == 0) {
             unlink_and_free(entry);
         }
         node = successor;
@@ -92,7 +90,7 @@ void pinned_walk(list_t& head, Wants wants, Visit visit, Skip skip = skip_none) 
 template <class Entry, class Matches>
 Entry* find_first(list_t& head, Matches matches) {
     for (list_t* node = head.next; node != &head; node = node->next) {
-        Entry* entry = entry_of<Entry>(node);
+        Entry* entry = record_of<Entry>(node);
         if (matches(entry)) return entry;
     }
     return nullptr;
@@ -102,7 +100,7 @@ Entry* find_first(list_t& head, Matches matches) {
 template <class Entry>
 void free_all(list_t& head) {
     list_t* node;
-    dll_foreach(node, &head) unlink_and_free(entry_of<Entry>(node));
+    dll_foreach(node, &head) unlink_and_free(record_of<Entry>(node));
 }
 
 }  // namespace tessra

@@ -4,6 +4,7 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include "internal/export.h"
 #include "internal/guards.h"
 #include "szip/records.h"
 #include "szip/szip_private.h"
@@ -184,8 +185,8 @@ void choose_mode(szip_info_t* info) {
 
 using namespace tessra;
 
-szip_info_t* szip_create_info(const char** files, unsigned int numfiles, const char* base,
-                              const char* zbase) {
+TESSRA_EXPORTED szip_info_t* szip_create_info(const char** files, unsigned int numfiles,
+                                              const char* base, const char* zbase) {
     if (files == nullptr || base == nullptr || zbase == nullptr || numfiles == 0) {
         errno = EINVAL;
         return nullptr;
@@ -202,7 +203,7 @@ szip_info_t* szip_create_info(const char** files, unsigned int numfiles, const c
     return info;
 }
 
-u_int64_t szip_calc_size(szip_info_t* info, int cdir) {
+TESSRA_EXPORTED u_int64_t szip_calc_size(szip_info_t* info, int cdir) {
     if (info == nullptr) {
         return 0;
     }
@@ -223,7 +224,7 @@ u_int64_t szip_calc_size(szip_info_t* info, int cdir) {
     return size;
 }
 
-void szip_free_info(szip_info_t* info) {
+TESSRA_EXPORTED void szip_free_info(szip_info_t* info) {
     if (info == nullptr) {
         return;
     }

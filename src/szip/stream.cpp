@@ -6,6 +6,7 @@
 
 #include <algorithm>
 
+#include "internal/export.h"
 #include "internal/guards.h"
 #include "szip/crc32.h"
 #include "szip/records.h"
@@ -164,8 +165,8 @@ ssize_t szip_dflt_write(void* arg, const void* buf, size_t count) {
 
 using namespace tessra;
 
-int szip_stream_zip(szip_info_t* info, szip_write_func szip_write, void* warg,
-                    unsigned int chunk_size) {
+TESSRA_EXPORTED int szip_stream_zip(szip_info_t* info, szip_write_func szip_write, void* warg,
+                                    unsigned int chunk_size) {
     if (info == nullptr || szip_write == nullptr || chunk_size == 0) {
         errno = EINVAL;
         return 0;
@@ -173,6 +174,6 @@ int szip_stream_zip(szip_info_t* info, szip_write_func szip_write, void* warg,
     return stream_archive(info, {szip_write, warg}, chunk_size) ? 1 : 0;
 }
 
-int szip_stream_zip_fd(int fd, szip_info_t* info, unsigned int chunk_size) {
+TESSRA_EXPORTED int szip_stream_zip_fd(int fd, szip_info_t* info, unsigned int chunk_size) {
     return szip_stream_zip(info, szip_dflt_write, &fd, chunk_size);
 }

@@ -323,7 +323,7 @@ static PLAIN void prepare_and_tell() {
 // The name that pthread_atfork() calls, which each library has a copy of its own of.
 PLAIN int __register_atfork(void (*prepare)(void), void (*parent)(void), void (*child)(void),
                             void* library) {
-    if (is_in(code_of[0], __builtin_return_address(0))) {
+    if (prepare != nullptr && is_in(code_of[0], __builtin_return_address(0))) {
         prepare_library = prepare;
         prepare = prepare_and_tell;
     }

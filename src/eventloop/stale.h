@@ -1,0 +1,25 @@
+// Whether the loop has to make its own copy of something again.
+#ifndef TESSRA_EVENTLOOP_STALE_H
+#define TESSRA_EVENTLOOP_STALE_H
+
+#include <atomic>
+
+namespace tessra {
+
+// A thread that changes the list sets this flag, then writes a wake-up byte. If one pass misses the
+// flag, the byte causes another pass, which sees it. A start sets the flag as well, since nobody
+// may have been there to wake.
+class Stale {
+public:
+    constexpr explicit Stale(bool stale) : stale_(stale) {}
+    explicit operator bool() const { return stale_.load(std::memory_order_relaxed); }
+    void set() { stale_.store(true, std::memory_order_relaxed); }
+    void clear() { stale_.store(false, std::memory_order_relaxed); }
+
+private:
+    std::atomic<bool> stale_;
+};
+
+}  // namespace tessra
+
+#endif
