@@ -214,13 +214,12 @@ TEST(Szip, LongerArchiveThanAnOffsetCountsIsPlanned) {
     const struct {
         std::vector<uint64_t> sizes;
         bool fits;
-    } rows[] =
-        {
-            {{longest - 98 - 150}, true},   {{longest - 98 - 149}, false},
-            {{0, longest - 398}, true},     {{longest - 397, 0}, false},
-            {{longest - 75, 0}, false},  // The second entry begins at the largest offset.
-            {{longest, longest, 2}, false},
-        };
+    } rows[] = {
+        {{longest - 98 - 150}, true},   {{longest - 98 - 149}, false},
+        {{0, longest - 398}, true},     {{longest - 397, 0}, false},
+        {{longest - 75, 0}, false},  // The second entry begins at the largest offset.
+        {{longest, longest, 2}, false}, {{longest - 248, longest}, false},  // The sums wrap.
+    };
     const Tree tree;
     fakes.after_stat = [](const char* path, struct stat64* info) {
         info->st_size = off64_t(told_sizes[size_t(path[strlen(path) - 1] - '0')]);

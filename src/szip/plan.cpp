@@ -154,13 +154,18 @@ bool plan_entries(szip_info_t* info, const char** files, const char* base, const
         }
         upi->local_offset = offset;
         info->zip64 |= exceeds_32_bits(upi->size);
-        const size_t name = strlen(upi->rel);
-        const uint64_t local = kLocalFixed + name + upi->size;
-        offset += local;
-        length += local + kCentralFixed + name;
-        if ((upi->size | length) > kMaxArchive) {
+        // Both are kMaxArchive at most, so that their sum with the records doesn't wrap around.
+        if (upi->size > kMaxArchive) {
             return fail(EFBIG);
         }
+        const size_t name = strlen(upi->rel);
+        const uint64_t records = kLocalFixed + kCentralFixed + 2 * name;
+        offset += kLocalFixed + name + upi->size;
+        length += upi->size;
+        if (length > kMaxArchive - records) {
+            return fail(EFBIG);
+        }
+        length += records;
     }
     return true;
 }
