@@ -3,10 +3,10 @@
 #include "tessra/dns.h"
 
 #include <arpa/inet.h>
-#include <stdlib.h>
-#include <string.h>
 
 #include <cstddef>
+#include <cstdlib>
+#include <cstring>
 
 namespace tessra {
 

@@ -32,7 +32,7 @@ struct Live {
     BinaryTreeNode node;
     _allocation record;
 };
-static_assert(sizeof(void*) != 4 || sizeof(Live) == 44, "the header tells the cost");
+static_assert(sizeof(void*) != 4 || sizeof(Live) == 44, "the header states the cost");
 
 Live* live_of(BinaryTreeNode* node) { return reinterpret_cast<Live*>(node); }
 
@@ -130,7 +130,7 @@ bool count_record(BinaryTree* allocations_by_file, _allocation* record) {
     BinaryTree* allocations_by_line = groups_of_file(allocations_by_file, record->file);
     auto* first = static_cast<_allocation*>(BT_find(allocations_by_line, key_of(record->line)));
     if (first != nullptr) {
-        first->count++;
+        ++first->count;
         return true;
     }
     record->count = 1;

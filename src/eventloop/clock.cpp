@@ -3,6 +3,7 @@
 #include <time.h>
 
 #include <cstdint>
+
 #include "internal/export.h"
 
 using namespace tessra;

@@ -13,8 +13,9 @@ class Stale {
 public:
     constexpr explicit Stale(bool stale) : stale_(stale) {}
     explicit operator bool() const { return stale_.load(std::memory_order_relaxed); }
-    void set() { stale_.store(true, std::memory_order_relaxed); }
-    void clear() { stale_.store(false, std::memory_order_relaxed); }
+    // In place: each is one store, and -Os would make calls of them.
+    [[gnu::always_inline]] void set() { stale_.store(true, std::memory_order_relaxed); }
+    [[gnu::always_inline]] void clear() { stale_.store(false, std::memory_order_relaxed); }
 
 private:
     std::atomic<bool> stale_;

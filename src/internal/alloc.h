@@ -3,8 +3,7 @@
 #ifndef TESSRA_INTERNAL_ALLOC_H
 #define TESSRA_INTERNAL_ALLOC_H
 
-#include <errno.h>
-
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <type_traits>
@@ -37,7 +36,7 @@ template <class Record>
 Record* new_records(size_t count) {
     static_assert(std::is_trivially_default_constructible_v<Record> &&
                       std::is_trivially_destructible_v<Record>,
-                  "zeroed memory is one, and free() ends it");
+                  "zeroed memory is a record, and free() releases it");
     return static_cast<Record*>(zeroed_block(count, sizeof(Record)));
 }
 

@@ -2,11 +2,12 @@
 #ifndef TESSRA_INTERNAL_GUARDS_H
 #define TESSRA_INTERNAL_GUARDS_H
 
-#include <errno.h>
 #include <pthread.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
 
 namespace tessra {
 
@@ -63,7 +64,20 @@ public:
     }
 
     explicit operator bool() const { return block_ != nullptr; }
-    void* get() const { return block_; }
+    char* bytes() const { return static_cast<char*>(block_); }
+
+    // Returns false if memory is short. The block is then as it was.
+    bool resize(size_t size) {
+        void* const moved = realloc(block_, size);
+        if (moved == nullptr) return false;
+        block_ = moved;
+        return true;
+    }
+    char* release() {
+        char* const bytes = static_cast<char*>(block_);
+        block_ = nullptr;
+        return bytes;
+    }
 
 private:
     void* block_;

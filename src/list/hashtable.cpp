@@ -8,26 +8,6 @@
 
 using namespace tessra;
 
-[[gnu::weak]] void list_free_items(list_t* l, list_destructor_t destructor) {
-    if (l == nullptr) return;
-    list_t* node;
-    dll_foreach(node, l) {
-        if (destructor != nullptr) {
-            destructor(node);
-        } else {
-            free(node);
-        }
-    }
-}
-
-[[gnu::alias("list_free_items")]] void tessra::free_items(list_t* head,
-                                                          list_destructor_t destructor);
-
-[[gnu::weak]] void list_free(list_t* l, list_destructor_t destructor) {
-    free_items(l, destructor);
-    free(l);
-}
-
 hashtable_t* hashtable_alloc(int elements) {
     constexpr size_t kHeads = offsetof(hashtable_t, hashlist);
     constexpr size_t kMostElements = (PTRDIFF_MAX - kHeads) / sizeof(hashlist_t);
@@ -41,7 +21,7 @@ hashtable_t* hashtable_alloc(int elements) {
     auto* ht = static_cast<hashtable_t*>(new_block(kHeads + count * sizeof(hashlist_t)));
     if (ht == nullptr) return nullptr;
     ht->size = elements;
-    for (size_t bucket = 0; bucket < count; bucket++) list_init(&ht->hashlist[bucket].list);
+    for (size_t bucket = 0; bucket < count; ++bucket) list_init(&ht->hashlist[bucket].list);
     return ht;
 }
 
@@ -67,7 +47,7 @@ void hashtable_iterate(hashtable_t* ht, hashtable_iterator_t iter, void* arg) {
 
 unsigned int hashtable_count(hashtable_t* ht) {
     unsigned int count = 0;
-    for_each<hashlist_t>(ht, [&count](hashlist_t*) { count++; });
+    for_each<hashlist_t>(ht, [&count](hashlist_t*) { ++count; });
     return count;
 }
 

@@ -2,25 +2,14 @@
 #ifndef TESSRA_LIST_HASHTABLE_PRIVATE_H
 #define TESSRA_LIST_HASHTABLE_PRIVATE_H
 
-#include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <type_traits>
 
 #include "internal/alloc.h"
+#include "internal/record_of.h"
 #include "tessra/list.h"
 
 namespace tessra {
-
-// Returns the record whose first member is the node. Node and record must have the same address,
-// since walks cast one to the other and free() gets the node.
-template <class Record>
-Record* record_of(list_t* node) {
-    static_assert(std::is_standard_layout_v<Record> && offsetof(Record, list) == 0,
-                  "a node's address is its record's address");
-    static_assert(std::is_trivially_destructible_v<Record>, "free() ends it");
-    return reinterpret_cast<Record*>(node);
-}
 
 // Private names of strhash() and list_free_items().
 unsigned int hash_of(const char* text);

@@ -1,16 +1,13 @@
 // The output of shell commands, and the device's variables, which two of its tools print.
 
-#include "tessra/misc.h"
-
 #include <fcntl.h>
 
-#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "internal/guards.h"
+#include "tessra/misc.h"
 
 namespace tessra {
 
@@ -18,32 +15,6 @@ namespace {
 
 // The size of the command text's buffer, and of each step in which the output is read.
 constexpr size_t kBlockSize = 1024;
-
-// A block of the heap. Its destructor doesn't change errno, which the caller reads after a failure.
-class Block : NotCopyable {
-public:
-    Block() : bytes_(static_cast<char*>(calloc(kBlockSize, 1))) {}
-    ~Block() {
-        const ErrnoKeeper keep_errno;
-        free(bytes_);
-    }
-
-    bool resize(size_t size) {
-        void* const moved = realloc(bytes_, size);
-        if (moved == nullptr) return false;
-        bytes_ = static_cast<char*>(moved);
-        return true;
-    }
-    char* release() {
-        char* const bytes = bytes_;
-        bytes_ = nullptr;
-        return bytes;
-    }
-    char* bytes() const { return bytes_; }
-
-private:
-    char* bytes_;
-};
 
 // The standard output of a shell command. The destructor waits until the shell has terminated.
 class Command : NotCopyable {
@@ -65,7 +36,7 @@ private:
 
 // Reads the whole output. The block is then larger than the output, so that a terminator fits.
 // Returns false if memory is short.
-bool read_all(const Command& command, Block& block, size_t& length) {
+bool read_all(const Command& command, HeapBlock& block, size_t& length) {
     length = 0;
     for (size_t size = kBlockSize;; size += kBlockSize) {
         if (!block.resize(size)) return false;
@@ -76,8 +47,8 @@ bool read_all(const Command& command, Block& block, size_t& length) {
 }
 
 __attribute__((format(printf, 1, 0))) char* output_of(const char* format, va_list arguments) {
-    Block block;
-    if (block.bytes() == nullptr) return nullptr;
+    HeapBlock block(kBlockSize);
+    if (!block) return nullptr;
     // If this fails, the buffer may hold a part of the command, which must not run.
     if (vsnprintf(block.bytes(), kBlockSize, format, arguments) < 0) return nullptr;
     const Command command(block.bytes());
@@ -87,14 +58,6 @@ __attribute__((format(printf, 1, 0))) char* output_of(const char* format, va_lis
     if (length != 0 && text[length - 1] == '\n') --length;
     text[length] = 0;
     return text;
-}
-
-// Parses a number and limits it to the range of an int, as strtol() does if a long has that range.
-int parse_int(const char* text, char** end) {
-    const long value = strtol(text, end, 10);
-    if (value > INT_MAX) return INT_MAX;
-    if (value < INT_MIN) return INT_MIN;
-    return static_cast<int>(value);
 }
 
 }  // namespace
@@ -114,18 +77,3 @@ char* system_output(const char* format, ...) {
 char* get_fw_printenv(const char* part) { return system_output("fw_printenv -n %s", part); }
 
 char* get_nrv_printenv(const char* part) { return system_output("nrv_printenv -n %s", part); }
-
-void get_hw_rev(int* major, int* minor) {
-    if (major == nullptr || minor == nullptr) return;
-    char* const text = get_nrv_printenv("hw_rev");
-    if (text == nullptr) {
-        *major = 0;
-        *minor = 0;
-        return;
-    }
-    char* end = nullptr;
-    *major = parse_int(text, &end);
-    if (*end != 0) ++end;  // The separator may be any character.
-    if (*end != 0) *minor = parse_int(end, nullptr);
-    free(text);
-}

@@ -2,11 +2,11 @@
 
 #include "tessra/create_pid_file.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 
 #include "misc/misc_private.h"

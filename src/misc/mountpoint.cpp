@@ -1,7 +1,5 @@
 // The table of mounted file systems.
 
-#include "tessra/misc.h"
-
 #include <fcntl.h>
 #include <mntent.h>
 
@@ -10,6 +8,7 @@
 #include <cstring>
 
 #include "internal/guards.h"
+#include "tessra/misc.h"
 
 namespace tessra {
 

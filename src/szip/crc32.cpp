@@ -1,9 +1,8 @@
 #include "szip/crc32.h"
 
-#include <string.h>
-
 #include <array>
 #include <bit>
+#include <cstring>
 
 namespace tessra {
 
@@ -24,15 +23,13 @@ using Row = std::array<uint32_t, 256>;
 // Row k holds the effect of a byte on the CRC when k more bytes follow it.
 constexpr std::array<Row, kStep> make_rows() {
     std::array<Row, kStep> rows{};
-    for (uint32_t byte = 0; byte < 256; byte++) {
+    for (uint32_t byte = 0; byte < 256; ++byte) {
         uint32_t crc = byte;
-        for (int bit = 0; bit < 8; bit++) {
-            crc = crc >> 1 ^ (crc & 1 ? kPolynomial : 0);
-        }
+        for (int bit = 0; bit < 8; ++bit) crc = crc >> 1 ^ (crc & 1 ? kPolynomial : 0);
         rows[0][byte] = crc;
     }
-    for (size_t k = 1; k < kStep; k++) {
-        for (uint32_t byte = 0; byte < 256; byte++) {
+    for (size_t k = 1; k < kStep; ++k) {
+        for (uint32_t byte = 0; byte < 256; ++byte) {
             const uint32_t crc = rows[k - 1][byte];
             rows[k][byte] = crc >> 8 ^ rows[0][crc & 0xff];
         }
@@ -87,9 +84,7 @@ uint32_t crc32_by_tables(uint32_t state, const uint8_t* p, size_t size) {
             state = a;
         }
     }
-    for (; size > 0; size--) {
-        state = add_byte(state, *p++);
-    }
+    for (; size > 0; --size) state = add_byte(state, *p++);
     return state;
 }
 

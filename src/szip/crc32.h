@@ -2,9 +2,10 @@
 #ifndef TESSRA_SZIP_CRC32_H
 #define TESSRA_SZIP_CRC32_H
 
-#include <stddef.h>
-#include <stdint.h>
 #include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
 
 namespace tessra {
 

@@ -33,9 +33,7 @@ TESSRA_CLMUL uint32_t finish(__m128i x, const uint8_t* p, size_t size) {
     const __m128i by_64 = _mm_set_epi64x(0, 0x163cd6124);
     const __m128i mu_poly = _mm_set_epi64x(0x1f7011641, 0x1db710641);
     const __m128i even_words = _mm_set_epi32(0, -1, 0, -1);
-    for (; size >= 16; p += 16, size -= 16) {
-        x = fold(x, by_128, load(p));
-    }
+    for (; size >= 16; p += 16, size -= 16) x = fold(x, by_128, load(p));
     x = _mm_xor_si128(_mm_srli_si128(x, 8), _mm_clmulepi64_si128(x, by_128, 0x10));
     x = _mm_xor_si128(_mm_srli_si128(x, 4),
                       _mm_clmulepi64_si128(_mm_and_si128(x, even_words), by_64, 0x00));
@@ -74,13 +72,13 @@ TESSRA_WIDE uint32_t crc32_by_wide_clmul(uint32_t state, const uint8_t* p, size_
     const __m256i by_1024 = _mm256_set_epi64x(0x14a7fe880, 0x1e88ef372, 0x14a7fe880, 0x1e88ef372);
     const __m256i by_256 = _mm256_set_epi64x(0x15a546366, 0x0f1da05aa, 0x15a546366, 0x0f1da05aa);
     __m256i x[4];
-    for (size_t n = 0; n < 4; n++) x[n] = load_pair(p + 32 * n);
+    for (size_t n = 0; n < 4; ++n) x[n] = load_pair(p + 32 * n);
     x[0] =
         _mm256_xor_si256(x[0], _mm256_zextsi128_si256(_mm_cvtsi32_si128(static_cast<int>(state))));
     for (p += 128, size -= 128; size >= 128; p += 128, size -= 128) {
-        for (size_t n = 0; n < 4; n++) x[n] = fold_pair(x[n], by_1024, load_pair(p + 32 * n));
+        for (size_t n = 0; n < 4; ++n) x[n] = fold_pair(x[n], by_1024, load_pair(p + 32 * n));
     }
-    for (size_t n = 1; n < 4; n++) x[n] = fold_pair(x[n - 1], by_256, x[n]);
+    for (size_t n = 1; n < 4; ++n) x[n] = fold_pair(x[n - 1], by_256, x[n]);
     const __m128i rest = join(x[3]);
     // The compiler omits this before a tail call. But as long as the upper halves of the vector
     // registers are in use, the caller's SSE code is several times slower.

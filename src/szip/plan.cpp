@@ -1,8 +1,9 @@
 // Planning turns a list of paths into names, sizes and offsets. It writes nothing.
-#include <errno.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 
 #include "internal/export.h"
 #include "internal/guards.h"
@@ -53,13 +54,9 @@ private:
 bool szip_util_abs_path(const char* file, const char* base, PathBuilder& path) {
     path.clear();
     if (file[0] != '/') {
-        if (base[0] != '/') {
-            path.append("/");
-        }
+        if (base[0] != '/') path.append("/");
         path.append(base);
-        if (!path.ends_in_slash()) {
-            path.append("/");
-        }
+        if (!path.ends_in_slash()) path.append("/");
     }
     path.append(file);
     return path.fits();
@@ -70,13 +67,9 @@ char* szip_util_relative(char* abs, const char* base) {
     char* p = abs + (abs[0] == '/');
     const char* b = base + (base[0] == '/');
     const size_t length = strlen(b);
-    if (strncmp(p, b, length) != 0) {
-        return nullptr;
-    }
+    if (strncmp(p, b, length) != 0) return nullptr;
     const bool at_boundary = length == 0 || b[length - 1] == '/' || p[length] == '/';
-    if (!at_boundary) {
-        return nullptr;
-    }
+    if (!at_boundary) return nullptr;
     p += length;
     return p + (*p == '/');
 }
@@ -118,15 +111,11 @@ bool fail(int error) {
 // Fills an entry except for its offset. The plan owns what this allocates, even after a failure.
 bool plan_entry(const char* path, const PathBuilder& builder, const char* zbase, szip_upi_t* upi) {
     struct stat st;
-    if (stat(path, &st) != 0) {
-        return false;
-    }
+    if (stat(path, &st) != 0) return false;
     const bool directory = S_ISDIR(st.st_mode);
     upi->size = directory ? 0 : static_cast<uint64_t>(st.st_size);
     upi->abs = strdup_append(path, directory && !builder.ends_in_slash() ? "/" : "");
-    if (upi->abs == nullptr) {
-        return false;
-    }
+    if (upi->abs == nullptr) return false;
     upi->time = st.st_mtime;
     upi->rel = szip_util_relative(upi->abs, zbase);
     return (upi->rel != nullptr && *upi->rel != '\0') || fail(EINVAL);
@@ -134,52 +123,38 @@ bool plan_entry(const char* path, const PathBuilder& builder, const char* zbase,
 
 bool plan_entries(szip_info_t* info, const char** files, const char* base, const char* zbase) {
     const HeapBlock buf(kPathBuffer);
-    if (!buf) {
-        return false;
-    }
-    auto* text = static_cast<char*>(buf.get());
+    if (!buf) return false;
+    char* const text = buf.bytes();
     PathBuilder path(text);
     uint64_t offset = 0;
     uint64_t length = kZip64End;  // The length of a ZIP64 archive of the entries so far.
-    for (unsigned int i = 0; i < info->count; i++) {
+    for (unsigned int i = 0; i < info->count; ++i) {
         szip_upi_t* upi = &info->upi[i];
-        if (files[i] == nullptr) {
-            return fail(EINVAL);
-        }
-        if (!szip_util_abs_path(files[i], base, path)) {
-            return fail(ENAMETOOLONG);
-        }
-        if (!plan_entry(text, path, zbase, upi)) {
-            return false;
-        }
+        if (files[i] == nullptr) return fail(EINVAL);
+        if (!szip_util_abs_path(files[i], base, path)) return fail(ENAMETOOLONG);
+        if (!plan_entry(text, path, zbase, upi)) return false;
         upi->local_offset = offset;
         info->zip64 |= exceeds_32_bits(upi->size);
         // Both are kMaxArchive at most, so that their sum with the records doesn't wrap around.
-        if (upi->size > kMaxArchive) {
-            return fail(EFBIG);
-        }
+        if (upi->size > kMaxArchive) return fail(EFBIG);
         const size_t name = strlen(upi->rel);
         const uint64_t records = kLocalFixed + kCentralFixed + 2 * name;
         offset += kLocalFixed + name + upi->size;
         length += upi->size;
-        if (length > kMaxArchive - records) {
-            return fail(EFBIG);
-        }
+        if (length > kMaxArchive - records) return fail(EFBIG);
         length += records;
     }
     return true;
 }
 
 void choose_mode(szip_info_t* info) {
-    if (info->zip64) {
-        return;
-    }
+    if (info->zip64) return;
     if (info->count > kMaxCount16 || exceeds_32_bits(szip_calc_size(info, 0))) {
         info->zip64 = 1;
         return;
     }
     // plan_entries() has computed the offsets for ZIP64 mode.
-    for (unsigned int i = 0; i < info->count; i++) {
+    for (unsigned int i = 0; i < info->count; ++i) {
         info->upi[i].local_offset -= uint64_t{kPlainSaving} * i;
     }
 }
@@ -197,9 +172,7 @@ TESSRA_EXPORTED szip_info_t* szip_create_info(const char** files, unsigned int n
         return nullptr;
     }
     szip_info_t* info = new_plan(numfiles);
-    if (info == nullptr) {
-        return nullptr;
-    }
+    if (info == nullptr) return nullptr;
     if (!plan_entries(info, files, base, zbase)) {
         szip_free_info(info);
         return nullptr;
@@ -209,19 +182,13 @@ TESSRA_EXPORTED szip_info_t* szip_create_info(const char** files, unsigned int n
 }
 
 TESSRA_EXPORTED u_int64_t szip_calc_size(szip_info_t* info, int cdir) {
-    if (info == nullptr) {
-        return 0;
-    }
+    if (info == nullptr) return 0;
     const bool whole = cdir == 0;
     uint64_t fixed = whole ? kLocalFixed + kCentralFixed : kCentralFixed;
     uint64_t size = 0;
-    if (!info->zip64) {
-        fixed -= whole ? 2 * kPlainSaving : kPlainSaving;
-    }
-    if (whole) {
-        size = info->zip64 ? kZip64End : kPlainEnd;
-    }
-    for (unsigned int i = 0; i < info->count; i++) {
+    if (!info->zip64) fixed -= whole ? 2 * kPlainSaving : kPlainSaving;
+    if (whole) size = info->zip64 ? kZip64End : kPlainEnd;
+    for (unsigned int i = 0; i < info->count; ++i) {
         const szip_upi_t* upi = &info->upi[i];
         const uint64_t name = strlen(upi->rel);
         size += fixed + (whole ? upi->size + 2 * name : name);
@@ -230,12 +197,8 @@ TESSRA_EXPORTED u_int64_t szip_calc_size(szip_info_t* info, int cdir) {
 }
 
 TESSRA_EXPORTED void szip_free_info(szip_info_t* info) {
-    if (info == nullptr) {
-        return;
-    }
+    if (info == nullptr) return;
     const ErrnoKeeper errno_keeper;
-    for (unsigned int i = 0; i < info->count; i++) {
-        free(info->upi[i].abs);
-    }
+    for (unsigned int i = 0; i < info->count; ++i) free(info->upi[i].abs);
     free(info);
 }

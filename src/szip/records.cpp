@@ -1,6 +1,6 @@
 #include "szip/records.h"
 
-#include <string.h>
+#include <cstring>
 
 namespace tessra {
 
@@ -119,9 +119,7 @@ void szip_create_local_extra(szip_extra_local_t* elh) {
 
 unsigned int szip_create_data_desc(const szip_info_t* info, const szip_upi_t* upi,
                                    szip_data_desc_t* dd) {
-    if (info->zip64) {
-        return fill_descriptor<szip_data64_desc_t, uint64_t>(upi, dd);
-    }
+    if (info->zip64) return fill_descriptor<szip_data64_desc_t, uint64_t>(upi, dd);
     return fill_descriptor<szip_data32_desc_t, uint32_t>(upi,
                                                          reinterpret_cast<szip_data32_desc_t*>(dd));
 }

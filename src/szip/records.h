@@ -5,9 +5,10 @@
 #ifndef TESSRA_SZIP_RECORDS_H
 #define TESSRA_SZIP_RECORDS_H
 
-#include <stddef.h>
-#include <stdint.h>
 #include <time.h>
+
+#include <cstddef>
+#include <cstdint>
 
 #include "szip/szip_private.h"
 

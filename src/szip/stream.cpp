@@ -1,10 +1,10 @@
 // Streaming writes the bytes of a planned archive, strictly forward.
-#include <errno.h>
 #include <fcntl.h>
-#include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 #include "internal/export.h"
 #include "internal/guards.h"
@@ -60,30 +60,22 @@ void fill_up(uint64_t left, void* buf, size_t chunk_size, const Sink& sink) {
 
 bool szip_stream_single_file(szip_upi_t* upi, const Sink& sink, unsigned int chunk_size) {
     const HeapBlock buf(chunk_size);
-    if (!buf) {
-        return false;
-    }
+    if (!buf) return false;
     const UniqueFd file(open_to_read(upi->abs));
-    if (!file) {
-        return false;
-    }
+    if (!file) return false;
     upi->crc32 = 0;
     uint64_t left = upi->size;
     while (left != 0) {
         const auto wanted = static_cast<size_t>(std::min<uint64_t>(left, chunk_size));
-        const ssize_t got = read_some(file.get(), buf.get(), wanted);
-        if (got < 0) {
-            return false;
-        }
+        const ssize_t got = read_some(file.get(), buf.bytes(), wanted);
+        if (got < 0) return false;
         if (got == 0) {
-            fill_up(left, buf.get(), chunk_size, sink);
+            fill_up(left, buf.bytes(), chunk_size, sink);
             return false;
         }
         const auto towrite = static_cast<size_t>(got);
-        upi->crc32 = calc_crc32(upi->crc32, buf.get(), towrite);
-        if (!sink.take(buf.get(), towrite)) {
-            return false;
-        }
+        upi->crc32 = calc_crc32(upi->crc32, buf.bytes(), towrite);
+        if (!sink.take(buf.bytes(), towrite)) return false;
         left -= towrite;
     }
     return true;
@@ -93,19 +85,13 @@ bool stream_entry(const szip_info_t* info, szip_upi_t* upi, const Sink& sink,
                   unsigned int chunk_size) {
     szip_local_header_t header;
     szip_create_local_header(info, upi, &header);
-    if (!sink.take(&header, sizeof header) || !sink.take_name(upi)) {
-        return false;
-    }
+    if (!sink.take(&header, sizeof header) || !sink.take_name(upi)) return false;
     if (info->zip64) {
         szip_extra_local_t extra;
         szip_create_local_extra(&extra);
-        if (!sink.take(&extra, sizeof extra)) {
-            return false;
-        }
+        if (!sink.take(&extra, sizeof extra)) return false;
     }
-    if (upi->size != 0 && !szip_stream_single_file(upi, sink, chunk_size)) {
-        return false;
-    }
+    if (upi->size != 0 && !szip_stream_single_file(upi, sink, chunk_size)) return false;
     szip_data_desc_t descriptor;
     const unsigned int size = szip_create_data_desc(info, upi, &descriptor);
     return sink.take(&descriptor, size);
@@ -114,12 +100,8 @@ bool stream_entry(const szip_info_t* info, szip_upi_t* upi, const Sink& sink,
 bool stream_central_entry(const szip_info_t* info, const szip_upi_t* upi, const Sink& sink) {
     szip_central_header_t header;
     szip_create_central_entry(info, upi, &header);
-    if (!sink.take(&header, sizeof header) || !sink.take_name(upi)) {
-        return false;
-    }
-    if (!info->zip64) {
-        return true;
-    }
+    if (!sink.take(&header, sizeof header) || !sink.take_name(upi)) return false;
+    if (!info->zip64) return true;
     szip_extra_central_t extra;
     szip_create_central_extra(upi, &extra);
     return sink.take(&extra, sizeof extra);
@@ -128,28 +110,20 @@ bool stream_central_entry(const szip_info_t* info, const szip_upi_t* upi, const 
 bool stream_zip64_end(szip_info_t* info, const Sink& sink) {
     szip_64_central_end_header_t end;
     szip_64_create_central_end(info, &end);
-    if (!sink.take(&end, sizeof end)) {
-        return false;
-    }
+    if (!sink.take(&end, sizeof end)) return false;
     szip_64_central_end_locator_t locator;
     szip_64_create_central_loc(info, &locator);
     return sink.take(&locator, sizeof locator);
 }
 
 bool stream_archive(szip_info_t* info, const Sink& sink, unsigned int chunk_size) {
-    for (unsigned int i = 0; i < info->count; i++) {
-        if (!stream_entry(info, &info->upi[i], sink, chunk_size)) {
-            return false;
-        }
+    for (unsigned int i = 0; i < info->count; ++i) {
+        if (!stream_entry(info, &info->upi[i], sink, chunk_size)) return false;
     }
-    for (unsigned int i = 0; i < info->count; i++) {
-        if (!stream_central_entry(info, &info->upi[i], sink)) {
-            return false;
-        }
+    for (unsigned int i = 0; i < info->count; ++i) {
+        if (!stream_central_entry(info, &info->upi[i], sink)) return false;
     }
-    if (info->zip64 && !stream_zip64_end(info, sink)) {
-        return false;
-    }
+    if (info->zip64 && !stream_zip64_end(info, sink)) return false;
     szip_central_end_header_t end;
     szip_create_central_end_entry(info, &end);
     return sink.take(&end, sizeof end);

@@ -2,9 +2,10 @@
 #ifndef TESSRA_SZIP_SZIP_PRIVATE_H
 #define TESSRA_SZIP_SZIP_PRIVATE_H
 
-#include <stddef.h>
-#include <stdint.h>
 #include <time.h>
+
+#include <cstddef>
+#include <cstdint>
 
 #include "tessra/szip.h"
 
