@@ -20,6 +20,7 @@
 #include "eventloop/list_mutex.h"
 #include "eventloop/log.h"
 #include "eventloop/pending_signals.h"
+#include "internal/assumptions.h"
 #include "internal/guards.h"
 
 namespace tessra {
