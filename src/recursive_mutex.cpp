@@ -23,7 +23,7 @@ pthread_mutex_t rec_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 void recursive_mutex_lock(recursive_mutex* tolock) {
     // If there is no memory for the handler, only a fork() beside this call is unsafe.
-    (void)at_fork.register_once(nullptr, nullptr, free_rec_mutex);
+    if (!at_fork.is_registered()) (void)at_fork.register_once(nullptr, nullptr, free_rec_mutex);
     const pthread_t self = pthread_self();
     (void)pthread_mutex_lock(&rec_mutex);
     if (tolock->owner != self && pthread_mutex_trylock(&tolock->mutex) != 0) {

@@ -20,13 +20,10 @@
 #include "eventloop/dispositions.h"
 #include "eventloop/running_loops.h"
 #include "eventloop/thread.h"
-#include "internal/at_fork.h"
 
 namespace tessra {
 
 namespace {
-
-constinit AtFork at_fork;
 
 template <class Visit>
 void for_each_idle(Visit visit) {
@@ -84,8 +81,10 @@ void after_fork_in_child() {
 
 }  // namespace
 
-bool register_fork_handlers() {
-    return at_fork.register_once(before_fork, after_fork_in_parent, after_fork_in_child);
+constinit AtFork fork_handlers;
+
+bool register_fork_handlers_now() {
+    return fork_handlers.register_once(before_fork, after_fork_in_parent, after_fork_in_child);
 }
 
 }  // namespace tessra

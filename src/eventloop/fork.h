@@ -2,10 +2,17 @@
 #ifndef TESSRA_EVENTLOOP_FORK_H
 #define TESSRA_EVENTLOOP_FORK_H
 
+#include "internal/at_fork.h"
+
 namespace tessra {
 
+extern AtFork fork_handlers;
+bool register_fork_handlers_now();
+
 // Registers the handlers that make fork() safe, once. Returns false if there is no memory for them.
-bool register_fork_handlers();
+inline bool register_fork_handlers() {
+    return fork_handlers.is_registered() || register_fork_handlers_now();
+}
 
 }  // namespace tessra
 

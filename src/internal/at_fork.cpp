@@ -6,7 +6,7 @@
 
 namespace tessra {
 
-bool AtFork::register_first(Handler before, Handler in_parent, Handler in_child) {
+bool AtFork::register_once(Handler before, Handler in_parent, Handler in_child) {
     if (registered_.exchange(true)) return true;
     const ErrnoKeeper keep_errno;
     const bool done = pthread_atfork(before, in_parent, in_child) == 0;
