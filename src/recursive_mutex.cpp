@@ -10,20 +10,10 @@
 
 using namespace tessra;
 
-namespace {
-
-constinit AtFork at_fork;
-
-// Another thread of the parent may have held the mutex at the fork().
-void free_rec_mutex() { rec_mutex = PTHREAD_MUTEX_INITIALIZER; }
-
-}  // namespace
-
 pthread_mutex_t rec_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 void recursive_mutex_lock(recursive_mutex* tolock) {
-    // If there is no memory for the handler, only a fork() beside this call is unsafe.
-    if (!at_fork.is_registered()) (void)at_fork.register_once(nullptr, nullptr, free_rec_mutex);
+    (void)register_fork_handlers();  // Without them, only a fork() beside this call is unsafe.
     const pthread_t self = pthread_self();
     (void)pthread_mutex_lock(&rec_mutex);
     if (tolock->owner != self && pthread_mutex_trylock(&tolock->mutex) != 0) {

@@ -1,10 +1,8 @@
-// The exported functions of the loop, which need a context. Each is what the header promises in one
-// line; the parts do the work.
+// The exported functions that work on a context. Each is one line; the parts do the work.
 
 #include <cerrno>
 
 #include "eventloop/context.h"
-#include "eventloop/fork.h"
 #include "eventloop/loop.h"
 #include "eventloop/thread.h"
 #include "internal/export.h"
@@ -13,20 +11,6 @@ using namespace tessra;
 
 namespace {
 
-// Every way to a lock of the loop leads through here or through a start. If there is no memory for
-// the handlers, only a fork() beside the call is unsafe.
-event_loop_ctx_t& use(event_loop_ctx_tp el_ctx) {
-    (void)register_fork_handlers();
-    return *el_ctx;
-}
-
-// A start fails without the handlers.
-bool can_start() {
-    if (register_fork_handlers()) return true;
-    errno = ENOMEM;
-    return false;
-}
-
 int failed_with(int error) {
     errno = error;
     return -1;
@@ -34,15 +18,12 @@ int failed_with(int error) {
 
 }  // namespace
 
-TESSRA_EXPORTED event_loop_ctx_tp event_mc_init(void) {
-    (void)register_fork_handlers();
-    return make_context();
-}
+TESSRA_EXPORTED event_loop_ctx_tp event_mc_init(void) { return make_context(); }
 
 TESSRA_EXPORTED void event_mc_free(event_loop_ctx_tp ctx) { free_context(ctx); }
 
 TESSRA_EXPORTED int et_event_loop_mc(event_loop_ctx_tp el_ctx) {
-    return can_start() ? run_loop(*el_ctx, nullptr) : -1;
+    return run_loop(*el_ctx, nullptr);
 }
 
 TESSRA_EXPORTED int et_event_loop(void) { return et_event_loop_mc(&default_el_ctx); }
@@ -67,7 +48,7 @@ TESSRA_EXPORTED int is_event_loop_thread(void) { return is_event_loop_thread_mc(
 
 TESSRA_EXPORTED void event_timer_add_mc(event_loop_ctx_tp el_ctx, timer_handler_t handler,
                                         void* arg, long long unsigned int timeout) {
-    (void)use(el_ctx).timers.add(handler, arg, timeout);  // The caller reads errno, here and below.
+    (void)el_ctx->timers.add(handler, arg, timeout);  // The caller reads errno, here and below.
 }
 
 TESSRA_EXPORTED void event_timer_add(timer_handler_t handler, void* arg,
@@ -77,7 +58,7 @@ TESSRA_EXPORTED void event_timer_add(timer_handler_t handler, void* arg,
 
 TESSRA_EXPORTED void event_timer_del_mc(event_loop_ctx_tp el_ctx, timer_handler_t handler,
                                         void* arg) {
-    use(el_ctx).timers.del(handler, arg);
+    el_ctx->timers.del(handler, arg);
 }
 
 TESSRA_EXPORTED void event_timer_del(timer_handler_t handler, void* arg) {
@@ -86,7 +67,7 @@ TESSRA_EXPORTED void event_timer_del(timer_handler_t handler, void* arg) {
 
 TESSRA_EXPORTED int event_timer_exists_mc(event_loop_ctx_tp el_ctx, timer_handler_t handler,
                                           void* arg) {
-    return use(el_ctx).timers.exists(handler, arg) ? 1 : 0;
+    return el_ctx->timers.exists(handler, arg) ? 1 : 0;
 }
 
 TESSRA_EXPORTED int event_timer_exists(timer_handler_t handler, void* arg) {
@@ -95,7 +76,7 @@ TESSRA_EXPORTED int event_timer_exists(timer_handler_t handler, void* arg) {
 
 TESSRA_EXPORTED void event_fd_add_mc(event_loop_ctx_tp el_ctx, fd_handler_t handler, void* arg,
                                      int fd, int type) {
-    (void)use(el_ctx).descriptors.add(handler, arg, fd, type);
+    (void)el_ctx->descriptors.add(handler, arg, fd, type);
 }
 
 TESSRA_EXPORTED void event_fd_add(fd_handler_t handler, void* arg, int fd, int type) {
@@ -103,14 +84,14 @@ TESSRA_EXPORTED void event_fd_add(fd_handler_t handler, void* arg, int fd, int t
 }
 
 TESSRA_EXPORTED void event_fd_del_mc(event_loop_ctx_tp el_ctx, int fd) {
-    use(el_ctx).descriptors.del(fd);
+    el_ctx->descriptors.del(fd);
 }
 
 TESSRA_EXPORTED void event_fd_del(int fd) { event_fd_del_mc(&default_el_ctx, fd); }
 
 TESSRA_EXPORTED void event_signal_add_mc(event_loop_ctx_tp el_ctx, signal_handler_t handler,
                                          void* arg, int signal) {
-    (void)use(el_ctx).signals.add(handler, arg, signal);
+    (void)el_ctx->signals.add(handler, arg, signal);
 }
 
 TESSRA_EXPORTED void event_signal_add(signal_handler_t handler, void* arg, int signal) {
@@ -118,14 +99,14 @@ TESSRA_EXPORTED void event_signal_add(signal_handler_t handler, void* arg, int s
 }
 
 TESSRA_EXPORTED void event_signal_del_mc(event_loop_ctx_tp el_ctx, int signal) {
-    use(el_ctx).signals.del(signal);
+    el_ctx->signals.del(signal);
 }
 
 TESSRA_EXPORTED void event_signal_del(int signal) { event_signal_del_mc(&default_el_ctx, signal); }
 
 TESSRA_EXPORTED void event_process_add_mc(event_loop_ctx_tp el_ctx, int pid,
                                           process_handler_t handler, void* arg) {
-    (void)use(el_ctx).children.add(default_el_ctx.signals, default_el_ctx.run, pid, handler, arg);
+    (void)el_ctx->children.add(default_el_ctx.signals, default_el_ctx.run, pid, handler, arg);
 }
 
 TESSRA_EXPORTED void event_process_add(int pid, process_handler_t handler, void* arg) {
@@ -133,13 +114,12 @@ TESSRA_EXPORTED void event_process_add(int pid, process_handler_t handler, void*
 }
 
 TESSRA_EXPORTED void event_process_del_mc(event_loop_ctx_tp el_ctx, int pid) {
-    use(el_ctx).children.del(pid);
+    el_ctx->children.del(pid);
 }
 
 TESSRA_EXPORTED void event_process_del(int pid) { event_process_del_mc(&default_el_ctx, pid); }
 
 TESSRA_EXPORTED int event_loop_async_start(void) {
-    if (!can_start()) return -1;
     const int error = start_loop_thread();
     return error == 0 ? 0 : failed_with(error);
 }

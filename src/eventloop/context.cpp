@@ -5,6 +5,7 @@
 #include <new>
 
 #include "internal/alloc.h"
+#include "internal/at_fork.h"
 #include "internal/record_of.h"
 
 namespace tessra {
@@ -33,6 +34,7 @@ event_loop_ctx_t* make_context() {
     void* block = new_block(sizeof(OwnContext));
     if (block == nullptr) return nullptr;
     event_loop_ctx_t* el_ctx = &(new (block) OwnContext)->context;
+    (void)register_fork_handlers();  // Without them, only a fork() beside this is unsafe.
     const MutexLock lock(contexts_mutex);
     list_add_tail(&contexts, &el_ctx->node);
     return el_ctx;

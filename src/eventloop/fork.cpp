@@ -12,14 +12,15 @@
 //   - The channels' descriptors stay open until exec, and nothing is written to them or closed:
 //     their numbers may be other files by then.
 
-#include "eventloop/fork.h"
-
 #include <new>
 
 #include "eventloop/context.h"
 #include "eventloop/dispositions.h"
 #include "eventloop/running_loops.h"
 #include "eventloop/thread.h"
+#include "internal/at_fork.h"
+#include "internal/export.h"
+#include "tessra/misc.h"
 
 namespace tessra {
 
@@ -34,24 +35,9 @@ void for_each_idle(Visit visit) {
     }
 }
 
-void before_fork() {
-    (void)pthread_mutex_lock(&contexts_mutex);
-    running_loops.lock();
-    for_each_idle([](event_loop_ctx_t& el_ctx) {
-        el_ctx.events_mutex.lock();
-        el_ctx.timers.mutex().lock();
-    });
-}
-
 void unlock_idle(event_loop_ctx_t& el_ctx) {
     el_ctx.timers.mutex().unlock();
     el_ctx.events_mutex.unlock();
-}
-
-void after_fork_in_parent() {
-    for_each_idle(unlock_idle);
-    running_loops.unlock();
-    (void)pthread_mutex_unlock(&contexts_mutex);
 }
 
 void make_new(event_loop_ctx_t& el_ctx) {
@@ -60,7 +46,25 @@ void make_new(event_loop_ctx_t& el_ctx) {
     el_ctx.node = node;
 }
 
-void after_fork_in_child() {
+}  // namespace
+
+TESSRA_EXPORTED void before_fork() {
+    (void)pthread_mutex_lock(&contexts_mutex);
+    running_loops.lock();
+    for_each_idle([](event_loop_ctx_t& el_ctx) {
+        el_ctx.events_mutex.lock();
+        el_ctx.timers.mutex().lock();
+    });
+}
+
+TESSRA_EXPORTED void after_fork_in_parent() {
+    for_each_idle(unlock_idle);
+    running_loops.unlock();
+    (void)pthread_mutex_unlock(&contexts_mutex);
+}
+
+TESSRA_EXPORTED void after_fork_in_child() {
+    rec_mutex = PTHREAD_MUTEX_INITIALIZER;
     disposition_mutex = PTHREAD_MUTEX_INITIALIZER;
     list_t* node;
     dll_foreach(node, &contexts) {
@@ -77,14 +81,6 @@ void after_fork_in_child() {
     thread_forget_parent();
     running_loops.forget_parent();
     (void)pthread_mutex_unlock(&contexts_mutex);
-}
-
-}  // namespace
-
-constinit AtFork fork_handlers;
-
-bool register_fork_handlers_now() {
-    return fork_handlers.register_once(before_fork, after_fork_in_parent, after_fork_in_child);
 }
 
 }  // namespace tessra

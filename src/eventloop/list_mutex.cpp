@@ -1,10 +1,13 @@
 #include "eventloop/list_mutex.h"
 
+#include "internal/at_fork.h"
+
 namespace tessra {
 
 void ListMutex::lock() {
     const pthread_t self = pthread_self();
     if (owner_.load(std::memory_order_relaxed) != self) {
+        (void)register_fork_handlers();  // Without them, only a fork() beside this is unsafe.
         (void)pthread_mutex_lock(&mutex_);
         owner_.store(self, std::memory_order_relaxed);
     }

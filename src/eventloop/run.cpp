@@ -4,6 +4,7 @@
 #include <cstddef>
 
 #include "eventloop/running_loops.h"
+#include "internal/at_fork.h"
 #include "internal/record_of.h"
 
 namespace tessra {
@@ -23,6 +24,10 @@ bool Run::start_locked(StartFailure& failure) {
 
 // The log is written once the lock is free: the logger may run or end a loop of its own.
 bool Run::start() {
+    if (!register_fork_handlers()) {
+        errno = ENOMEM;
+        return false;
+    }
     StartFailure failure;
     running_loops.lock();
     const bool started = start_locked(failure);

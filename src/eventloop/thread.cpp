@@ -17,6 +17,7 @@
 #include <cstring>
 
 #include "eventloop/loop.h"
+#include "internal/at_fork.h"
 
 namespace tessra {
 
@@ -118,6 +119,7 @@ int start_locked() {
 
 int start_loop_thread() {
     const CancelDisabled no_cancel;
+    (void)register_fork_handlers();  // Before any lock; the loop's start fails without them.
     if (default_el_ctx.run.keeps_running() || is_loop_thread()) return EBUSY;
     const MutexLock lock(loop_thread.mutex);
     return start_locked();

@@ -1,4 +1,4 @@
-// Registers handlers of fork() when they are needed first.
+// The registration of the library's handlers of fork(), by whatever needs them first.
 #ifndef TESSRA_INTERNAL_AT_FORK_H
 #define TESSRA_INTERNAL_AT_FORK_H
 
@@ -6,21 +6,20 @@
 
 namespace tessra {
 
-class AtFork {
-public:
-    using Handler = void (*)();
+// eventloop/fork.cpp defines the handlers, since only that file knows all that a fork() concerns.
+// They are declared here for the callers below that file.
+void before_fork();
+void after_fork_in_parent();
+void after_fork_in_child();
 
-    // Relaxed: every change of a list looks here, and nothing else depends on the flag.
-    bool is_registered() const { return registered_.load(std::memory_order_relaxed); }
+extern std::atomic<bool> fork_handlers_registered;
+bool register_fork_handlers_now();
 
-    // Takes no lock: a fork() that is under way doesn't run the handlers, and its child would find
-    // the lock held. Returns false if there is no memory for the handlers, and the next call tries
-    // again.
-    bool register_once(Handler before, Handler in_parent, Handler in_child);
-
-private:
-    std::atomic<bool> registered_{false};
-};
+// Makes fork() safe from now on. Returns false if there is no memory for the handlers, and the next
+// call tries again. Relaxed: every lock of a list looks here, and nothing else depends on the flag.
+inline bool register_fork_handlers() {
+    return fork_handlers_registered.load(std::memory_order_relaxed) || register_fork_handlers_now();
+}
 
 }  // namespace tessra
 
