@@ -2,28 +2,31 @@
  * @file list.h
  * Intrusive circular doubly linked list; hash table, string hash table and named flags built on it.
  *
- * A list_t is both the head of a list and the node inside a listed record. The head belongs to no
+ * A list_t is either the head of a list or the node inside a listed record. The head belongs to no
  * record; an empty list is a head whose two links point to itself. A listed record has its list_t
- * as first member, so that the address of the node is the address of the record, and listing a
- * record costs no allocation. A record with one node is on at most one list at a time.
+ * as first member, so the address of the node is the address of the record, and listing a record
+ * needs no allocation. A record with one node is on at most one list at a time.
  *
- * The list owns nothing: whoever unlinks a record frees it. None of the inline operations allocates
- * or can fail.
+ * The list owns nothing: the code that unlinks a record also frees it. None of the inline
+ * operations allocates or can fail.
  *
- * A hashtable_t is an array of such lists whose length never changes. Choose about as many buckets
- * as entries are expected: a search looks at every entry of one bucket. It is used in three ways,
- * one per table: directly, with records of the caller's own; as a string hash table through the
- * str_hashtable_ functions; as a set of names through the named_flag_ functions.
+ * A hashtable_t is an array of such lists. Its length never changes. Choose about as many buckets
+ * as you expect entries: a search looks at every entry of one bucket. Each table is used in one of
+ * three ways:
+ * - directly, with records of the caller's own;
+ * - as a string hash table, through the str_hashtable_ functions;
+ * - as a set of names, through the named_flag_ functions.
  *
- * Memory: blocks that change hands come from malloc() and go to free(). A function that runs out of
- * it sets errno to ENOMEM and, if it says nothing else, leaves list and table as they were; one
- * that succeeds leaves errno as it was, and one that frees memory where the C library's free()
- * does. Threads: lists and tables have no lock; the caller holds whatever guards them. Callbacks
- * run on the calling thread, inside the call. Blocks: never.
+ * Memory: blocks that change their owner come from malloc() and go to free(). A function that can't
+ * allocate sets errno to ENOMEM and leaves list and table as they were, unless its description says
+ * otherwise. Calls that succeed leave errno as it was. For those that free memory, this is true
+ * only if the C library's free() leaves errno as it was. Threads: lists and tables have no lock;
+ * the caller must ensure that only one thread at a time uses them. Callbacks run on the calling
+ * thread, inside the call. Blocks: never.
  *
- * Trap: free() is the plain one. It doesn't tell the tracker of memchk.h, which goes on reporting
- * tracked blocks as leaks after they are freed here; "Blocks that the library frees" there says
- * what to do.
+ * Trap: these functions call the plain free(). The tracker of memchk.h doesn't see that, so it goes
+ * on reporting a tracked block as a leak after a function has freed the block. The section "Blocks
+ * that the library frees" of memchk.h describes the remedy.
  */
 #ifndef TESSRA_LIST_H
 #define TESSRA_LIST_H
@@ -32,13 +35,13 @@
 extern "C" {
 #endif
 
-/** Head of a list, or the first member of a listed record. Not copyable: neighbours point to it. */
+/** Head of a list, or first member of a listed record. Don't copy it: others point to it. */
 typedef struct list {
-    struct list* next; /**< Following node; the head's first entry; the head after the last one. */
-    struct list* prev; /**< Preceding node; the head's last entry; the head before the first one. */
+    struct list* next; /**< Next node. In the head: the first entry. In the last entry: the head. */
+    struct list* prev; /**< Previous one. In the head: the last entry. In the first: the head. */
 } list_t;
 
-/** Makes @p list an empty head. An entry that was on it is forgotten, not unlinked. */
+/** Makes @p list an empty head. Doesn't unlink entries that are on it. */
 static inline void list_init(list_t* list) {
     list->next = list;
     list->prev = list;
@@ -47,9 +50,9 @@ static inline void list_init(list_t* list) {
 /**
  * Links an entry between two adjacent nodes.
  *
- * @param entry   record to link, on no list
+ * @param entry   record to link, which is on no list
  * @param before  node that will precede @p entry; may be the head
- * @param after   node that will follow it, now the successor of @p before; may be the head
+ * @param after   node that will follow @p entry, now the successor of @p before; may be the head
  */
 static inline void list_insert(list_t* entry, list_t* before, list_t* after) {
     before->next = entry;
@@ -70,7 +73,7 @@ static inline void list_add_tail(list_t* list, list_t* entry) {
 
 /**
  * Unlinks @p entry from the list that it is on and sets both its links to null. Frees nothing.
- * Trap: an entry that is on no list (null links) must not be given.
+ * Trap: don't pass an entry that is on no list (its links are null).
  */
 static inline void list_delete(list_t* entry) {
     entry->next->prev = entry->prev;
@@ -91,40 +94,43 @@ static inline void list_delete(list_t* entry) {
 /** @endcond */
 
 /**
- * Safe walk: runs the statement that follows once for each entry, first to last.
+ * Runs the statement that follows once for each entry, from the first to the last.
  *
- * @param cursor  a variable of type list_t*; the entry in the body, the head after a full walk
+ * @param cursor  a variable of type list_t*. It points to the entry in the body, and to the head
+ *                after a full walk.
  * @param head    a list_t*; evaluated several times
  *
- * The successor is saved before the body runs, so the body may unlink and free the entry under the
- * cursor, and that entry only. Walks nest, each on a source line of its own.
+ * The walk saves the successor before the body runs, so the body may unlink and free the entry that
+ * @p cursor points to, and no other one. Walks may nest if each is on a source line of its own.
  */
 #define dll_foreach(cursor, head) TESSRA_LIST_FOREACH(TESSRA_LIST_SAVED(__LINE__), cursor, head)
 
 #pragma GCC visibility push(default)
 
-/** Disposes of the record that @p entry is the first member of. Gets it with its links as they were
- * in the list, which already points to freed records: it must not unlink it. */
+/** Disposes of the record whose first member is @p entry. The links of @p entry are still those of
+ * the list and may point to freed records, so the destructor must not unlink it. */
 typedef void (*list_destructor_t)(list_t* entry);
 
 /**
- * Disposes of every entry of a list, first to last, reading each one's successor beforehand.
+ * Disposes of every entry of a list, from the first to the last. Reads the successor of each entry
+ * before it disposes of the entry.
  *
- * @param l           head; NULL is allowed and does nothing
+ * @param l           head; for NULL the call does nothing
  * @param destructor  called for each entry; NULL to free() each entry as one block
  *
- * Trap: the head isn't touched and afterwards points to what was freed. Before it is used again it
- * goes through list_init().
+ * Trap: the head isn't changed, so afterwards it points to freed entries. Call list_init() before
+ * you use it again.
  */
 void list_free_items(list_t* l, list_destructor_t destructor);
 
-/** list_free_items(), then free() of the head @p l, a block of its own. NULL does nothing. */
+/** Disposes of the entries as list_free_items() does, and frees the head @p l, which must be a
+ * block of its own. Does nothing for NULL. */
 void list_free(list_t* l, list_destructor_t destructor);
 
 /**
  * @name Hash table
  * A chained table of records that belong to the caller and begin with a hashlist_t. It knows hashes
- * and no keys: equal hashes may stand side by side, and the caller tells their records apart.
+ * and no keys: several records may have the same hash, and the caller compares their keys.
  *
  *     struct station { hashlist_t list; char mac[18]; int rssi; };      // the caller's record
  *
@@ -140,24 +146,25 @@ void list_free(list_t* l, list_destructor_t destructor);
  * @{
  */
 
-/** First member of a record in a table. Not copyable while it is there. */
+/** First member of a record in a table. Don't copy it while it is there. */
 typedef struct hashlist {
-    list_t list;       /**< Link in the bucket; first, so that all three share one address. */
+    list_t list;       /**< Link in the bucket; first, so that link and record share one address. */
     unsigned int hash; /**< The whole hash, as given to hashtable_put(). */
 } hashlist_t;
 
 #pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wpedantic" /* C++ has no name for an array of any length. */
-/** A table: one block, made by hashtable_alloc(). Fields are for reading. */
+#pragma GCC diagnostic ignored "-Wpedantic" /* C++ has no flexible array members. */
+/** A table: one block that hashtable_alloc() makes. Programs only read the fields. */
 typedef struct hashtable {
     int size;              /**< Number of buckets. */
-    hashlist_t hashlist[]; /**< Their heads, of which only the list is used. */
+    hashlist_t hashlist[]; /**< The heads of the buckets. Only their field list is used. */
 } hashtable_t;
 #pragma GCC diagnostic pop
 
 /**
- * Called for one entry of a walk. It may unlink and free that entry, and must not remove another
- * one. It may add entries, which the walk may meet: one that adds an entry each time may not end.
+ * Called for one entry of a walk. The iterator may unlink and free that entry, but must not remove
+ * another one. It may add entries, and the walk may meet these: if the iterator adds an entry in
+ * each call, the walk may never end.
  * @param arg  as given to the walk
  */
 typedef void (*hashtable_iterator_t)(hashlist_t* entry, void* arg);
@@ -165,19 +172,20 @@ typedef void (*hashtable_iterator_t)(hashlist_t* entry, void* arg);
 /**
  * Makes a table of @p elements empty buckets.
  *
- * @param elements  fixed for the table's life. Any positive number will do, prime or not. With 0
- *                  the table has one bucket that its size doesn't count.
+ * @param elements  fixed for the table's life. Any positive number is good, prime or not. With 0
+ *                  the table has one bucket, but its size is 0.
  *
- * Returns the table, which the caller ends with hashtable_free() or str_hashtable_free(), or NULL
- * with errno ENOMEM: no memory, a size beyond what a block can have, or a negative number.
+ * Returns the table, which the caller frees with hashtable_free() or str_hashtable_free(). Returns
+ * NULL with errno ENOMEM if there is no memory, if the table would be larger than any block can be,
+ * or if @p elements is negative.
  */
 hashtable_t* hashtable_alloc(int elements);
 
-/** Returns the head of the bucket of @p hash, number @p hash modulo size, for a dll_foreach(). */
+/** Returns the head of bucket number @p hash modulo size, which dll_foreach() can walk. */
 static inline list_t* hashtable_get_bucket(hashtable_t* ht, unsigned int hash) {
     const unsigned int size = (unsigned int)ht->size;
     const unsigned int mask =
-        size - (size != 0); /* Of a power of two; small processors divide in software. */
+        size - (size != 0); /* For a power of two: small processors divide in software. */
     return &ht->hashlist[(size & mask) == 0 ? hash & mask : hash % size].list;
 }
 
@@ -186,50 +194,51 @@ static inline list_t* hashtable_get_bucket(hashtable_t* ht, unsigned int hash) {
  *
  * @param ht    not null
  * @param hash  stored in the record
- * @param data  first member of the record, which is in no table; it stays the caller's, who unlinks
- *              and frees it or leaves that to hashtable_free()
+ * @param data  first member of the record, which is in no table. The record stays the caller's, who
+ *              unlinks and frees it or leaves both to hashtable_free().
  *
- * Nothing is looked up: a record with the same hash stays where it is, in front of the new one.
+ * The call doesn't search: a record with the same hash stays in the table, in front of the new one.
  */
 static inline void hashtable_put(hashtable_t* ht, unsigned int hash, hashlist_t* data) {
     data->hash = hash;
     list_add_tail(hashtable_get_bucket(ht, hash), &data->list);
 }
 
-/** Unlinks the record @p list from the table that it is in. Frees nothing. */
+/** Unlinks the record @p list from its table. Frees nothing. */
 static inline void hashtable_delete(hashlist_t* list) { list_delete(&list->list); }
 
 /**
- * Returns entry number @p index, counted from 0 and oldest first, of those with exactly this hash.
- * Returns NULL if there is none, for a negative @p index, and when @p ht is NULL.
+ * Returns one of the entries with exactly this hash: number @p index, counted from 0 for the
+ * oldest. Returns NULL if there is none, if @p index is negative, or if @p ht is NULL.
  */
 hashlist_t* hashtable_get_index(hashtable_t* ht, unsigned int hash, int index);
 
 /**
- * Calls @p iter, not null, for every entry: bucket by bucket, oldest first in each. NULL for @p ht
- * is allowed and does nothing.
+ * Calls @p iter, which must not be null, for every entry: bucket by bucket, and in each bucket the
+ * oldest first. Does nothing if @p ht is NULL.
  */
 void hashtable_iterate(hashtable_t* ht, hashtable_iterator_t iter, void* arg);
 
-/** Returns the number of entries, 0 for NULL. It is counted: size plus entries steps. */
+/** Returns the number of entries; 0 for NULL. Counts them: one step per bucket and per entry. */
 unsigned int hashtable_count(hashtable_t* ht);
 
 /**
  * Disposes of every entry in the manner of list_free_items() and frees the table.
  *
- * @param ht          NULL is allowed and does nothing
+ * @param ht          the table; for NULL the call does nothing
  * @param destructor  called for each entry; NULL to free() each entry as one block
  *
- * Trap: a string hash table goes through str_hashtable_free(), or its keys and values leak.
+ * Trap: free a string hash table with str_hashtable_free(); this call leaks its keys and values.
  */
 void hashtable_free(hashtable_t* ht, list_destructor_t destructor);
 
 /**
- * Returns the hash of a string, not null: lookup2 (Jenkins, "Hash Functions", Dr. Dobb's Journal,
- * September 1997) of its bytes without the NUL, from the seed 0xdeadbeef.
+ * Returns the hash of the string @p k, which must not be null: lookup2 (Jenkins, "Hash Functions",
+ * Dr. Dobb's Journal, September 1997) of its bytes without the NUL, from the seed 0xdeadbeef.
  *
- * The same in every process and on every machine. The seed is no secret: who chooses the keys can
- * put them all into one bucket, so a table of what strangers send needs a limit on its entries.
+ * The hash is the same in every process and on every machine. The seed is no secret: an attacker
+ * who chooses the keys can put them all into one bucket. So limit the number of entries in a table
+ * of keys that strangers send.
  */
 unsigned int strhash(const char* k);
 
@@ -237,13 +246,15 @@ unsigned int strhash(const char* k);
 
 /**
  * @name String hash table
- * Strings to pointers, any number of pointers to a string. The entries of a key keep the order of
- * their adding and are numbered from 0, oldest first; a removal moves the later ones down by one.
- * The table is one of hashtable_alloc(). hashtable_count() and hashtable_iterate() work on it, too.
+ * Maps strings to pointers. A string may have any number of pointers. The entries of a key keep the
+ * order in which they were added, and are numbered from 0 for the oldest. After a removal, the
+ * numbers of the later entries are lower by one. hashtable_alloc() makes the table.
+ * hashtable_count() and hashtable_iterate() work on it, too.
  *
- * Who frees what. str_hashtable_put() takes over key and value, without copying either:
+ * Ownership. str_hashtable_put() takes over key and value and copies neither. These functions
+ * remove entries:
  *
- * | Way out of the table               | key   | value               |
+ * | Function                           | key   | value               |
  * | ---------------------------------- | ----- | ------------------- |
  * | str_hashtable_delete_index         | freed | freed               |
  * | str_hashtable_free                 | freed | freed               |
@@ -251,13 +262,14 @@ unsigned int strhash(const char* k);
  * | str_hashtable_filter               | freed | goes to the filter  |
  *
  * So each key is a block of its own, e.g. of strdup(), and never that of another entry. A value
- * that can meet one of the first two ways is such a block or NULL; others must leave by the last
- * two. Key and value that are tracked by memchk.h go through remove_allocation() when
- * str_hashtable_put() has taken them over, or they are reported as leaks once the table frees them.
+ * that one of the first two functions may remove is such a block or NULL. Only the last two
+ * functions may remove other values. If memchk.h tracks the key or the value, call
+ * remove_allocation() for it after str_hashtable_put() has taken it over. Otherwise the tracker
+ * reports it as a leak once the table has freed it.
  * @{
  */
 
-/** An entry: one block, made by str_hashtable_put(). */
+/** An entry: one block that str_hashtable_put() makes. */
 typedef struct string_hash {
     hashlist_t list; /**< Link and strhash() of the key. */
     char* key;       /**< Owned by the table. */
@@ -267,19 +279,21 @@ typedef struct string_hash {
 /** An item of the list that str_hashtable_values() makes: one block. */
 typedef struct ptr_list {
     list_t list;   /**< The link. */
-    void* pointer; /**< A value, still the table's. */
+    void* pointer; /**< A value, which the table still owns. */
 } ptr_list_t;
 
 /**
- * Called for one entry of a walk. It may remove that entry, e.g. with str_hashtable_delete_index(),
- * which also ends @p key, and must not remove another one. It may add entries, which the walk may
- * meet: one that adds an entry each time may not end.
+ * Called for one entry of a walk. The iterator may remove that entry, e.g. with
+ * str_hashtable_delete_index(), which also frees @p key. It must not remove another one. It may add
+ * entries, and the walk may meet these: if the iterator adds an entry in each call, the walk may
+ * never end.
  */
 typedef void (*str_hashtable_iterator_t)(char* key, void* value, void* arg);
 
 /**
- * Judges one entry. Returns 0 to remove it, and has then taken over @p value; anything else keeps
- * it. It must not remove or add entries by itself.
+ * Decides whether an entry is removed. If the filter returns 0, it has taken over @p value, and the
+ * entry is removed. Any other result keeps the entry. The filter must not itself remove or add
+ * entries.
  */
 typedef int (*str_hashtable_filter_t)(void* value, void* arg);
 
@@ -287,94 +301,98 @@ typedef int (*str_hashtable_filter_t)(void* value, void* arg);
  * Adds an entry behind those that the key has.
  *
  * @param ht     the table
- * @param key    a string in a block of its own; the table's from now on
- * @param value  the table's from now on; NULL is allowed
+ * @param key    a string in a block of its own, which the table takes over
+ * @param value  a block that the table takes over, see above; may be NULL
  *
- * Returns @p value. Returns NULL if nothing was added, with errno ENOMEM, or EINVAL if @p ht or
- * @p key is NULL; key and value are then still the caller's. Set errno to 0 before the call to tell
- * this from a @p value of NULL.
+ * Returns @p value. If nothing was added, returns NULL with errno ENOMEM, or EINVAL if @p ht or
+ * @p key is NULL; key and value then still belong to the caller. To distinguish this from a
+ * @p value of NULL, set errno to 0 before the call.
  */
 void* str_hashtable_put(hashtable_t* ht, char* key, void* value);
 
 /**
- * Returns the value of entry number @p index of @p key, which stays the table's. Returns NULL if
- * there is no such entry, for a negative @p index, when @p ht or @p key is NULL, and for a stored
- * NULL: str_hashtable_count() can tell.
+ * Returns the value of entry number @p index of @p key. The table still owns the value. Returns
+ * NULL in these cases:
+ * - There is no such entry, or @p index is negative.
+ * - @p ht or @p key is NULL.
+ * - The stored value is NULL. The caller can detect this case with str_hashtable_count().
  */
 void* str_hashtable_get_index(hashtable_t* ht, const char* key, int index);
 
 /**
- * Removes entry number @p index of @p key and returns its value, which is the caller's from now on.
- * The results are those of str_hashtable_get_index().
+ * Removes entry number @p index of @p key and returns its value, which the caller then owns. The
+ * results are the same as those of str_hashtable_get_index().
  */
 void* str_hashtable_get_and_remove_index(hashtable_t* ht, const char* key, int index);
 
-/** Removes entry number @p index of @p key, if there is one, and frees its value with it. */
+/** Removes entry number @p index of @p key, if there is one, and frees its value. */
 void str_hashtable_delete_index(hashtable_t* ht, const char* key, int index);
 
-/** Returns the number of entries of @p key, or of all if @p key is NULL. 0 when @p ht is NULL. */
+/** Returns the number of entries of @p key, or of all if @p key is NULL; 0 if @p ht is NULL. */
 unsigned int str_hashtable_count(hashtable_t* ht, const char* key);
 
-/** Calls @p iter, not null, for every entry in the order of hashtable_iterate(). */
+/** Calls @p iter, which must not be null, for every entry in the order of hashtable_iterate(). */
 void str_hashtable_iterate(hashtable_t* ht, str_hashtable_iterator_t iter, void* arg);
 
 /**
  * Makes a list of all values: one ptr_list_t for each entry, in the order of hashtable_iterate().
  *
- * @param ht    NULL gives an empty list
- * @param list  the caller's head, initialised here; entries that it had are forgotten, not freed
+ * @param ht    the table; NULL gives an empty list
+ * @param list  the caller's head, which the call initialises; it frees no entries that are on it
  *
- * The items are the caller's: list_free_items(list, NULL) ends them. The values aren't: a pointer
- * is good for as long as its entry's value. Failure: an empty list and ENOMEM.
+ * The caller owns the items and frees them with list_free_items(list, NULL). The table still owns
+ * the values: a pointer is valid as long as the value of its entry. After a failure the list is
+ * empty, and errno is ENOMEM.
  */
 void str_hashtable_values(hashtable_t* ht, list_t* list);
 
 /**
- * Asks @p filter about every entry of @p key, oldest first, or about every entry of the table in
- * the order of hashtable_iterate() if @p key is NULL, and removes those that it returns 0 for.
+ * Calls @p filter for every entry of @p key, oldest first, and removes the entries for which the
+ * filter returns 0. If @p key is NULL, calls it for every entry of the table, in the order of
+ * hashtable_iterate().
  *
- * The keys are freed when the walk is over, the values never. NULL for @p ht or @p filter does
- * nothing.
+ * Frees the removed keys after the walk, and never a value. Does nothing if @p ht or @p filter is
+ * NULL.
  */
 void str_hashtable_filter(hashtable_t* ht, const char* key, str_hashtable_filter_t filter,
                           void* arg);
 
-/** Frees all keys, values and entries, and the table. NULL is allowed and does nothing. */
+/** Frees all keys, values and entries, and the table. Does nothing for NULL. */
 void str_hashtable_free(hashtable_t* ht);
 
 /** @} */
 
 /**
  * @name Named flags
- * A set of names. The table is one of hashtable_alloc(), hashtable_count() gives the number of
- * flags that are set, and hashtable_free(ht, NULL) ends them all.
+ * A set of names. hashtable_alloc() makes the table, hashtable_count() returns the number of flags
+ * that are set, and hashtable_free(ht, NULL) frees all flags and the table.
  * @{
  */
 
 /**
- * Called for one flag of a walk. It may clear that flag, which also ends @p name; it must not clear
- * another one. It may set flags; whether the walk meets them is left open.
+ * Called for one flag of a walk. The iterator may clear that flag, which also frees @p name. It
+ * must not clear another one. It may set flags, and the walk may or may not meet these.
  */
 typedef void (*named_flag_iterator_t)(const char* name, void* arg);
 
 /**
  * Sets a flag; setting it again changes nothing.
  *
- * @param name  copied; any string, the empty one included
+ * @param name  any string, also the empty one; the call copies it
  *
- * Failure: the flag isn't set, and errno is ENOMEM, or EINVAL if @p ht or @p name is NULL.
+ * After a failure the flag isn't set, and errno is ENOMEM, or EINVAL if @p ht or @p name is NULL.
  */
 void named_flag_set(hashtable_t* ht, const char* name);
 
-/** Clears a flag. Returns 1 if it was set, 0 if not and when @p ht or @p name is NULL. */
+/** Clears a flag. Returns 1 if it was set, else 0. Returns 0 if @p ht or @p name is NULL. */
 int named_flag_clr(hashtable_t* ht, const char* name);
 
-/** Returns 1 if the flag is set, 0 if not and when @p ht or @p name is NULL. */
+/** Returns 1 if the flag is set, else 0. Returns 0 if @p ht or @p name is NULL. */
 int named_flag_has(hashtable_t* ht, const char* name);
 
 /**
- * Calls @p iter, not null, for every flag that is set, in the order of hashtable_iterate(). A name
- * is good for as long as its flag is set. NULL for @p ht does nothing.
+ * Calls @p iter, which must not be null, for every flag that is set, in the order of
+ * hashtable_iterate(). A name is valid as long as its flag is set. Does nothing if @p ht is NULL.
  */
 void named_flag_iterate(hashtable_t* ht, named_flag_iterator_t iter, void* arg);
 
