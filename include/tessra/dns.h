@@ -8,23 +8,24 @@
  *     // send `length` bytes, receive the reply, compare its sender, id and question, then:
  *     int found = dns_parse_reply(reply, NULL, &address);
  *
- * The codec only works on the caller's buffers, which need no alignment. What is left to the
- * caller:
+ * The codec only works on the caller's buffers, which need no alignment. The caller is responsible
+ * for the rest:
  *
  * - Sending, receiving, time limits and retries.
- * - Whether a reply is one. Anybody can send to a UDP port: compare the sender's address and port
- *   with the server asked, transaction_id with an id that was drawn at random, and the question
- *   with the one sent, whose bytes a server repeats. A parser looks at none of them.
- * - Lengths. No call is told how long a buffer is. A reply must be complete: all the records that
- *   its header counts, each with all of its data. One that is cut off is read beyond its end. Give
- *   the parsers a buffer of 65535 bytes, the longest message there is, whose rest behind what was
- *   received is zero: no reply leads a parser out of that, however it is made. The zeros count as
- *   part of the reply, though: of an address that is cut off they make another address. So compare
- *   the length received with the one sent (recv() tells it with MSG_TRUNC; over TCP it stands
- *   before the message), and see the flag `truncated`. Never hand on fewer than 12 bytes received.
+ * - The origin of a reply. Anybody can send to a UDP port. So compare the sender's address and port
+ *   with those of the server, transaction_id with the id that was drawn at random for the query,
+ *   and the question with the one sent, whose bytes a server repeats. A parser checks none of them.
+ * - Lengths. No call knows the length of a buffer. A reply must be complete: it has all the records
+ *   that its header counts, and each has all of its data. A parser reads a reply that is cut off
+ *   beyond its end. So give the parsers a buffer of 65535 bytes, the length of the longest message,
+ *   with zeros behind the received bytes: no reply, however it is made, leads a parser out of that
+ *   buffer. But the zeros count as part of the reply: they turn an address that is cut off into
+ *   another address. So compare the length received with the length sent (recv() returns it with
+ *   MSG_TRUNC; over TCP it precedes the message), and check the flag `truncated`. Never pass fewer
+ *   than 12 received bytes to a parser.
  *
- * Threads: any, each with buffers of its own; there is no state. Memory: only a name that is handed
- * out is allocated. Blocks: never. Nothing is printed.
+ * Threads: any, each with buffers of its own; there is no state. Memory: the codec allocates only
+ * the names that it hands out. Blocks: never. The functions print nothing.
  */
 #ifndef TESSRA_DNS_H
 #define TESSRA_DNS_H
@@ -39,10 +40,10 @@ extern "C" {
 #pragma GCC visibility push(default)
 
 /**
- * Header of a message (RFC 1035, 4.1.1; the two DNSSEC flags are from RFC 4035, 3.2). It may be
- * laid over a buffer of any alignment. All fields are big-endian on the wire; after a parser's call
- * the first four are in host order. The bit-fields are those of a little-endian host, and hold
- * once `raw` is in host order.
+ * Header of a message (RFC 1035, 4.1.1; the two DNSSEC flags are from RFC 4035, 3.2). A pointer to
+ * this type may point to a buffer of any alignment. All fields are big-endian on the wire. A parser
+ * changes the first four to host order. The bit-fields have the layout of a little-endian host, and
+ * are valid once `raw` is in host order.
  */
 typedef struct __attribute__((packed, may_alias)) {
     unsigned short transaction_id; /**< Chosen by the requester, repeated by the server. */
@@ -54,7 +55,7 @@ typedef struct __attribute__((packed, may_alias)) {
             unsigned int answer_authenticated : 1;   /**< AD: the server has checked the answers. */
             unsigned int zero : 1;                   /**< Reserved. */
             unsigned int recursion_available : 1;    /**< RA: the server asks others. */
-            unsigned int recursion_desired : 1;      /**< RD: the server is to ask others. */
+            unsigned int recursion_desired : 1;      /**< RD: the server should ask others. */
             unsigned int truncated : 1;     /**< TC: records are missing, ask again over TCP. */
             unsigned int authoritative : 1; /**< AA: the server answers for the zone. */
             unsigned int opcode : 4;        /**< 0: a query. */
@@ -80,107 +81,115 @@ static inline int write16(char* data, short unsigned int s) {
 }
 
 /**
- * Encodes a dotted name as labels (RFC 1035, 3.1): each a length byte and its bytes, at the end a
- * zero byte.
+ * Encodes a dotted name as labels (RFC 1035, 3.1). Each label is a length byte and the bytes of the
+ * label. A zero byte follows the last one.
  *
  * @param s  the name; not changed
- * @param d  gets strlen(s) + 2 bytes; must not overlap @p s
+ * @param d  receives strlen(s) + 2 bytes; must not overlap @p s
  *
- * Returns the number of bytes written. Cannot fail, and checks nothing: labels of 1 to 63 bytes and
- * 255 bytes in all are the caller's duty. Traps: a longer label gets the low 8 bits of its length;
- * an empty one, of two dots in a row, a dot at the beginning or the end, or an empty name, gives a
- * length byte of zero where a reader sees the name's end. So take the dot off a fully qualified
- * name.
+ * Returns the number of bytes written. Cannot fail and checks nothing: the caller must pass labels
+ * of 1 to 63 bytes, and at most 255 bytes in all. Traps: for a longer label, the length byte has
+ * the low 8 bits of its length. An empty label gives a length byte of zero, where a reader sees the
+ * end of the name. Two dots in a row, a dot at the beginning or the end, and an empty name make an
+ * empty label. So remove the dot at the end of a fully qualified name.
  */
 int string2name(char* s, char* d);
 
 /**
  * Decodes a name of labels to dotted text without a dot at the end.
  *
- * @param p  a name as string2name() writes it; every length byte counts as a length, compression
- *           pointers are not followed
+ * @param p  a name as string2name() writes it. Every length byte counts as a length; compression
+ *           pointers are not followed.
  *
- * Returns a new string, which the caller frees; an empty one for the root, whose first byte is
- * zero. Returns NULL without memory, or if the text and its terminator would need more than 256
- * bytes, which no name of legal size does; no more than 257 bytes at @p p are read in any case.
- * Traps: the bytes of labels are copied as they are, so a dot within a label looks like a
- * separator, a zero byte ends the text early, and foreign names can hold anything: mind where you
- * print them.
+ * Returns a new string, which the caller frees. For the root, whose first byte is zero, the string
+ * is empty. Returns NULL if there is no memory, or if the text and its terminator would need more
+ * than 256 bytes; no name of legal size needs so many. In any case the call reads no more than 257
+ * bytes at @p p. Traps: the bytes of labels are copied as they are, so a dot within a label looks
+ * like a separator, and a zero byte ends the text early. Foreign names can contain any byte: be
+ * careful where you print them.
  */
 char* name2string(char* p);
 
 /**
  * Builds a query of one question, with recursion desired and no other flag.
  *
- * @param req    512 bytes, all of which are written: those behind the message are zero
+ * @param req    512 bytes. The call writes all of them: the bytes behind the message are zero.
  * @param name   the dotted name, see string2name(); not inside @p req
- * @param type   1 for A, 28 for AAAA, or another type; this one and the next two are taken by their
- *               low 16 bits
+ * @param type   1 for A, 28 for AAAA, or another type
  * @param clss   1 for the Internet
  * @param trans  the transaction id
  *
- * Returns the length of the message: 18 bytes plus strlen(name). Returns 0, with @p req all zero,
- * for a name that doesn't fit, one of more than 494 bytes. A name above the 253 of the standard
- * that fits is encoded as it is.
+ * The call uses only the low 16 bits of @p type, @p clss and @p trans.
+ *
+ * Returns the length of the message: 18 bytes plus strlen(name). If the name has more than 494
+ * bytes, it doesn't fit: the call returns 0, and @p req is all zero. A name of 254 to 494 bytes is
+ * longer than the standard allows, but is encoded as it is.
  */
 int dns_build_request(char* req, char* name, int type, int clss, int trans);
 
 /**
- * Takes the first usable IPv4 address out of a reply to a dns_build_request() query.
+ * Finds the first usable IPv4 address in a reply to a query of dns_build_request().
  *
  * @param rep   the reply (see above for its length): a header, one question whatever question_count
- *              says, and the answers. It is consumed: transaction_id, raw, question_count and
- *              answer_count are turned to host order in place, so it can't be parsed again.
- *              Afterwards answer_count is the number of answers behind the last one looked at,
- *              0xFFFF if all were passed over.
- * @param name  gets the question's name, may be NULL. It is written when the reply has no error and
- *              at least one answer, whether the result is 1 or 0: a new string that the caller
- *              frees, or NULL if it can't be decoded or there is no memory. It is left alone
- *              otherwise: preset it to NULL and free it always.
- * @param addr  gets the address in network byte order; not null
+ *              says, and the answers. The call changes transaction_id, raw, question_count and
+ *              answer_count to host order in place, so the reply can't be parsed again. Afterwards
+ *              answer_count is the number of answers behind the last one looked at, 0xFFFF if the
+ *              call has looked at all and found no address.
+ * @param name  receives the question's name; may be NULL. The call sets it if the reply has no
+ *              error and at least one answer, whether the result is 1 or 0. The value is a new
+ *              string that the caller frees, or NULL if the name can't be decoded or there is no
+ *              memory. Otherwise the call doesn't set it. So set it to NULL before, and always free
+ *              it.
+ * @param addr  receives the address in network byte order; not null
  *
- * Returns 1 with an address in @p addr: the first A record that isn't 0.0.0.0, of whatever class
- * and owner name (those of a CNAME chain count as well). Other types are passed over.
- * Returns -1 if reply_code isn't 0, and then @p addr is untouched.
- * Returns 0 if there is no such address. @p addr is untouched then, or zero if A records of 0.0.0.0
- * were there.
+ * Returns 1 with the address of the first A record that isn't 0.0.0.0 in @p addr. The record may
+ * have any class and owner name (those of a CNAME chain count, too). Other types are skipped.
+ * Returns -1 if reply_code isn't 0; @p addr is unchanged then.
+ * Returns 0 if there is no such address. Then @p addr is unchanged, or zero if there were A records
+ * of 0.0.0.0.
  *
- * The question's name ends at its first zero byte, however long it and its labels are. @p name
- * gets NULL for one that name2string() can't decode.
+ * The question's name ends at its first zero byte, whatever its length and that of its labels. If
+ * name2string() can't decode it, @p name receives NULL.
  *
- * The owner name of an answer is taken to be the two bytes of a compression pointer, which are
- * never looked at. A name of labels, ended by a zero byte or a pointer (RFC 1035, 4.1.4), counts as
- * well if it is one of these:
+ * The call takes the owner name of an answer to be two bytes, normally a compression pointer, which
+ * it doesn't follow. It also recognises a name of labels with a zero byte or a pointer at the end
+ * (RFC 1035, 4.1.4) if the name is one of these:
  *
  * - The root or a name of one letter, of a record of class IN.
- * - A name of up to 255 bytes whose first label has two or more bytes, the second being 32 or more.
- * - A name of up to 255 bytes whose first label has one byte, with a pointer behind it or a label
+ * - A name of up to 255 bytes whose first label has two or more bytes. The second is 32 or more.
+ * - A name of up to 255 bytes whose first label has one byte. Behind it comes a pointer, or a label
  *   whose first byte is 32 or more.
  *
- * Trap: an owner of two bytes that isn't a pointer can look like such a name, if its first byte is
- * 1 to 63 and the record's type is 8192 or more, or 288 or more where that byte is 1. Records of
- * addresses have smaller types. If that byte is 0 or 1, a record of class 0 or 256 can look so,
- * too; neither class is in use.
+ * Trap: an owner of two bytes that isn't a pointer can look like such a name in these records:
  *
- * An answer that goes on beyond byte 65535 of the message ends the search. Bytes behind the last
- * answer looked at are never read.
+ * - The first byte is 1, and the type is 288 or more.
+ * - The first byte is 2 to 63, and the type is 8192 or more.
+ * - The first byte is 0, the low byte of the type is 0, and the class is 256 to 511.
+ * - The first byte is 1, the type is below 256, the low byte of the class is 0, and the high byte
+ *   of the TTL is 1.
+ *
+ * Records of addresses have smaller types than those of the first two cases, and the classes of the
+ * last two aren't assigned (RFC 6895, 3.2).
+ *
+ * The search stops at an answer that goes on beyond byte 65535 of the message. The call never reads
+ * bytes behind the last answer that it looks at.
  * Trap: an A record counts as having 4 bytes of data whatever its rdlength says.
  */
 int dns_parse_reply(char* rep, char** name, struct in_addr* addr);
 
 /**
- * Takes the first usable address of either family out of a reply: dns_parse_reply() that knows AAAA
- * as well. It goes by the order of the answers and prefers neither.
+ * Finds the first usable address of either family in a reply, as dns_parse_reply() does for IPv4.
+ * It follows the order of the answers and prefers neither family.
  *
- * @param rep   as there
- * @param name  as there
- * @param addr  gets the address and ss_family: AF_INET and sin_addr for an A record, AF_INET6 and
- *              sin6_addr for AAAA; not null. The rest keeps what it holds, but the
- *              addresses overlap: passing one of zeros over leaves them there
+ * @param rep   as in dns_parse_reply()
+ * @param name  as in dns_parse_reply()
+ * @param addr  receives ss_family and the address: AF_INET and sin_addr for an A record, AF_INET6
+ *              and sin6_addr for AAAA; not null. The call changes no other bytes. But the two
+ *              addresses overlap: if the call skips an address of zeros, the zeros stay there.
  *
- * Returns 1, 0 or -1 as dns_parse_reply(). A record whose address is all zero is no result, but
- * family and address of the last such record are in @p addr if the result is 0. An AAAA record
- * counts as having 16 bytes of data.
+ * Returns 1, 0 or -1 as dns_parse_reply() does. A record whose address is all zero is no result.
+ * But if the result is 0, @p addr holds the family and address of the last such record. An AAAA
+ * record counts as having 16 bytes of data.
  */
 int dns_parse_reply_v6(char* rep, char** name, struct sockaddr_storage* addr);
 
