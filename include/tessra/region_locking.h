@@ -43,7 +43,7 @@ extern "C" {
  *                far that moves; a negative length for the bytes before @p start
  *
  * Returns 0, or -1 with errno from fcntl(): EAGAIN or EACCES (POSIX allows both) if another process
- * holds a lock there, or EBADF, EINVAL, ENOLCK or EOVERFLOW.
+ * holds a conflicting lock, or EBADF, EINVAL, ENOLCK or EOVERFLOW.
  * Blocks: never, on a local file system.
  */
 int lockRegion(int fd, int type, int whence, int start, int len);
