@@ -24,9 +24,9 @@ extern "C" {
  *
  * Life: initialise the fields, call recursive_mutex_lock() and recursive_mutex_unlock() in pairs,
  * then call pthread_mutex_destroy() for @c mutex. Don't copy the lock. Initialise a static one with
- * @ref RECURSIVE_MUTEX_INITIALIZER. No function initialises a lock at run time: for another one,
- * call pthread_mutex_init() with default attributes for @c mutex, set @c refcount to 0, and set
- * @c owner to a value that no thread has.
+ * @ref RECURSIVE_MUTEX_INITIALIZER. There is no function for other ones: call pthread_mutex_init()
+ * with default attributes for @c mutex, set @c refcount to 0, and set @c owner to a value that no
+ * thread has.
  */
 typedef struct {
     pthread_mutex_t mutex; /**< The real lock; held from the outermost lock to its unlock. */
