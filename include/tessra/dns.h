@@ -17,7 +17,7 @@
  *   and the question with the one sent, whose bytes a server repeats. A parser checks none of them.
  * - Lengths. No call knows the length of a buffer. A reply must be complete: it has all the records
  *   that its header counts, and each has all of its data. A parser reads beyond the end of a reply
- *   that is cut off. So give the parsers a buffer of 65535 bytes, the length of the longest message,
+ *   that is cut off. Give the parsers a buffer of 65535 bytes, the length of the longest message,
  *   with zeros behind the received bytes: no reply, however it is made, leads a parser out of that
  *   buffer. But the zeros count as part of the reply: they turn an address that is cut off into
  *   another address. So compare the length received with the length sent (recv() returns it with

@@ -131,14 +131,14 @@ void memchk_free(void* tofree, const char* file, unsigned int line);
  * @{
  */
 #ifdef TESSRA_MEMCHK
-/** Does calloc(count, size). With 64-bit pointers, a count or size above 32 bits gives NULL with
+/** Replaces calloc(count, size). With 64-bit pointers, a count or size above 32 bits gives NULL with
  * errno ENOMEM. */
 #define MEMCHK_CALLOC(count, size) tessra_memchk_calloc(count, size, __FILE__, __LINE__)
-/** Does strdup(todup). */
+/** Replaces strdup(todup). */
 #define MEMCHK_STRDUP(todup) memchk_dup(todup, __FILE__, __LINE__)
-/** Does strndup(todup, n). With 64-bit pointers, @p n above 32 bits counts as 2^32 - 1. */
+/** Replaces strndup(todup, n). With 64-bit pointers, @p n above 32 bits counts as 2^32 - 1. */
 #define MEMCHK_STRNDUP(todup, n) tessra_memchk_n_dup(todup, n, __FILE__, __LINE__)
-/** Does free(tofree). */
+/** Replaces free(tofree). */
 #define MEMCHK_FREE(tofree) memchk_free(tofree, __FILE__, __LINE__)
 #else
 #define MEMCHK_CALLOC(count, size) calloc(count, size)

@@ -58,7 +58,7 @@ int lockRegion(int fd, int type, int whence, int start, int len);
 int lockRegionWait(int fd, int type, int whence, int start, int len);
 
 /**
- * Returns the process that prevents a lock, without taking the lock.
+ * Returns the id of a process that prevents a lock, without taking the lock.
  *
  * @param type  the lock that the caller would like to take. A read lock of another process prevents
  *              F_WRLCK but not F_RDLCK. F_UNLCK isn't a lock: the call fails with EINVAL.
