@@ -131,8 +131,8 @@ void memchk_free(void* tofree, const char* file, unsigned int line);
  * @{
  */
 #ifdef TESSRA_MEMCHK
-/** Replaces calloc(count, size). With 64-bit pointers, a count or size above 32 bits gives NULL with
- * errno ENOMEM. */
+/** Replaces calloc(count, size). With 64-bit pointers, a count or size above 32 bits gives NULL
+ * with errno ENOMEM. */
 #define MEMCHK_CALLOC(count, size) tessra_memchk_calloc(count, size, __FILE__, __LINE__)
 /** Replaces strdup(todup). */
 #define MEMCHK_STRDUP(todup) memchk_dup(todup, __FILE__, __LINE__)
