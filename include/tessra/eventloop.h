@@ -16,7 +16,7 @@
  * Handlers run on the loop's thread, one after another, inside a pass. A pass first runs the
  * handlers of ready descriptors in the order in which they were added, then those of at most one
  * caught signal, then those of due timers. A handler may do the following:
- * - add and delete watchers of any kind on its own context, also itself and its neighbours;
+ * - add and delete watchers of any kind on its own context, including itself and its neighbours;
  * - add and delete timers of any context;
  * - cancel any loop;
  * - run one nested pass with do_events().
@@ -26,8 +26,8 @@
  *
  * Threads. Every function may be called from any thread, unless its description says otherwise. No
  * function may be called from a signal handler. Each add, delete and cancel wakes the loop, even a
- * delete that finds nothing and a call on the loop's own thread: the loop owes each of them a pass,
- * so n passes that don't wait follow n changes. Signals don't wait for these passes.
+ * delete that finds nothing, and even a call on the loop's own thread. The loop owes each of them a
+ * pass, so n passes that don't wait follow n changes. Signals don't wait for these passes.
  *
  * Locks. Descriptor, signal and child handlers run with the locks of their watcher lists held, so
  * an add or delete of such a watcher on another thread waits until they have returned. A handler
@@ -227,9 +227,10 @@ int is_event_loop_thread_mc(event_loop_ctx_tp el_ctx);
 /** is_event_loop_thread_mc() on the default context. */
 int is_event_loop_thread(void);
 
-/** Returns the loop's clock, CLOCK_MONOTONIC_RAW, in milliseconds (truncated). Threads: any. */
+/** Returns the time of the loop's clock, CLOCK_MONOTONIC_RAW, in whole milliseconds (truncated).
+ * Threads: any. */
 long long unsigned int event_get_time(void);
-/** Returns the seconds of the loop's clock. Threads: any. */
+/** Returns the time of the loop's clock in whole seconds. Threads: any. */
 time_t event_get_time_sec(void);
 
 /** @} */
@@ -485,7 +486,7 @@ void event_process_del(int pid);
 /**
  * Runs the default context's loop on a new thread and returns once the loop runs.
  *
- * If a former thread of this call has a cancelled loop, the call first waits for that thread.
+ * If the loop of a former thread was cancelled, the call first waits for that thread.
  * Returns 0 when the loop has run a pass; a cancel may stop it at once. Returns -1 if the loop
  * doesn't run. No thread is left then, and errno is one of these:
  * - EBUSY: the default loop runs, or a cancelled et_event_loop() has not returned.
