@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Starts a name server on the loopback and compares what lookup prints with what dig says.
+# Starts a name server on the loopback and compares the output of lookup with that of dig.
 #
 # Usage: check.sh [EMULATOR ARGUMENT...] PROGRAM
-# Ends with status 77 if there is no server or no dig.
+# Exits with status 77 if named or dig is missing.
 set -u
 
 lookup=("$@")
@@ -71,7 +71,8 @@ expect() {
     failed=$((failed + 1))
 }
 
-# A name in another case makes this server spell owners out; recursion is refused (elsewhere).
+# For a name in another case, this server writes owner names as labels. It refuses recursion
+# (elsewhere).
 for host in {www,WWW,both,six,one,ONE,away,sub,none}.example.test WWW.Example.Test x.elsewhere.test; do
     for type in A AAAA; do
         option=$([[ $type == A ]] && echo -4 || echo -6)

@@ -1,9 +1,9 @@
 /*
  * Looks up the address of a host: one UDP socket on the event loop, one timer for the time limit.
  *
- * The codec knows neither lengths nor senders, so this is the place for both: the socket is
- * connected, which leaves only the server's datagrams, the rest of each reply has to answer the
- * request under way, and the buffer is so large that no reply leads the parser out of it.
+ * The codec knows neither lengths nor senders, so this program checks both. Its socket is
+ * connected, so it receives only datagrams of the server. Each reply must answer the request under
+ * way. The buffer is so large that no reply leads the parser out of it.
  */
 #include <arpa/inet.h>
 #include <errno.h>
@@ -29,7 +29,7 @@ struct lookup {
     char* host;
     int type;
     struct sockaddr_in server;
-    unsigned int wait_ms; /* Of the next try; doubled after each. */
+    unsigned int wait_ms; /* For the reply to the next try; doubled after each try. */
     int tries_left;
     int fd;
     int request_length;
@@ -38,7 +38,7 @@ struct lookup {
 };
 
 /*
- * What the user wants
+ * The command line
  */
 
 /* The first IPv4 server of the system, or this host. */
@@ -56,7 +56,7 @@ static struct in_addr system_server(void) {
     return address;
 }
 
-/* Whether the standard allows the name; the codec takes its caller's word for it. */
+/* Whether the standard allows the name. The codec doesn't check this. */
 static int is_host_name(const char* name) {
     if (!*name || strlen(name) > 253) return 0;
     for (;;) {
@@ -112,14 +112,14 @@ static void try_once(void* arg);
  * The reply
  */
 
-/* The time limit may be due in the same pass, and would overrule the status. */
+/* Deletes the timer: it may be due in the same pass, and would overwrite the status. */
 static void finish(struct lookup* lookup, int status) {
     event_timer_del(try_once, lookup);
     lookup->status = status;
     cancel_loop();
 }
 
-/* A name from the network may hold anything, terminal commands included. */
+/* A name from the network may contain any byte, even commands for the terminal. */
 static void print_name(const char* name) {
     for (; *name; name++) (void)putchar(*name > ' ' && *name <= '~' ? *name : '?');
 }
@@ -174,7 +174,7 @@ static void on_reply(int fd, void* arg) {
     struct lookup* lookup = arg;
     for (int n = 0; n < REPLIES_PER_PASS; n++) {
         const ssize_t got = recv(fd, reply, sizeof reply, 0);
-        if (got < 0) return; /* Nothing more, or no one listens there: the timer decides. */
+        if (got < 0) return; /* No more replies, or no server: wait for the timer. */
         memset(reply + got, 0, sizeof reply - (size_t)got);
         if (!answers_request(lookup, reply, (size_t)got)) continue;
         take_reply(lookup, reply);
@@ -186,7 +186,7 @@ static void on_reply(int fd, void* arg) {
  * The request
  */
 
-/* A new id for each try; a reply to an older one is no longer taken. */
+/* Each try has a new id, so a reply to an older try is no longer accepted. */
 static int build_request(struct lookup* lookup) {
     unsigned short id;
     if (getrandom(&id, sizeof id, 0) != sizeof id) return 0;
