@@ -16,7 +16,8 @@ fail() {
 
 sites=$(grep -n '/\* leaks:' "$source" | cut -d: -f1 | sort -rn | paste -sd ' ')
 
-# Per dump: what is listed. Four clients are forgotten for each path, and both grow.
+# The first two dumps list nothing, the others both sites, whose numbers grow. The daemon leaks four
+# clients for each path.
 "$@" 20 5 >"$work/five" || fail "five dumps: status $?"
 awk -F '\t' -v sites="$sites" '
     BEGIN { split(sites, site, " ") }
@@ -31,7 +32,7 @@ awk -F '\t' -v sites="$sites" '
     !/^[0-9]+ requests served, last for 10\.0\.0\.9$/ { exit bad = 1 }
     END { exit bad || dump != 5 }' "$work/five" || fail "five dumps: not the report of sites $sites"
 
-# Asked to end after its third report.
+# SIGTERM after the third dump.
 coproc leakhunt { exec "$@" 20; }
 pid=$leakhunt_PID dumps=0
 while ((dumps < 3)) && read -r -t 60 line <&"${leakhunt[0]}"; do

@@ -1,8 +1,8 @@
 /*
- * leakhunt [INTERVAL_MS [DUMPS]]: a daemon that forgets blocks at two places and tells which.
+ * leakhunt [INTERVAL_MS [DUMPS]]: a daemon that leaks blocks at two places and reports them.
  *
  * It answers made-up requests. A dump every INTERVAL_MS milliseconds (1000) lists the call sites of
- * what is left behind. It ends after DUMPS dumps (0: never) or with SIGTERM or SIGINT.
+ * leaked blocks. The daemon exits after DUMPS dumps (0: never) or on SIGTERM or SIGINT.
  */
 #include <errno.h>
 #include <signal.h>
@@ -21,7 +21,7 @@ struct server {
     unsigned long interval_ms;
     unsigned long dumps_left;
     unsigned long served;
-    char* greeting; /* Lives as long as the daemon, which is no leak. */
+    char* greeting; /* Allocated as long as the daemon runs, which is no leak. */
     char* last_client;
 };
 
@@ -40,7 +40,7 @@ static void log_line(int level, char* format, ...) {
     fflush(stdout);
 }
 
-/* Returns the parts of "CLIENT PATH", or NULL when memory is short. */
+/* Returns the parts of "CLIENT PATH", or NULL if there is no memory. */
 static struct request* parse(const char* line) {
     const size_t client_length = strcspn(line, " ");
     struct request* request = MEMCHK_CALLOC(1, sizeof *request);
@@ -54,7 +54,7 @@ static struct request* parse(const char* line) {
     return NULL;
 }
 
-/* The first fault: the early return forgets the path. */
+/* The first fault: the early return doesn't free the path. */
 static void end_request(struct request* request) {
     int unknown = strcmp(request->path, "/status") != 0;
     char* path = request->path;
@@ -64,7 +64,7 @@ static void end_request(struct request* request) {
     MEMCHK_FREE(path);
 }
 
-/* The second fault: the name of the client before is overwritten. */
+/* The second fault: the pointer to the previous client's name is overwritten. */
 static void remember_client(struct server* server, const char* client) {
     server->last_client = MEMCHK_STRDUP(client); /* leaks: the client */
 }
@@ -100,7 +100,7 @@ static void on_end(int signal, siginfo_t* info, void* unused) {
     cancel_loop();
 }
 
-/* Signals are let in once the loop runs: one that comes before would be dropped. */
+/* The signals are unblocked once the loop runs: an earlier signal would be dropped. */
 static void open_signals(void* signals) { sigprocmask(SIG_UNBLOCK, signals, NULL); }
 
 static int to_number(const char* text, unsigned long low, unsigned long high,

@@ -3,9 +3,9 @@
  *
  *     zipstream [-C BASE] [-Z ZBASE] [-c CHUNK] PATH... >archive.zip
  *
- * Paths count from BASE (the working directory), and what goes into the archive is what comes below
- * ZBASE (BASE). A PATH of "-" stands for paths read from standard input, a line each. Directories
- * are entries without their contents, as the library has them:
+ * Relative paths start at BASE (the working directory). Names in the archive are the parts of the
+ * paths below ZBASE (BASE). For a PATH of "-", the program reads paths from standard input, one per
+ * line. A directory is an entry without its contents, as the library makes it:
  *
  *     find . -mindepth 1 | zipstream - | ssh host 'cat >backup.zip'
  */
@@ -51,7 +51,7 @@ static void read_paths(struct paths* paths) {
     if (ferror(stdin)) fail("standard input");
 }
 
-/* Goes on after a partial write, so that any kind of descriptor will do. */
+/* Goes on after a partial write, so that it works with any kind of descriptor. */
 static ssize_t write_all(void* arg, const void* buf, size_t count) {
     const int fd = *(const int*)arg;
     size_t done = 0;
