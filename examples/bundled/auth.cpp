@@ -12,7 +12,7 @@ namespace bundled {
 
 namespace {
 
-// Looks at each byte of what the client sent, whatever differs first.
+// Looks at each byte that the client sent, wherever the first difference is.
 bool is_equal(std::string_view given, std::string_view wanted) {
     volatile unsigned int difference = given.size() == wanted.size() ? 0 : 1;
     for (std::size_t i = 0; i < given.size() && !wanted.empty(); ++i) {
@@ -23,7 +23,7 @@ bool is_equal(std::string_view given, std::string_view wanted) {
 }
 
 bool decode(std::string_view text, std::string& bytes) {
-    std::size_t length = text.size();  // More than the bytes need.
+    std::size_t length = text.size();  // More than the decoded bytes need.
     bytes.resize(length);
     auto* out = reinterpret_cast<std::uint8_t*>(bytes.data());
     const auto* in = reinterpret_cast<const std::uint8_t*>(text.data());

@@ -1,4 +1,4 @@
-/** HTTP's Basic authentication, RFC 7617: a pure function of what a request has. */
+/** HTTP's Basic authentication, RFC 7617: a pure function of a request's field. */
 #ifndef BUNDLED_AUTH_H
 #define BUNDLED_AUTH_H
 
@@ -7,10 +7,10 @@
 namespace bundled {
 
 /**
- * Whether @p field, the value of a request's Authorization, carries @p wanted, "user:password".
+ * Returns whether @p field, the value of a request's Authorization, has @p wanted, "user:password".
  *
- * How long it takes tells nothing of @p wanted but its length. What isn't Basic or not valid
- * Base64 carries nothing.
+ * The time that the call takes reveals nothing about @p wanted except its length. A field that
+ * isn't Basic or isn't valid Base64 never has it.
  */
 bool is_authorized(std::string_view field, std::string_view wanted);
 

@@ -15,7 +15,7 @@ namespace bundled {
 
 namespace {
 
-// How often the list is made anew when a file on it goes before it is planned.
+// How often the list is made if files on it vanish before they are planned.
 constexpr unsigned int kMaxPlans = 5;
 
 /** An open directory. */
@@ -32,7 +32,7 @@ public:
 
     bool is_open() const { return stream_ != nullptr; }
 
-    /** The next name but "." and ".."; null at the end, with errno 0, and on a failure. */
+    /** Returns the next name except "." and ".."; null after a failure, at the end with errno 0. */
     const char* next() {
         const dirent* item;
         do {
@@ -60,7 +60,7 @@ bool is_file_or_folder(const struct stat& info) {
     return S_ISREG(info.st_mode) || S_ISDIR(info.st_mode);
 }
 
-// A file that can't be opened would end each stream of the bundle.
+// A file that can't be opened would cut each stream of the bundle short.
 bool is_readable(const std::string& path, const struct stat& info) {
     return access(path.c_str(), S_ISDIR(info.st_mode) ? R_OK | X_OK : R_OK) == 0;
 }
@@ -69,12 +69,12 @@ void log_left_out(const std::string& path) {
     log_line("bundle: left out %s: %s", path.c_str(), std::strerror(errno));
 }
 
-/** The paths of the entries, and the directories that are still to be looked into. */
+/** The paths of the entries, and the directories that walk() must still read. */
 struct Listing {
     TextTree entries{checked(BT_create(compare_texts))};
     PointerList folders{checked(LL_create())};  ///< Texts of the tree, and the base.
 
-    // What is there already, since it was named twice, has been looked into as well.
+    // A path that was named twice is already in the tree, and walk() knows its directory.
     void take(const std::string& path, const struct stat& info) {
         Text text = copy(path);
         if (!enter(*entries, text.get(), text.get())) {
@@ -100,7 +100,7 @@ void take_found(Listing& listing, const std::string& path) {
     }
 }
 
-// Looks into the directories one after another, until no new ones turn up.
+// Reads the directories one after another, until it finds no new ones.
 bool walk(Listing& listing) {
     while (listing.folders->itemcount != 0) {
         const std::string path = static_cast<const char*>(LL_pop(listing.folders.get()));
@@ -132,7 +132,7 @@ bool take_named(Listing& listing, const BundleSettings& settings, std::string_vi
         return false;
     }
     if (name == ".") {
-        push(*listing.folders, const_cast<char*>(settings.base.c_str()));  // Isn't an entry.
+        push(*listing.folders, const_cast<char*>(settings.base.c_str()));  // No entry.
     } else {
         listing.take(path, info);
     }

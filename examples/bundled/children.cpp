@@ -1,13 +1,13 @@
 /*
- * Two ends make one result, and either may come first: the end of the output, when the last holder
- * of the pipe's write end has gone, and the end of the child.
+ * A result needs two events, in either order: the end of the output, when the last process has
+ * closed the pipe's write end, and the exit of the child.
  *
- * - No end of a child is missed. One that ends before event_process_add() is noticed late, so the
- *   child waits on a gate, a pipe that the parent closes once the watcher is there. One that ends
- *   while a background task runs is noticed late too, so after the end of the output a timer looks.
- * - A process group is killed only while its leader hasn't been collected: later the number may be
- *   another's.
- * - A child lives until both ends are there, whether or not anyone waits for the result.
+ * - No exit is missed. The loop notices an exit before event_process_add() late, so the child waits
+ *   at a gate, a pipe that the parent closes once it has added the watcher. The loop also notices
+ *   an exit late while a background task runs, so after the end of the output a timer checks.
+ * - A process group is killed only while its leader hasn't been collected: later another group may
+ *   have its number.
+ * - A Child exists until both events have come, whether or not anyone waits for the result.
  */
 #include "children.h"
 
@@ -37,7 +37,7 @@ struct Child : Tracked {
 
     list_t link;  ///< First, so that the address of the node is the address of the child.
     ChildRunner* runner;
-    int pid = 0;  ///< 0 as long as there is no child, and again once it is collected.
+    int pid = 0;  ///< 0 before there is a child, and again once it is collected.
     int status = 0;
     Descriptor output_pipe;
     std::size_t max_output = 0;
@@ -53,7 +53,7 @@ static_assert(std::is_standard_layout_v<Child> && offsetof(Child, link) == 0,
 namespace {
 
 constexpr unsigned int kEndCheckMs = 100;
-constexpr int kExitNotStarted = 127;  // As a shell that can't start a command.
+constexpr int kExitNotStarted = 127;  // As from a shell that can't start a command.
 
 struct Pipe {
     Descriptor read_end;
@@ -79,7 +79,7 @@ bool make_non_blocking(int fd) {
  * The child's side.
  */
 
-// Descriptors that the daemon itself inherited needn't have close-on-exec set, so all are closed.
+// Descriptors that the daemon itself inherited may lack close-on-exec, so all are closed.
 void close_from(int first) {
     struct rlimit limit;
     const bool known = getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY;
@@ -89,8 +89,8 @@ void close_from(int first) {
     }
 }
 
-// As exec() would do it: caught signals go back to their default, so that none is lost in the
-// library's catcher; ignored ones stay ignored, but for the one that the daemon itself ignores.
+// Does what exec() would do: caught signals get their default action, so that none is lost in the
+// library's catcher. Ignored ones stay ignored, except for the one that the daemon itself ignores.
 void reset_signals(bool stay_blocked) {
     sigset_t mask;
     sigfillset(&mask);
@@ -110,13 +110,13 @@ void reset_signals(bool stay_blocked) {
 }
 
 void wait_for_gate(const Pipe& gate) {
-    (void)close(gate.write_end.get());  // Its own copy would keep the gate shut.
+    (void)close(gate.write_end.get());  // This copy would keep the gate closed.
     char byte;
     while (read(gate.read_end.get(), &byte, 1) < 0 && errno == EINTR) {
     }
 }
 
-// Ends without the destructors and exit handlers of the daemon, whose files and buffers it shares.
+// Exits without the destructors and exit handlers of the daemon, whose files and buffers it shares.
 [[noreturn]] void run_child(const ChildTask& task, const Pipe& output, const Pipe& gate) {
     wait_for_gate(gate);
     reset_signals(task.blocks_signals);
@@ -146,11 +146,11 @@ int exec_shell(const void* line) {
 
 void kill_group(const Child& child) {
     if (child.pid != 0) {
-        (void)kill(-child.pid, SIGKILL);  // Fails only if all of it has ended already.
+        (void)kill(-child.pid, SIGKILL);  // Fails only if the whole group has exited.
     }
 }
 
-// For a child whose watcher is gone or never was. The kill makes the wait a short one.
+// For a child whose watcher is deleted or never existed. After the kill the wait is short.
 void kill_and_collect(Child& child) {
     kill_group(child);
     while (waitpid(child.pid, &child.status, 0) < 0 && errno == EINTR) {
@@ -179,19 +179,19 @@ int on_child_end(int /*pid*/, void* arg, int status) noexcept {
     return 0;
 }
 
-// Collects a child whose end the watcher has not noticed. As long as the watcher exists the status
-// is the loop's to collect, so this only peeks until the watcher is deleted.
+// Collects a child whose exit the watcher has not noticed. As long as the watcher exists, the loop
+// must collect the status, so this uses WNOWAIT until the watcher is deleted.
 void on_end_check(void* arg) noexcept {
     auto* child = static_cast<Child*>(arg);
     siginfo_t info = {};
     const auto id = static_cast<id_t>(child->pid);
     if (waitid(P_PID, id, &info, WEXITED | WNOHANG | WNOWAIT) != 0 || info.si_pid == 0) {
-        (void)arm_timer(on_end_check, child, kEndCheckMs);  // Else the watcher alone must do.
+        (void)arm_timer(on_end_check, child, kEndCheckMs);  // If it fails, the watcher is left.
         return;
     }
     event_process_del(child->pid);
     int status = 0;
-    (void)waitpid(child->pid, &status, 0);  // Can't fail or wait: the child has just been seen.
+    (void)waitpid(child->pid, &status, 0);  // Can't fail or wait: waitid() has seen the exit.
     child_ended(child, status);
 }
 
@@ -199,7 +199,7 @@ void output_ended(Child* child) {
     child->output_pipe.reset();
     event_timer_del(on_end_check, child);
     if (child->pid != 0) {
-        (void)arm_timer(on_end_check, child, kEndCheckMs);  // Else the watcher alone must do.
+        (void)arm_timer(on_end_check, child, kEndCheckMs);  // If it fails, the watcher is left.
     }
     finish_if_over(child);
 }
@@ -225,7 +225,7 @@ void on_output(int fd, void* arg) noexcept {
     }
 }
 
-// Also ends the wait for an output that a process outside the group keeps open.
+// Also stops the wait for an output that a process outside the group keeps open.
 void on_time_limit(void* arg) noexcept {
     auto* child = static_cast<Child*>(arg);
     if (const ChildDone done = std::exchange(child->done, nullptr)) {
@@ -234,14 +234,16 @@ void on_time_limit(void* arg) noexcept {
     ChildRunner::abandon(child);
 }
 
-// Registers everything that the child's two ends and its limit need. False: errno tells.
+// Watches for the child's two events and arms its time limit. Returns false with errno after a
+// failure.
 bool watch_ends(Child* child, unsigned int limit_ms) {
     return watch_child(child->pid, on_child_end, child) &&
            child->output_pipe.watch(on_output, child, EVENT_FD_READ) &&
            (limit_ms == 0 || arm_timer(on_time_limit, child, limit_ms));
 }
 
-// Forks the child behind the gate. False: errno tells, and no child is left.
+// Forks the child, which waits at the gate. After a failure returns false with errno; no child is
+// left.
 bool fork_and_watch(Child* child, const ChildTask& task, unsigned int limit_ms) {
     Pipe output;
     Pipe gate;
@@ -256,7 +258,7 @@ bool fork_and_watch(Child* child, const ChildTask& task, unsigned int limit_ms) 
         child->pid = 0;
         return false;
     }
-    (void)setpgid(child->pid, child->pid);  // Can't fail: the child is ours and waits.
+    (void)setpgid(child->pid, child->pid);  // Can't fail: it is our child and waits at the gate.
     child->output_pipe.reset(output.read_end.release());
     if (!watch_ends(child, limit_ms)) {
         const int error = errno;
@@ -265,7 +267,8 @@ bool fork_and_watch(Child* child, const ChildTask& task, unsigned int limit_ms) 
         errno = error;
         return false;
     }
-    return true;  // Leaving closes both write ends here, and with the gate's the child starts.
+    // The destructors close both write ends here. The child starts when the gate is closed.
+    return true;
 }
 
 }  // namespace
@@ -293,7 +296,7 @@ Child::~Child() {
 
 ChildRunner::ChildRunner() { list_init(&children_); }
 
-// The loop has returned and its watchers with it: the children are collected here.
+// The loop has returned and has dropped its watchers, so the children are collected here.
 ChildRunner::~ChildRunner() {
     list_t* node;
     dll_foreach(node, &children_) {

@@ -1,7 +1,7 @@
 /**
- * Watched children: work that would hold up the loop, a shell command or a long answer, in a
- * process of its own. The output comes through a pipe that the loop watches, the end through the
- * child watcher, and the result is there when both have ended.
+ * Watched children: work that would delay the loop, such as a shell command or a long answer, runs
+ * in a process of its own. The loop watches a pipe for the output, and the child for its exit. The
+ * result is complete when the output is at its end and the child has exited.
  */
 #ifndef BUNDLED_CHILDREN_H
 #define BUNDLED_CHILDREN_H
@@ -15,24 +15,25 @@ namespace bundled {
 struct Child;
 
 /**
- * What a child does. It runs in the forked process with empty input, stdout as its output, the
- * daemon's stderr, and no other descriptor of the daemon; caught signals are back at their default.
- * The loop isn't there: nothing may be watched or armed.
+ * The task of a child. It runs in the forked process. Its input is empty, stdout is its output,
+ * stderr is the daemon's, and no other descriptor of the daemon is open. Caught signals have their
+ * default action again. The loop doesn't run there: the task must not watch or arm anything.
  */
 struct ChildTask {
     int (*main)(const void* arg);  ///< Its result is the exit status.
-    const void* arg;               ///< Needed until start() has returned.
-    int kept_fd = -1;              ///< A descriptor to hand down: kKeptFd in the child.
-    bool blocks_signals = false;   ///< Only SIGKILL and SIGSTOP reach it.
+    const void* arg;               ///< Must exist until start() has returned.
+    int kept_fd = -1;              ///< A descriptor for the child, where it is kKeptFd.
+    bool blocks_signals = false;   ///< If true, only SIGKILL and SIGSTOP reach the child.
 };
 
 constexpr int kKeptFd = 3;
 
-/** Runs @p line, which start() needs, with /bin/sh -c; stderr goes to the output as well. */
+/** Returns a task that runs @p line with /bin/sh -c; its stderr goes to the output, too. @p line
+ * must exist until start() has returned. */
 ChildTask shell_task(const char* line);
 
 struct ChildLimits {
-    unsigned int time_ms = 10000;  ///< 0 for none.
+    unsigned int time_ms = 10000;  ///< 0 for no limit.
     unsigned int output_bytes = 65536;
     unsigned int running = 8;  ///< How many may run at a time.
 };
@@ -41,17 +42,17 @@ struct ChildResult {
     int status;          ///< Raw wait status; 0 if timed_out.
     bool timed_out;      ///< Killed, or given up, at the end of its time.
     bool output_cut;     ///< Killed because it wrote more than its limit.
-    std::string output;  ///< What it wrote.
+    std::string output;  ///< The text that it wrote.
 };
 
-/** Called once, from the loop, when the child has ended or its time is over. */
+/** Called once, from the loop, when the child has exited or its time is over. */
 using ChildDone = void (*)(void* arg, const ChildResult& result);
 
-/** Text for the end of a child by its wait status: "exit status 3", "signal 9". */
+/** Describes the end of a child by its wait status: "exit status 3", "signal 9". */
 std::string describe_end(int status);
 
 /**
- * Runs children on the default loop. The destructor kills and collects those still running, and
+ * Runs children on the default loop. The destructor kills and collects those that still run, and
  * calls their done handlers.
  */
 class ChildRunner {
@@ -64,15 +65,17 @@ public:
     /**
      * Starts @p task in a process group of its own.
      *
-     * Returns the running child, which is valid until @p done is called or abandon(); null with
-     * errno if it can't be started, EAGAIN if as many run already as @p limits allow.
+     * Returns the running child, which is valid until @p done or abandon() is called. Returns null
+     * with errno if the child can't be started. errno is EAGAIN if as many children run already as
+     * @p limits allow.
      */
     Child* start(const ChildTask& task, const ChildLimits& limits, ChildDone done, void* arg);
 
-    /** Gives @p child, which had no limit, so much time from now on. False: errno tells. */
+    /** Gives @p child, which had no limit, a time limit from now on. Returns false with errno after
+     * a failure. */
     static bool set_time(Child* child, unsigned int time_ms);
 
-    /** Kills @p child; its done handler isn't called any more. */
+    /** Kills @p child. Its done handler is no longer called. */
     static void abandon(Child* child);
 
     unsigned int running() const { return running_; }

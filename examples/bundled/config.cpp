@@ -164,7 +164,7 @@ bool apply_line(std::string_view line, Config& config, hashtable_t& commands) {
                          commands);
 }
 
-// Reads to the end of the file, up to one byte more than a configuration may have.
+// Reads to the end of the file, or until the text is longer than a configuration may be.
 bool read_all(int fd, std::string& text) {
     char chunk[4096];
     while (text.size() <= kMaxFileBytes) {
@@ -200,7 +200,7 @@ bool parse_number(std::string_view text, unsigned int max, unsigned int& value) 
             return false;
         }
     }
-    if (number == 0) {  // An empty text ends here as well.
+    if (number == 0) {  // An empty text gives 0, too.
         return false;
     }
     value = static_cast<unsigned int>(number);
@@ -224,7 +224,7 @@ bool parse_config(std::string_view text, Config& config, std::string& error) {
 }
 
 bool load_config(const char* path, Config& config, std::string& error) {
-    // Opening and reading a FIFO or a terminal would hold up the loop: only regular files count.
+    // Opening and reading a FIFO or a terminal would block the loop, so only regular files count.
     const Descriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat info;
     if (!file.is_open() || fstat(file.get(), &info) != 0) {

@@ -24,13 +24,13 @@ bool would_block() { return errno == EAGAIN || errno == EINTR; }
 // client that doesn't take them.
 void discard_unsent_bytes(int fd) {
     const struct linger at_once = {1, 0};
-    (void)setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);  // Only saves memory.
+    (void)setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);  // It only saves memory.
 }
 
 void on_deadline(void* arg) noexcept;
 
-// A connection whose deadline can't be armed could stay for ever, so it is closed. False: it is
-// gone.
+// A connection whose deadline can't be armed could stay for ever. So this function closes it, and
+// returns false.
 bool restart_deadline(Connection* connection) {
     event_timer_del(on_deadline, connection);
     if (!arm_timer(on_deadline, connection, connection->server->idle_ms())) {
@@ -88,8 +88,8 @@ void end_of_input(Connection* connection) {
     connection_close(connection);
 }
 
-// Serves reading, waiting and draining. While the client waits, the end of its input means that it
-// has gone: what it waits for is cancelled.
+// For reading, waiting and draining. While the client waits, the end of its input means that it has
+// left, so the work is cancelled.
 void on_readable(int fd, void* arg) noexcept {
     auto* connection = static_cast<Connection*>(arg);
     char chunk[4096];
@@ -106,7 +106,7 @@ void on_readable(int fd, void* arg) noexcept {
 void start_draining(Connection* connection) {
     connection->phase = Phase::kDraining;
     (void)shutdown(connection->socket.get(),
-                   SHUT_WR);  // Fails if the client has gone; reading tells.
+                   SHUT_WR);  // Fails if the client has left; recv() reports that.
     if (!connection->socket.watch(on_readable, connection, EVENT_FD_READ)) {
         connection_close(connection);
     }
@@ -174,7 +174,7 @@ void connection_wait(Connection* connection, PendingWork work) {
 
 void connection_answered(Connection* connection) {
     connection->pending = {};
-    connection->missing = SIZE_MAX;  // No one has looked yet, so the first deadline sees progress.
+    connection->missing = SIZE_MAX;  // At the first deadline, any number is progress.
     if (restart_deadline(connection)) {
         start_draining(connection);
     }
@@ -186,8 +186,9 @@ void connection_drop(Connection* connection) {
     connection_close(connection);
 }
 
-// Readiness doesn't tell: a socket turns writable again only when a good part of its buffer is
-// free, long after a slow client's last byte. After shutdown() the FIN counts as one byte more.
+// Readiness doesn't show progress: a socket becomes writable again only when a good part of its
+// buffer is free, long after a slow client has taken its first byte. After shutdown() the FIN
+// counts as one byte more.
 std::size_t unacknowledged_bytes(int fd) {
     int in_queue = 0;
     const bool known = ioctl(fd, SIOCOUTQ, &in_queue) == 0 && in_queue > 0;

@@ -1,14 +1,16 @@
 /**
- * One client: a request is read and answered, the connection closed, by readiness and deadlines.
+ * One client. Readiness and deadlines lead from reading a request over its answer to the close.
  *
- * Life: reading, until the request is complete or refused; waiting, if the answer takes work that
- * goes on outside; writing; draining, in which the answer is under way and what the client still
- * sends is read and thrown away, because closing on unread bytes would reset the connection and
- * could take the answer with it.
+ * The phases of a connection are:
+ * - reading, until the request is complete or refused;
+ * - waiting, if the answer needs work that goes on elsewhere;
+ * - writing;
+ * - draining: the answer is under way, and the bytes that the client still sends are read and
+ *   discarded. A close with unread bytes would reset the connection, and could destroy the answer.
  *
- * Each phase but waiting has a deadline, the server's idle time. A request must be complete by
- * then, however many of its bytes trickle in. Writing and draining go on for as long as the client
- * takes some of the answer in each such span, even if only the kernel's buffers see that.
+ * Each phase except waiting has a deadline, the server's idle time. A request must be complete by
+ * then, even if some of its bytes arrive meanwhile. Writing and draining go on as long as the
+ * client takes some of the answer in each such span, even if only the kernel's buffers show that.
  */
 #ifndef BUNDLED_CONNECTION_H
 #define BUNDLED_CONNECTION_H
@@ -26,7 +28,7 @@ namespace bundled {
 
 class Server;
 
-/** Work that an answer waits for. cancel(work) runs once if the client goes away meanwhile. */
+/** Work that an answer waits for. cancel(work) runs once if the client leaves meanwhile. */
 struct PendingWork {
     void (*cancel)(void* work) = nullptr;
     void* work = nullptr;
@@ -54,24 +56,24 @@ void connection_open(Server& server, int fd);
 void connection_close(Connection* connection);
 
 /**
- * Answers the request. The server's request handler calls it at once, or after connection_wait()
- * when the work is done. The connection may be gone when it returns.
+ * Answers the request. The server's request handler calls this function at once, or after
+ * connection_wait() when the work is done. The call may close and free the connection.
  */
 void connection_answer(Connection* connection, const Response& response);
 
-/** Puts the answer off until @p work is done, which has a time limit of its own. */
+/** Delays the answer until @p work is done. The work has a time limit of its own. */
 void connection_wait(Connection* connection, PendingWork work);
 
 /**
- * Ends the wait when the work has itself sent the answer, or what there was of it: the client sees
- * the end. The connection may be gone when it returns.
+ * Call this when the work itself has sent the answer, or a part of it: the client then sees the end
+ * of the answer. The call may close and free the connection.
  */
 void connection_answered(Connection* connection);
 
-/** Counts a client that takes nothing any more, and closes its connection at once. */
+/** Counts a client that no longer takes anything, and closes its connection at once. */
 void connection_drop(Connection* connection);
 
-/** How many bytes the socket @p fd still holds that its client has not acknowledged. */
+/** Returns the number of bytes in the socket @p fd that its client has not acknowledged. */
 std::size_t unacknowledged_bytes(int fd);
 
 }  // namespace bundled

@@ -1,6 +1,6 @@
 /**
- * Owners of the library's containers, and adds with a result. As with the standard library's,
- * memory that runs out is a std::bad_alloc. Texts in containers come from copy().
+ * Owners of the library's containers, and add functions with a result. As in the standard library's
+ * containers, exhausted memory is a std::bad_alloc. Texts in containers come from copy().
  */
 #ifndef BUNDLED_CONTAINERS_H
 #define BUNDLED_CONTAINERS_H
@@ -52,12 +52,12 @@ inline void push(LinkedList& list, void* value) {
  * Trees whose keys are texts, in the order of their bytes. The data holds the key.
  */
 
-// Walks go from where the result is negative, so the arguments change places.
+// A walk begins on the side of the negative results, so the arguments are exchanged.
 inline int compare_texts(void* stored, void* wanted) {
     return std::strcmp(static_cast<char*>(wanted), static_cast<char*>(stored));
 }
 
-/** Calls @p visit for each data, which it may free if the tree goes afterwards. */
+/** Calls @p visit for each data. It may free the data if the tree is freed afterwards. */
 template <class Data, class Visit>
 void for_each(BinaryTree& tree, Visit visit) {
     for (BinaryTreeNode* node = leftmost(&tree); node != nullptr; node = inordernext(node)) {
@@ -73,7 +73,7 @@ inline void free_text_tree(BinaryTree* tree) {
 using Tree = std::unique_ptr<BinaryTree, FreeBy<BT_delete>>;  ///< Owns neither keys nor data.
 using TextTree = std::unique_ptr<BinaryTree, FreeBy<free_text_tree>>;
 
-/** False if the key is there already; the data then isn't taken. */
+/** Returns false if the tree already has the key; then it doesn't take the data. */
 inline bool enter(BinaryTree& tree, void* key, void* data) {
     const int result = BT_insert(&tree, key, data);
     if (result < 0) {
@@ -86,7 +86,7 @@ inline bool enter(BinaryTree& tree, void* key, void* data) {
  * String hash tables and named flags.
  */
 
-// The table frees with free(), so the tracker is told before.
+// The table calls free(), so the tracker's records are removed before.
 inline void free_text_table(hashtable_t* table) {
     const auto forget = [](char* key, void* value, void* /*arg*/) {
         remove_allocation(key);

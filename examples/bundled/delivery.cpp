@@ -16,7 +16,7 @@ namespace bundled {
 
 struct Deliveries::Delivery : Tracked {
     Deliveries* deliveries;
-    Connection* connection;  ///< Null once the client has gone.
+    Connection* connection;  ///< Null once the client has left.
     Child* child;
 };
 
@@ -43,8 +43,8 @@ struct Client {
     Outcome outcome = kSent;  ///< Stays until a send fails for good.
 };
 
-// Waits until the client's socket takes bytes again, for as long as the client takes some itself in
-// each span of the idle time.
+// Waits until the client's socket takes bytes again. Goes on as long as the client itself takes
+// some in each span of the idle time.
 bool wait_for_room(Client& client) {
     std::size_t before = SIZE_MAX;
     for (;;) {
@@ -57,17 +57,17 @@ bool wait_for_room(Client& client) {
         struct pollfd room = {client.fd, POLLOUT, 0};
         const int ready = poll(&room, 1, client.idle_ms);
         if (ready != 0) {
-            return true;  // Also after a failure: send() tells.
+            return true;  // Also after a failure: send() reports it.
         }
     }
 }
 
-// The socket doesn't block, since it is the daemon's as well, so this goes on where it stopped.
-// MSG_MORE lets the archive's many small records travel together; the daemon's shutdown() sends
-// what is left.
+// The daemon uses this socket, too, so it is non-blocking, and send_all() goes on after a partial
+// send. With MSG_MORE the kernel sends the archive's many small records together. The daemon's
+// shutdown() sends the rest.
 //
-// After a failure it takes nothing more, since the filling of a file that has shrunk goes on. After
-// a success errno is as before, so that it tells of the files alone.
+// After a failure send_all() sends no more bytes: the library goes on calling it to fill up a file
+// that has shrunk. After a success errno is as before, so that it shows errors of files only.
 ssize_t send_all(void* arg, const void* bytes, std::size_t count) {
     auto* client = static_cast<Client*>(arg);
     const auto* rest = static_cast<const char*>(bytes);
@@ -118,7 +118,7 @@ Outcome send_archive(Client& client, szip_info_t* info, bool head_only) {
 
 int run_delivery(const void* arg) {
     const auto* order = static_cast<const Order*>(arg);
-    set_tracking(false);  // No one dumps here.
+    set_tracking(false);  // The child makes no dumps.
     Client client = {kKeptFd, static_cast<int>(order->idle_ms)};
     szip_info_t* info = plan_bundle(*order->settings);
     if (info == nullptr) {
@@ -173,18 +173,19 @@ void Deliveries::on_child_done(void* delivery, const ChildResult& result) {
     }
 }
 
-// A client may close as soon as it has the last byte, before the child has ended, so this is no
-// reason to kill it: a child that has more to send notices. Its time is for one that sends nothing.
+// A client may close as soon as it has the last byte, before the child has exited, so this doesn't
+// kill the child: if it has more to send, it notices that the client has left. The time limit is
+// for a child that sends nothing.
 void Deliveries::on_client_gone(void* delivery) {
     auto* self = static_cast<Delivery*>(delivery);
     const unsigned int idle_ms = self->connection->server->idle_ms();
     self->connection = nullptr;
-    (void)ChildRunner::set_time(self->child, idle_ms);  // Else it takes as long as it takes.
+    (void)ChildRunner::set_time(self->child, idle_ms);  // If it fails, there is no limit.
 }
 
 void Deliveries::start(Connection& connection, const BundleSettings& settings) {
     const Order order = {&settings, connection.head_only, connection.server->idle_ms()};
-    // "killall -HUP bundled" reaches the child as well, and would end it in the middle.
+    // "killall -HUP bundled" reaches the child, too, and would kill it while it sends.
     const ChildTask task = {run_delivery, &order, connection.socket.get(), true};
     const ChildLimits limits = {0, 0, settings.streams};
     std::unique_ptr<Delivery> delivery(new (here()) Delivery{{}, this, &connection, nullptr});

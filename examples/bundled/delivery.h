@@ -1,7 +1,7 @@
 /**
- * /bundle.zip on its way to clients. Each bundle is planned and sent by a watched child, because
- * looking at a tree of files, reading them and a client that takes its time would all hold up the
- * loop. The daemon keeps the connection: it sees the client leave, and closes.
+ * Sending /bundle.zip to clients. A watched child plans and sends each bundle, because a walk over
+ * a tree of files, reading the files and a slow client would all delay the loop. The daemon keeps
+ * the connection: it notices when the client leaves, and closes the connection.
  */
 #ifndef BUNDLED_DELIVERY_H
 #define BUNDLED_DELIVERY_H
@@ -13,18 +13,19 @@
 
 namespace bundled {
 
-/** The bundles under way and what became of the others. It must outlive the connections. */
+/** The bundles under way, and counts of the others. It must outlive the connections. */
 class Deliveries {
 public:
     explicit Deliveries(Counters& counters) : counters_(counters) {}
 
     /**
-     * Answers the request of @p connection with the archive of @p settings as they are now, or with
-     * 503 if it can't be planned or as many bundles are under way as the settings allow.
+     * Answers the request of @p connection with the archive of @p settings as they are now. Answers
+     * with 503 if the archive can't be planned, or if as many bundles are under way as the settings
+     * allow.
      *
-     * The head carries the exact length, so a client can tell an archive that ended short because a
-     * file changed under way. A client that takes nothing for the server's idle time is dropped.
-     * The connection may be gone when it returns.
+     * The head has the exact length, so a client can detect an archive that is cut short because a
+     * file has changed. A client that takes nothing for the server's idle time is dropped. The call
+     * may close and free the connection.
      */
     void start(Connection& connection, const BundleSettings& settings);
 
@@ -38,7 +39,7 @@ private:
     void count(int outcome, int status);
 
     Counters& counters_;
-    ChildRunner children_;  ///< Last, so that it goes first: the ends of its children are counted.
+    ChildRunner children_;  ///< Last, so destroyed first: the ends of its children are counted.
 };
 
 }  // namespace bundled

@@ -57,7 +57,7 @@ bool is_token(std::string_view text) {
 bool is_visible_ascii(std::string_view text) {
     for (const char c : text) {
         if (c <= ' ' ||
-            c > '~') {  // Bytes of 128 and above are refused where char is signed or not.
+            c > '~') {  // Refuses bytes of 128 and above, whether char is signed or not.
             return false;
         }
     }
@@ -100,7 +100,7 @@ bool take_line(std::string_view& rest, std::string_view& line) {
     return true;
 }
 
-// Any HTTP/1.x is understood as the 1.x that the daemon knows, RFC 9110, section 2.5.
+// The daemon treats any HTTP/1.x as the 1.x that it knows, RFC 9110, section 2.5.
 int check_version(std::string_view version) {
     const bool well_formed = version.size() == 8 && version.substr(0, 5) == "HTTP/" &&
                              is_digit(version[5]) && version[6] == '.' && is_digit(version[7]);
@@ -110,7 +110,7 @@ int check_version(std::string_view version) {
     return version[5] == '1' ? kRequestComplete : 505;
 }
 
-// Splits a target in origin form, or in absolute form, which RFC 9112, section 3.2.2, asks for.
+// Splits a target in origin form, or in absolute form, which RFC 9112, section 3.2.2, requires.
 bool parse_target(std::string_view target, Request& request) {
     constexpr std::string_view kScheme = "http://";
     if (!is_visible_ascii(target)) {
@@ -143,7 +143,7 @@ int parse_request_line(std::string_view line, Request& request) {
     return check_version(line.substr(last + 1));
 }
 
-// No resource takes a body, so a request that announces one is refused before it is sent.
+// No resource takes a body, so a request that announces a body is refused before it is sent.
 int check_body_length(std::string_view value) {
     bool empty = true;
     for (const char c : value) {

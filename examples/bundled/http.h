@@ -1,6 +1,6 @@
 /**
- * HTTP/1.0 as far as the daemon speaks it: a request parser over bytes and a response writer. Both
- * are pure functions; they know no socket and no loop.
+ * The part of HTTP/1.0 that the daemon needs: a request parser over bytes and a response writer.
+ * Both are pure functions; they know no socket and no loop.
  */
 #ifndef BUNDLED_HTTP_H
 #define BUNDLED_HTTP_H
@@ -17,8 +17,8 @@ constexpr std::size_t kMaxRequestHead = 8192;
 struct Request {
     std::string method;
     std::string path;           ///< Begins with a slash; percent escapes are left as they are.
-    std::string query;          ///< What follows the first question mark.
-    std::string authorization;  ///< The value of the field, empty without it.
+    std::string query;          ///< The part behind the first question mark.
+    std::string authorization;  ///< The value of the field; empty if there is no such field.
 };
 
 constexpr int kRequestIncomplete = 0;
@@ -27,10 +27,13 @@ constexpr int kRequestComplete = 200;
 /**
  * Looks at the bytes that a client has sent so far.
  *
- * Returns kRequestIncomplete while the end of the head is missing, kRequestComplete with @p request
- * filled, or the status to refuse the request with: 400 malformed, 413 has a body, 414 or 431
- * longer than kMaxRequestLine or kMaxRequestHead, 505 not HTTP/1.x. A refusal may come before the
- * head is complete. Asks for no more bytes once kMaxRequestHead are there.
+ * Returns kRequestIncomplete while the end of the head is missing, but not once there are
+ * kMaxRequestHead bytes. Returns kRequestComplete with @p request filled. Returns another status to
+ * refuse the request, possibly before the head is complete:
+ * - 400: it is malformed.
+ * - 413: it has a body.
+ * - 414 or 431: it is longer than kMaxRequestLine or kMaxRequestHead.
+ * - 505: it isn't HTTP/1.x.
  */
 int parse_request(std::string_view bytes, Request& request);
 
@@ -40,17 +43,17 @@ struct Response {
     std::string extra_headers;  ///< Complete lines with their line ends; never foreign text.
 };
 
-/** A response that carries @p body. */
+/** Returns a response with @p body. */
 Response text_response(int status, std::string body);
 
-/** A response whose body is the status and its reason, and @p detail if there is any. */
+/** Returns a response whose body has the status, its reason, and @p detail if there is any. */
 Response error_response(int status, std::string_view detail = {});
 
-/** The head of a response, up to its empty line. @p extra_headers are complete lines. */
+/** Returns the head of a response with its empty line. @p extra_headers are complete lines. */
 std::string format_head(int status, const char* type, unsigned long long length,
                         const std::string& extra_headers = {});
 
-/** The bytes of @p response; without its body, but with the body's length, if @p head_only. */
+/** Returns the bytes of @p response. With @p head_only the body is left out, but not its length. */
 std::string format_response(const Response& response, bool head_only);
 
 }  // namespace bundled

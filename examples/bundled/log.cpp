@@ -15,9 +15,9 @@ void log_line(const char* format, ...) {
     va_end(args);
     for (char* byte = text; *byte != '\0'; ++byte) {
         const auto code = static_cast<unsigned char>(*byte);
-        *byte = code < ' ' || code == 0x7f ? '?' : *byte;  // A file's name must not make a line.
+        *byte = code < ' ' || code == 0x7f ? '?' : *byte;  // A file's name must not add a line.
     }
-    (void)std::fprintf(stderr, "bundled: %s\n", text);  // There is no one left to tell.
+    (void)std::fprintf(stderr, "bundled: %s\n", text);  // A failure can't be reported.
     errno = saved_errno;
 }
 

@@ -4,7 +4,7 @@
 
 namespace bundled {
 
-/** Writes one line, "bundled: " and the formatted text, without touching errno. */
+/** Writes one line, "bundled: " and the formatted text. Leaves errno as it was. */
 void log_line(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 }  // namespace bundled

@@ -1,10 +1,11 @@
 /*
- * bundled: a small HTTP daemon on one event loop. This file is its life: start, signals, end.
+ * bundled: a small HTTP daemon on one event loop. This file has its start, signals and exit.
  *
- * A caught signal that arrives while no loop runs is dropped. So the signals are blocked from
- * before they are watched until a timer tells that the loop runs; one that comes early waits.
+ * A caught signal that arrives while no loop runs is dropped. So the signals are blocked before
+ * they are watched. A timer unblocks them once the loop runs; an early signal waits until then.
  *
- * What fails at the start ends the process by the library's error functions, without destructors.
+ * After a failure at the start, the library's error functions terminate the process, without
+ * destructors.
  */
 #include <fcntl.h>
 #include <signal.h>
@@ -40,7 +41,7 @@ struct Life {
     Daemon& daemon;
 };
 
-// Descriptors 0 to 2 are always taken, so that no socket or pipe becomes someone's stdout.
+// Makes sure that descriptors 0 to 2 are in use, so that no socket or pipe becomes a stdout.
 bool open_standard_descriptors() {
     int fd;
     do {
@@ -52,8 +53,8 @@ bool open_standard_descriptors() {
     return fd >= 0;
 }
 
-// select() takes no descriptor from FD_SETSIZE on, so running out is made to happen there, as
-// EMFILE where a descriptor is made.
+// select() takes no descriptor from FD_SETSIZE on. With this limit, the call that would make such a
+// descriptor fails with EMFILE.
 bool limit_descriptors() {
     struct rlimit limit;
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
@@ -72,7 +73,8 @@ bool mask_watched_signals(int how) {
     return sigprocmask(how, &signals, nullptr) == 0;
 }
 
-// Reads the file over the defaults of the command line. After a failure the old settings stand.
+// Reads the file, whose settings replace the defaults of the command line. After a failure the old
+// settings remain.
 bool configure(const Life& life, std::string& error) {
     Config config;
     if (life.options.idle_ms != 0) {
@@ -125,7 +127,7 @@ void on_loop_runs(void* arg) noexcept {
 }
 
 bool watch_signals(Life& life) {
-    (void)signal(SIGPIPE, SIG_IGN);  // A client that has gone is an error of send().
+    (void)signal(SIGPIPE, SIG_IGN);  // send() reports a client that has left.
     if (!mask_watched_signals(SIG_BLOCK)) {
         return false;
     }
@@ -137,7 +139,7 @@ bool watch_signals(Life& life) {
     return true;
 }
 
-// Asks a tool of the device, which takes its time, so before the loop runs.
+// Calls a tool of the device, which is slow, so this happens before the loop runs.
 void read_hardware_revision(std::string& revision) {
     int major = 0;
     int minor = 0;
@@ -147,7 +149,8 @@ void read_hardware_revision(std::string& revision) {
     }
 }
 
-// Ends the process if something fails. The status line's folder comes last, since it would stay.
+// Terminates the process if something fails. The status line's folder is made last, since it would
+// stay after a failure.
 void start(Life& life) {
     const Options& options = life.options;
     Daemon& daemon = life.daemon;
@@ -177,7 +180,7 @@ int run(const Options& options) {
         errExit("cannot prepare the descriptors");
     }
     if (options.pid_path != nullptr) {
-        (void)createPidFile("bundled", options.pid_path, PID_FILE_CLOEXEC);  // Open to the end.
+        (void)createPidFile("bundled", options.pid_path, PID_FILE_CLOEXEC);  // Stays open.
     }
     set_tracking(options.track_ms != 0);
     Daemon daemon(options.max_connections);

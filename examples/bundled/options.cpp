@@ -77,7 +77,7 @@ void apply_option(int option, const char* value, Options& options) {
         case 'h':
             help();
         default:
-            usageErr("%s", kUsage);  // getopt_long() has written what is wrong.
+            usageErr("%s", kUsage);  // getopt_long() has reported the error.
     }
 }
 

@@ -1,7 +1,7 @@
 /*
  * A reply counts only if it comes from the server and has the id and the question of the latest
- * try. Each lookup has a socket of its own: connected, so that the kernel drops what others send,
- * and with a port of the kernel's choice, which is one thing more for others to guess.
+ * try. Each lookup has a socket of its own. The socket is connected, so the kernel drops datagrams
+ * of other senders. The kernel chooses its port, which an attacker must also guess.
  */
 #include "resolver.h"
 
@@ -30,7 +30,7 @@ struct Lookup : Tracked {
     LookupDone done = nullptr;
     void* done_arg = nullptr;
     unsigned int tries_left = 3;
-    unsigned int wait_ms = 0;  // Of the next try.
+    unsigned int wait_ms = 0;  // For the reply to the next try.
     std::size_t request_length = 0;
     char request[512] = {};
 };
@@ -86,14 +86,14 @@ LookupResult read_answer(char* reply) {
     return result;
 }
 
-// The parser knows no lengths: zeros behind a reply keep it from the rest of an earlier one.
+// The parser knows no lengths, so zeros behind a reply hide the rest of an earlier one.
 void on_reply(int fd, void* arg) noexcept {
     static char reply[kMaxMessage];
     auto* lookup = static_cast<Lookup*>(arg);
     for (unsigned int i = 0; i < kMaxRepliesPerPass; ++i) {
         const ssize_t count = recv(fd, reply, sizeof reply, 0);
         if (count < 0) {
-            return;  // Nothing more, or no one listens there: the timer decides.
+            return;  // No more replies, or no server: wait for the timer.
         }
         const auto length = static_cast<std::size_t>(count);
         if (is_answer(*lookup, reply, length)) {
@@ -104,7 +104,7 @@ void on_reply(int fd, void* arg) noexcept {
     }
 }
 
-// A new id for each try; a reply to an earlier one is no longer taken.
+// Each try has a new id, so a reply to an earlier try is no longer accepted.
 bool build_request(Lookup& lookup) {
     unsigned short id;
     if (getrandom(&id, sizeof id, 0) != sizeof id) {
@@ -127,7 +127,7 @@ void on_try(void* arg) noexcept {
     }
     --lookup->tries_left;
     lookup->wait_ms *= 2;
-    // What can't be sent isn't answered, either.
+    // If this fails, there is no reply, and the timer fires.
     (void)send(lookup->socket.get(), lookup->request, lookup->request_length, MSG_NOSIGNAL);
 }
 
@@ -172,7 +172,7 @@ Lookup* Resolver::start(const DnsSettings& settings, const std::string& name, Lo
     lookup->done = done;
     lookup->done_arg = arg;
     lookup->wait_ms = settings.wait_ms;
-    // The first try comes from the loop as well, so that no handler is called from here.
+    // The loop makes the first try, too, so that start() calls no handler.
     const bool started =
         open_socket(*lookup, settings.server) && arm_timer(on_try, lookup.get(), 0);
     return started ? lookup.release() : nullptr;

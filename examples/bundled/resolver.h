@@ -1,6 +1,6 @@
 /**
- * Addresses of names: DNS over UDP on the default loop, so that no one waits for a name server but
- * the client that asked.
+ * Addresses of names: DNS over UDP on the default loop, so that only the client that asked waits
+ * for a name server.
  */
 #ifndef BUNDLED_RESOLVER_H
 #define BUNDLED_RESOLVER_H
@@ -14,7 +14,7 @@ namespace bundled {
 
 struct DnsSettings {
     sockaddr_in server = {};      ///< Family 0 if none is configured.
-    unsigned int wait_ms = 1000;  ///< For the first reply; twice as long after each try.
+    unsigned int wait_ms = 1000;  ///< For the first reply; doubled after each try.
 };
 
 enum class LookupEnd {
@@ -22,9 +22,9 @@ enum class LookupEnd {
     kNoName,
     kNoAddress,
     kCutShort,     ///< No address, but the reply was not complete.
-    kServerError,  ///< The server can't tell or won't.
-    kNoReply,      ///< Not to any of the tries.
-    kFailed,       ///< For want of memory.
+    kServerError,  ///< The server can't answer or refuses to.
+    kNoReply,      ///< No try had a reply.
+    kFailed,       ///< There is no memory, or no random number.
 };
 
 struct LookupResult {
@@ -35,12 +35,12 @@ struct LookupResult {
 /** Called once, from the loop. */
 using LookupDone = void (*)(void* arg, const LookupResult& result);
 
-/** Whether @p name is made of letters, digits, '-' and '_' in labels of legal length. */
+/** Returns whether @p name has only letters, digits, '-' and '_', in labels of legal length. */
 bool is_host_name(std::string_view name);
 
 struct Lookup;
 
-/** Runs lookups. Each of them must be done or abandoned before the destructor. */
+/** Runs lookups. Each of them must be done or abandoned before the destructor runs. */
 class Resolver {
 public:
     Resolver() = default;
@@ -50,12 +50,12 @@ public:
     /**
      * Asks for the IPv4 address of @p name, which is_host_name().
      *
-     * Returns the lookup, which is valid until @p done is called or abandon(); null with errno if
-     * it can't be started, EAGAIN if too many are under way.
+     * Returns the lookup, which is valid until @p done or abandon() is called. Returns null with
+     * errno if the lookup can't be started. errno is EAGAIN if too many are under way.
      */
     Lookup* start(const DnsSettings& settings, const std::string& name, LookupDone done, void* arg);
 
-    /** Ends @p lookup; its done handler isn't called any more. */
+    /** Cancels @p lookup. Its done handler is no longer called. */
     static void abandon(Lookup* lookup);
 
     unsigned int running() const { return running_; }

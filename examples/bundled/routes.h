@@ -1,4 +1,4 @@
-/** What the daemon serves. */
+/** The resources that the daemon serves. */
 #ifndef BUNDLED_ROUTES_H
 #define BUNDLED_ROUTES_H
 
@@ -23,9 +23,9 @@ struct Daemon {
     ChildRunner commands;
     Deliveries deliveries;
     Resolver resolver;
-    Server server;  ///< Last, so that it goes first: its connections abandon their work.
+    Server server;  ///< After the others, so destroyed before them: its connections abandon work.
     unsigned long long started_ms = 0;
-    std::string hardware = "unknown";  ///< Its revision.
+    std::string hardware = "unknown";  ///< The hardware revision.
 };
 
 /**
@@ -38,7 +38,7 @@ struct Daemon {
  *     /bundle.zip  the configured files and directories as one archive
  *     /resolve?name=NAME  the IPv4 address of NAME, by the configured DNS server
  *
- * All but / ask for the credentials if there are any.
+ * All paths except / need the credentials, if there are any.
  */
 void route_request(void* daemon, Connection& connection, const Request& request);
 

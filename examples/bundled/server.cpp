@@ -13,10 +13,10 @@ namespace bundled {
 
 namespace {
 
-// The other watchers get their turn after so many new clients.
+// After this number of new clients, the other watchers get their turn.
 constexpr unsigned int kMaxAcceptsPerPass = 16;
 
-// How long accepting rests when the system has no descriptor or no memory for a new client.
+// How long the server accepts no clients after the system had no descriptor or no memory for one.
 constexpr unsigned int kAcceptRetryMs = 100;
 
 sockaddr_in loopback_address(unsigned int port) {
@@ -44,7 +44,7 @@ unsigned int bound_port(int fd) {
     return ntohs(address.sin_port);
 }
 
-// Errors of a client that has gone again, not of this end.
+// Whether the client caused the error, since it has left again. The server goes on then.
 bool is_clients_error(int error) {
     return error == ECONNABORTED || error == EPROTO || error == EINTR;
 }
@@ -95,7 +95,7 @@ void Server::on_retry(void* arg) noexcept { static_cast<Server*>(arg)->resume_ac
 void Server::accept_clients() {
     for (unsigned int accepted = 0; accepted < kMaxAcceptsPerPass; ++accepted) {
         if (open_ >= max_connections_) {
-            pause_accepting();  // The rest waits in the kernel's queue until a connection closes.
+            pause_accepting();  // Others wait in the kernel's queue until a connection closes.
             return;
         }
         const int fd = accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
@@ -104,10 +104,10 @@ void Server::accept_clients() {
         } else if (errno == EAGAIN) {
             return;
         } else if (!is_clients_error(errno)) {
-            // The client stays in the queue and the socket readable, so going on would spin.
+            // The client stays in the queue and the socket readable: watching on would spin.
             log_line("no new connections for %u ms: %s", kAcceptRetryMs, std::strerror(errno));
             pause_accepting();
-            (void)arm_timer(on_retry, this, kAcceptRetryMs);  // Else the next close resumes.
+            (void)arm_timer(on_retry, this, kAcceptRetryMs);  // Or the next close resumes.
             return;
         }
     }
@@ -125,7 +125,7 @@ void Server::resume_accepting() {
     event_timer_del(on_retry, this);
     accepting_ = listener_.watch(on_client, this, EVENT_FD_READ);
     if (!accepting_) {
-        (void)arm_timer(on_retry, this, kAcceptRetryMs);  // Else the next close tries again.
+        (void)arm_timer(on_retry, this, kAcceptRetryMs);  // Or the next close tries again.
     }
 }
 

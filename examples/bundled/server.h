@@ -12,8 +12,8 @@
 namespace bundled {
 
 /**
- * Life: listen_on(), then the default loop serves the clients, then the destructor closes the
- * listening socket and every connection. Neither copied nor moved: watchers point to it.
+ * Life: call listen_on(), then the default loop serves the clients, then the destructor closes the
+ * listening socket and every connection. Can't be copied or moved, since watchers point to it.
  */
 class Server {
 public:
@@ -25,11 +25,11 @@ public:
     Server& operator=(const Server&) = delete;
     ~Server();
 
-    /** Listens on a loopback port; 0 takes a free one. False: errno tells. */
+    /** Listens on a loopback port; 0 takes a free one. Returns false with errno after a failure. */
     bool listen_on(unsigned int port);
     unsigned int port() const { return port_; }
 
-    /** How long a client may go without progress; counts for deadlines that start from now on. */
+    /** Sets how long a client may go without progress, for deadlines that start from now on. */
     void set_idle_ms(unsigned int idle_ms) { idle_ms_ = idle_ms; }
     unsigned int idle_ms() const { return idle_ms_; }
 

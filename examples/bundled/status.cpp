@@ -23,7 +23,8 @@ constexpr const char* kShownAtZero[] = {
 constexpr const char* kLineName = "/status";
 constexpr const char* kNewLineName = "/status.new";
 
-// The folder's name goes into a shell command and a printf format: it has no special characters.
+// The folder's name is a part of a shell command and of a printf format, so it has no special
+// characters.
 constexpr char kFolderTemplate[] = "/tmp/bundled-XXXXXX";
 
 }  // namespace
@@ -67,7 +68,7 @@ bool StatusLine::open(unsigned int delay_s) {
         return false;
     }
     folder_ = name;
-    // The rename makes the line appear whole. Percent signs are doubled for printf.
+    // With the rename a reader sees only whole lines. Percent signs are doubled for printf.
     command_ = "cd " + folder_ + " && " +
                "echo \"$(date -u '+%%Y-%%m-%%d %%H:%%M:%%S') UTC, up"
                " $(cut -d. -f1 /proc/uptime) s\" > status.new && mv status.new status";

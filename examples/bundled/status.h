@@ -1,6 +1,6 @@
 /**
- * What /status tells: the daemon's counters, and a line that a rate-limited background task writes
- * into a file.
+ * The contents of /status: the daemon's counters, and a line that a rate-limited background task
+ * writes into a file.
  */
 #ifndef BUNDLED_STATUS_H
 #define BUNDLED_STATUS_H
@@ -13,7 +13,7 @@
 
 namespace bundled {
 
-/** Counts by name, which are walked in the order of the names. */
+/** Counts by name. A walk follows the order of the names. */
 class Counters {
 public:
     struct Counter : Tracked {
@@ -21,7 +21,7 @@ public:
         unsigned long long value;
     };
 
-    Counters();  ///< With all that /status shows from the start.
+    Counters();  ///< Makes the counters that /status shows from the start.
     Counters(const Counters&) = delete;
     Counters& operator=(const Counters&) = delete;
     ~Counters();
@@ -42,10 +42,10 @@ private:
 };
 
 /**
- * The status line and the scratch folder that it lives in.
+ * The status line and the scratch folder that contains it.
  *
- * Life: open(), then refresh() and line() at will; the destructor removes the folder. It must
- * outlive the loop, which may hold a request for the task. Neither copied nor moved.
+ * Life: call open(), then refresh() and line() at any time; the destructor removes the folder. The
+ * object must outlive the loop, which may have a request for the task. Can't be copied or moved.
  */
 class StatusLine {
 public:
@@ -54,13 +54,14 @@ public:
     StatusLine& operator=(const StatusLine&) = delete;
     ~StatusLine();
 
-    /** Makes the folder. @p delay_s is the least time between two refreshes. False: errno tells. */
+    /** Makes the folder. @p delay_s is the least time between two refreshes. Returns false with
+     * errno after a failure. */
     bool open(unsigned int delay_s);
 
-    /** Requests a new line. It will be there in a later pass, and at most once in delay_s. */
+    /** Requests a new line. The task writes it in a later pass, at most once in delay_s. */
     void refresh();
 
-    /** The newest line; a text that says so if there is none. */
+    /** Returns the newest line, or a text that says that there is none. */
     std::string line() const;
 
 private:

@@ -17,13 +17,13 @@ namespace bundled {
 namespace {
 
 bool tracking = false;
-std::string* report = nullptr;  // Where the lines of the dump under way go.
+std::string* report = nullptr;  // Receives the lines of the dump under way.
 
 __attribute__((format(printf, 2, 3))) void take_line(int /*level*/, char* format, ...) {
     char line[256];
     va_list args;
     va_start(args, format);
-    (void)std::vsnprintf(line, sizeof line, format, args);  // Is longer than the tracker's lines.
+    (void)std::vsnprintf(line, sizeof line, format, args);  // Longer than the tracker's lines.
     va_end(args);
     report->append(line).append("\n");
 }

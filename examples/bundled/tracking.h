@@ -1,6 +1,6 @@
 /**
- * Memory of the daemon's records and texts, which the library's allocation tracker sees on request,
- * and the tracker's reports.
+ * Memory of the daemon's records and texts, which the library's allocation tracker tracks on
+ * request, and the tracker's reports.
  */
 #ifndef BUNDLED_TRACKING_H
 #define BUNDLED_TRACKING_H
@@ -13,10 +13,10 @@
 
 namespace bundled {
 
-/** From now on new blocks are tracked, or not. Blocks of both kinds may be freed at any time. */
+/** Sets whether new blocks are tracked. Blocks of both kinds may be freed at any time. */
 void set_tracking(bool on);
 
-/** The result of an allocating call, which isn't null: else std::bad_alloc. */
+/** Returns the result of an allocating call. If it is null, throws std::bad_alloc. */
 template <class Made>
 Made* checked(Made* made) {
     if (made == nullptr) {
@@ -31,19 +31,19 @@ struct Site {
     unsigned int line;
 };
 
-/** The caller's own place. As a default argument it stands for the caller's caller. */
+/** Returns the place of the call. In a default argument that is the place of the outer call. */
 constexpr Site here(const char* file = __builtin_FILE(), unsigned int line = __builtin_LINE()) {
     return {file, line};
 }
 
-/** Base of records: made with new (here()), ended with delete. */
+/** Base of records, which are made with new (here()) and freed with delete. */
 struct Tracked {
     static void* operator new(std::size_t size, Site site);
     static void operator delete(void* block);
     static void operator delete(void* block, Site site);  ///< For a constructor that throws.
 };
 
-/** Frees a block of this file's, tracked or not. */
+/** Frees a block that this file has made, tracked or not. */
 struct FreeBlock {
     void operator()(void* block) const;
 };
@@ -51,7 +51,7 @@ struct FreeBlock {
 /** A C string in a block of its own. */
 using Text = std::unique_ptr<char, FreeBlock>;
 
-/** A copy of @p text, which has no NUL. */
+/** Returns a copy of @p text, which has no NUL. */
 Text copy(std::string_view text, Site site = here());
 
 /** The latest dump of the tracker, made by a timer of the default loop. */
@@ -62,11 +62,12 @@ public:
     LeakReports& operator=(const LeakReports&) = delete;
     ~LeakReports();
 
-    /** Dumps every @p interval_ms, which is longer than healthy records live. False: errno. */
+    /** Dumps every @p interval_ms, which must be longer than the life of records that aren't
+     * leaked. Returns false with errno after a failure. */
     bool start(unsigned int interval_ms);
     bool started() const { return interval_ms_ != 0; }
 
-    /** The number of the latest dump and its lines; a text that says so before the first. */
+    /** Returns the number and lines of the latest dump, or before the first a text that says so. */
     const std::string& latest() const { return latest_; }
 
 private:
