@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
-"""Attacks the built daemon from all sides and meanwhile asks it what it must answer rightly.
+"""Attacks the built daemon in many ways, and meanwhile sends valid requests and checks the answers.
 
     attack.py BUILD_DIR [long]
 
-Once the attackers have gone it has no more memory, descriptors or children than after a first such
-siege. Ends with status 0 if so and if every answer was right, else with 1.
+Once the attackers have gone, the daemon must have no more descriptors and children than at its
+start, and no more memory than after a first, shorter siege. Exits with status 0 if this is so and
+if every answer was right, else with 1.
 """
 import collections, contextlib, io, os, random, re, select, socket, struct, subprocess, sys
 import tempfile, threading, time, zipfile
@@ -36,8 +37,8 @@ def until_dropped(link, piece=b""):
             time.sleep(0.005)
 
 
-# What attacks, how many at a time, what is sent, random bytes after it, what follows, the answers
-# of which one is right. Without any, the end is a reset.
+# Name of the attack, how many at a time, bytes to send, most random bytes after them, what to do
+# then, right answers. An attack without a right answer ends with a reset.
 ATTACKERS = [
     ("silent", 4, b"", 0, read, "408"),
     ("half a request", 4, b"GET /sta", 0, read, "408"),
@@ -58,7 +59,7 @@ ATTACKERS = [
     ("stopped in an archive", 2, BUNDLE, 0, until_dropped, ""),
 ]
 LIMIT = CROWD + sum(row[1] for row in ATTACKERS) + 20  # Connections that the daemon takes at once.
-# Out of a hundred, request, right answer. An archive is compared with the tree as well.
+# How many of a hundred, request, right answer. An archive is also compared with the tree.
 VALID = [
     (40, "GET /", r"200.*\r\n\r\nGood morning\n\n/status\n/bundle.zip\n.*"),
     (20, "GET /status", r"200.*\nopen connections: [1-9].*"),
@@ -88,7 +89,7 @@ def ask(request, right="200.*"):
     sent = request.encode() + b" HTTP/1.0\r\n\r\n"
     with connect(sent) as link:
         answer = read(link)
-    if re.search("run|zip", request) and answer[9:12] == b"503":  # As many as may run do run.
+    if re.search("run|zip", request) and answer[9:12] == b"503":  # The limit is reached.
         counts["busy, asked again"] += 1
         time.sleep(0.05)
         return ask(request, right)
@@ -101,9 +102,9 @@ def ask(request, right="200.*"):
 
 
 def crowd(size):
-    """So many with half a request at once; those beyond the limit are in the kernel's queue."""
+    """Sends half a request on so many connections; those beyond the limit wait in the kernel."""
     links = [connect(WHOLE[:9]) for _ in range(size)]
-    if size < LIMIT:  # The status is asked for behind them in the queue.
+    if size < LIMIT:  # The request for the status is behind them in the queue.
         assert int(ask("GET /status")[0]) > size, "the crowd isn't let in"
     for link in links:
         link.sendall(WHOLE[9:])
@@ -114,7 +115,8 @@ def crowd(size):
 
 
 def at_rest():
-    """Memory in kB once no client, child or descriptor is left that wasn't there at the start."""
+    """Returns the memory in kB, once there are no clients and children and no more descriptors than
+    at the start."""
     end = time.monotonic() + LIMIT_S
     while True:
         left = (ask("GET /status"), os.listdir(f"/proc/{daemon.pid}/fd"),
@@ -167,7 +169,7 @@ with tempfile.TemporaryDirectory() as work, open(f"{work}/log", "w+") as log:
     for name, data in [*tree.items()][1:] + [("config", config.encode())]:
         with open(f"{work}/{name}", "wb") as file:
             file.write(data)
-    # What AddressSanitizer keeps of freed blocks, by default 256 MB, each fork() would have to copy.
+    # AddressSanitizer keeps freed blocks, by default 256 MB, which each fork() would have to copy.
     options = os.environ.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=4"
     daemon = subprocess.Popen([f"{sys.argv[1]}/bundled", "--config", f"{work}/config",
                                "--max-connections", str(LIMIT)], stdout=subprocess.PIPE, stderr=log,

@@ -1,19 +1,19 @@
 #!/usr/bin/env bash
-# Drives the built daemon the way its clients do, shows what it answers and checks every answer.
+# Sends requests to the built daemon as its clients do, shows its answers and checks each of them.
 #
 # Usage: demo.sh BUILD_DIR
-# Ends with status 0 if all answers were right, 1 if some were not, 2 if it couldn't start.
-# Needs bash, curl, unzip and python3. A DNS server (BIND) is asked if there is one.
+# Exits with status 0 if all answers were right, 1 if some were not, 2 if it couldn't start.
+# Needs bash, curl, unzip and python3. If there is a DNS server (BIND), the daemon asks it, too.
 set -u
 
 readonly idle_ms=800
-readonly limit_s=20  # No event that is waited for takes this long unless something is broken.
+readonly limit_s=20  # The limit of each wait. Unless something is broken, no event takes so long.
 work=$(mktemp -d) || exit 2
 readonly work log=$work/log tree=$work/tree here=${0%/*}
 export PATH=$here/../../platform/tools:$PATH:/usr/sbin TESSRA_NRV_ENV=$work/variables
 pid=
-helper=     # The name server under way.
-account=()  # What get needs to be let in.
+helper=     # The process id of the name server that runs.
+account=()  # The arguments with which get has the right credentials.
 port=
 failures=0
 checks=0
@@ -31,13 +31,13 @@ give_up() {
     exit 2
 }
 
-# --- What the transcript looks like ---
+# --- The format of the transcript ---
 
 title() { printf '\n== %s ==\n' "$1"; }
 show() { printf '$ %s\n' "$1" | cut -c 1-100; }
 indent() { head -n 24 <<<"$1" | tr -d '\r' | cut -c 1-100 | sed 's/^/    /'; }
 
-# pass_if TEXT COMMAND...: one check, which the command decides.
+# pass_if TEXT COMMAND...: one check, which passes if the command succeeds.
 pass_if() {
     local text=$1
     shift
@@ -64,7 +64,7 @@ wait_until() {
 
 # --- Ways to talk to the daemon ---
 
-# ask ARGUMENT... PATH: what curl gets, head included, is in $answer.
+# ask ARGUMENT... PATH: stores the response that curl gets, including its head, in $answer.
 ask() {
     local path=${*: -1}
     show "curl ${*:1:$#-1}${2:+ }http://127.0.0.1:$port$path"
@@ -72,21 +72,21 @@ ask() {
     indent "$answer"
 }
 
-# get PATH: the body alone, without a word in the transcript.
+# get PATH: writes only the body to stdout, and nothing to the transcript.
 get() { curl -s "${account[@]}" --max-time "$limit_s" "http://127.0.0.1:$port$1"; }
 
-# status_has REGEX: whether a line of /status matches.
+# status_has REGEX: succeeds if a line of /status matches.
 status_has() { get /status | grep -Eq -- "$1"; }
 
-# connect: opens a connection of its own, whose descriptor is in $link.
+# connect: opens a new connection and stores its descriptor in $link.
 connect() { exec {link}<>"/dev/tcp/127.0.0.1/$port" || give_up "cannot connect"; }
 
-# raw TEXT: sends exactly these bytes (a printf format); the answer up to its end is in $answer, and
-# its first line in the transcript.
+# raw TEXT: sends exactly these bytes (a printf format). Stores the whole answer in $answer, and
+# writes its first line to the transcript.
 raw() {
     show "printf '$1' >/dev/tcp/127.0.0.1/$port"
     connect
-    # shellcheck disable=SC2059 # The text is a format, for the sake of its escapes.
+    # shellcheck disable=SC2059 # The text is a format, because of its escapes.
     printf "$1" >&"$link"
     read_link
     indent "$(head -n 1 <<<"$answer")"
@@ -98,7 +98,7 @@ read_link() {
     exec {link}>&-
 }
 
-# fetch FILE ARGUMENT...: curl's copy of the bundle in FILE, its head in FILE.head, result in $code.
+# fetch FILE ARGUMENT...: stores the bundle in FILE, its head in FILE.head, curl's status in $code.
 fetch() {
     show "curl ${*:2}${2:+ }-o $1 http://127.0.0.1:$port/bundle.zip"
     answer=$(curl -sS --max-time "$limit_s" -D "$work/$1.head" -o "$work/$1" "${@:2}" \
@@ -107,7 +107,7 @@ fetch() {
     indent "$(cat "$work/$1.head")${answer:+$'\n'$answer}"
 }
 
-# begin_bundle REMARK: asks for the bundle on $link and reads no more than the first line of its head.
+# begin_bundle REMARK: asks for the bundle on $link and reads only the first line of its head.
 begin_bundle() {
     show "printf 'GET /bundle.zip ...' >/dev/tcp/127.0.0.1/$port # $1"
     connect
@@ -116,7 +116,7 @@ begin_bundle() {
     pass_if "begun" matches "$answer" '^HTTP/1.0 200'
 }
 
-# read_bundle FILE: what is left on $link, head and body, as fetch does it.
+# read_bundle FILE: stores the rest of head and body from $link, in the files that fetch makes.
 read_bundle() {
     timeout "$limit_s" cat <&"$link" >"$work/raw"
     exec {link}>&-
@@ -129,7 +129,7 @@ size_of() { stat -c %s "$work/$1"; }
 
 now_ms() { echo $((${EPOCHREALTIME/[.,]/} / 1000)); }
 
-# --- The daemon's life ---
+# --- Start and stop of the daemon ---
 
 port_line() { grep -Eo '^listening on 127\.0\.0\.1:[0-9]+$' "$work/out"; }
 started() { port_line >/dev/null || ! kill -0 "$pid" 2>/dev/null; }
@@ -146,7 +146,7 @@ start() {
     indent "$(port_line)"
 }
 
-# stop SIGNAL: ends the daemon; its exit status is in $code.
+# stop SIGNAL: terminates the daemon and stores its exit status in $code.
 stop() {
     show "kill -$1 \$!; wait"
     kill "-$1" "$pid"
@@ -157,10 +157,10 @@ stop() {
     indent "exit status $code"
 }
 
-# A zombie has ended: only its parent's wait is missing.
+# A zombie has ended, too: its parent has not yet waited for it.
 has_ended() { ! grep -q '^State:[[:space:]]*[^Z]' "/proc/$pid/status" 2>/dev/null; }
 
-# children: the process ids of the daemon's children.
+# children: writes the process ids of the daemon's children.
 children() { grep -ls "^PPid:[[:space:]]*$pid\$" /proc/[0-9]*/status | tr -dc '0-9\n'; }
 
 write_config() {
@@ -182,7 +182,7 @@ END
 
 # --- The scenes ---
 
-# refuses_to_start REGEX ARGUMENT...: ends at once with status 1 and a line that matches.
+# refuses_to_start REGEX ARGUMENT...: the daemon exits at once with status 1 and a matching line.
 refuses_to_start() {
     show "bundled ${*:2}"
     answer=$(timeout "$limit_s" "$daemon" "${@:2}" 2>&1)
@@ -329,7 +329,7 @@ TABLE
     account=()
 }
 
-# A name server that goes by the first label, and tells each label and id that it was asked for.
+# A name server whose replies depend on the first label. It prints the label and id of each query.
 write_responder() {
     cat >"$work/responder.py" <<'END'
 import collections, socket, struct
@@ -381,7 +381,7 @@ resolves() {
     done
 }
 
-# hold_lookup: asks on $link for a name to which no reply comes.
+# hold_lookup: asks on $link for a name that gets no reply.
 hold_lookup() {
     connect
     printf 'GET /resolve?name=silent.test HTTP/1.0\r\n\r\n' >&"$link"
@@ -588,7 +588,8 @@ reloads() {
     pass_if "the old greeting stands" matches "$answer" '^Good evening'
 }
 
-# What archives can get wrong, in the order in which it is sent.
+# Makes files that archives can get wrong. Entries are sent in the order of their bytes, so the last
+# one is "zz last".
 make_tree() {
     mkdir -p "$tree/headers" "$tree/empty folder"
     truncate -s 40M "$tree/big and sparse"
@@ -599,7 +600,7 @@ make_tree() {
     ln -s .. "$tree/circle"
 }
 
-# holds_tree FILE: whether the archive has what is on the disk, to the byte, and nothing else.
+# holds_tree FILE: succeeds if the archive has the files on the disk, byte for byte, and no others.
 holds_tree() {
     unzip -tq "$work/$1" >>"$log" 2>&1 && python3 - "$work/$1" "$work" <<'END'
 import os, sys, zipfile
@@ -719,8 +720,8 @@ ends_cleanly() {
     pass_if "SIGINT as well" test "$code" -eq 0
 }
 
-# A "date" that, once the command "overtaken" waits for it, doesn't end before that command has. So
-# the command ends while the background task holds the loop.
+# Writes a "date" for the background task. Once the command "overtaken" waits for it, this "date"
+# exits only after that command. So the command exits while the background task blocks the loop.
 write_slow_date() {
     mkdir "$work/bin"
     cat >"$work/bin/date" <<END
@@ -757,10 +758,10 @@ notices_every_end() {
 dumps() { grep -c '^bundled: dump [0-9]' "$log"; }
 has_dumps() { [ "$(dumps)" -ge "$1" ]; }
 
-# dumped COUNT: waits for so many more dumps, without a connection of its own that they could see.
+# dumped COUNT: waits for COUNT more dumps, without a connection of its own that they could list.
 dumped() { wait_until has_dumps $(($(dumps) + $1)); }
 
-# ask_leaks: the answer of /leaks, and in $leaks what stands between start and end, paths cut.
+# ask_leaks: asks for /leaks, and stores the lines between start and end, with paths cut, in $leaks.
 ask_leaks() {
     ask /leaks
     leaks=$(sed '1,/^allocation tree - start$/d; s|from .*/|from |' <<<"$answer")
@@ -768,7 +769,8 @@ ask_leaks() {
     leaks=${leaks%allocation tree - end}
 }
 
-# start_tracking CONFIG_LINES: starts a daemon that dumps five times a second, up to its first dump.
+# start_tracking CONFIG_LINES: starts a daemon that dumps five times a second, and waits for its
+# first dump.
 start_tracking() {
     local before
     before=$(dumps)

@@ -107,7 +107,8 @@ void Server::accept_clients() {
             // The client stays in the queue and the socket readable: watching on would spin.
             log_line("no new connections for %u ms: %s", kAcceptRetryMs, std::strerror(errno));
             pause_accepting();
-            (void)arm_timer(on_retry, this, kAcceptRetryMs);  // Or the next close resumes.
+            // If the timer can't be armed, the next close resumes.
+            (void)arm_timer(on_retry, this, kAcceptRetryMs);
             return;
         }
     }
@@ -125,7 +126,8 @@ void Server::resume_accepting() {
     event_timer_del(on_retry, this);
     accepting_ = listener_.watch(on_client, this, EVENT_FD_READ);
     if (!accepting_) {
-        (void)arm_timer(on_retry, this, kAcceptRetryMs);  // Or the next close tries again.
+        // If the timer can't be armed, the next close tries again.
+        (void)arm_timer(on_retry, this, kAcceptRetryMs);
     }
 }
 
