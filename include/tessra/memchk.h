@@ -5,7 +5,7 @@
  * This module helps to find leaks in a running daemon. The wrappers note each block with the file
  * and line of the call. Each dump lists, by call site, the blocks that have lived through the whole
  * interval since the previous dump and didn't exist at the first one. The allocator isn't hooked:
- * the tracker only knows the blocks of the wrappers.
+ * the tracker only knows the blocks of the wrappers and of add_allocation().
  *
  * Tracking is optional. Allocate with the MEMCHK_ macros below and build with -DTESSRA_MEMCHK.
  * Without this option the macros are the plain calls and cost nothing. For C sources that exist
