@@ -1,5 +1,5 @@
 /*
- * fork.cpp: fork() while other threads use the library.
+ * fork.cpp and recursive_mutex.cpp: fork() while other threads use the library.
  *
  * There are three contexts. The loop of RAN starts, runs a handler and ends, or its start fails.
  * IDLE is changed. FREED is made, changed and freed. One thread does each of these. Another thread
@@ -22,17 +22,17 @@
  * Memory order. The model is sequentially consistent: threads take their steps one after another.
  * The child has one thread. A ListMutex reads its owner with relaxed order. A thread finds its own
  * number there only if it holds the lock: it stores the number while it holds the lock, and clears
- * it before it unlocks. Any other value that it reads doesn't matter. fork.cpp reads in_loop with
- * relaxed order; in_loop changes under loops.mutex, which the thread that forks holds. A start
- * stores loops.pid with relaxed order before its seq_cst store of a link, and a catcher reads
- * loops.pid before the links.
+ * it before it unlocks. Any other value that it reads doesn't matter. fork.cpp reads is_active_
+ * with relaxed order; is_active_ changes under running_loops.mutex_, which the thread that forks
+ * holds. A start stores pid_ of running_loops with relaxed order before its seq_cst store of a
+ * link, and a catcher reads pid_ before the links.
  */
 
 #define RAN 0              /* The default context. */
 #define IDLE 1
 #define FREED 2
-#define LISTS 0            /* mutex[LISTS + context] is the lock of the context's lists, */
-#define CHILDREN 3         /* mutex[CHILDREN + context] is its processlist_mutex. */
+#define LISTS 0            /* mutex[LISTS + context]: events_mutex and the lock of the timers; */
+#define CHILDREN 3         /* mutex[CHILDREN + context]: the lock of the children. */
 #define NOBODY 0
 #define FORKER 1
 #define NO_FD 0
@@ -47,17 +47,17 @@ byte depth[6];
 byte owner[6] = NOBODY;
 bool rec_mutex;            /* Guards the bookkeeping of each recursive_mutex. */
 bool contexts_mutex;
-bool loops_mutex;
-bool loop_thread_mutex;
+bool loops_mutex;          /* running_loops.mutex_ */
+bool loop_thread_mutex;    /* loop_thread.mutex */
 bool disposition_mutex;
 
 bool on_contexts[3];       /* The list of all contexts. */
-bool in_loop[3];
+bool is_active[3];         /* Run::is_active_ */
 byte ping_fd[3] = NO_FD;
 byte pong_fd[3] = NO_FD;
-bool running[3];           /* loops.list */
-byte inside;               /* loops.gate */
-byte loops_pid;            /* OF_PARENT or OF_CHILD */
+bool running[3];           /* running_loops.list_ */
+byte inside;               /* running_loops.gate_ */
+byte loops_pid;            /* running_loops.pid_: OF_PARENT or OF_CHILD */
 
 bool changing[6];          /* The list that the mutex guards is in the middle of a change. */
 bool contexts_changing;
@@ -116,7 +116,7 @@ proctype Runner() OF_THE_PARENT {
         :: pong_fd[RAN] = OF_PARENT;
             ping_fd[RAN] = OF_PARENT;
             loops_pid = OF_PARENT;
-            in_loop[RAN] = true;
+            is_active[RAN] = true;
             running[RAN] = true;
             unlock(loops_mutex);
 #ifdef FROM_HANDLER
@@ -136,7 +136,7 @@ proctype Runner() OF_THE_PARENT {
             ping_fd[RAN] = NO_FD;
             inside == 0;
             pong_fd[RAN] = NO_FD;
-            in_loop[RAN] = false;
+            is_active[RAN] = false;
             unlock(loops_mutex);
             break
         fi
@@ -198,7 +198,7 @@ inline before_fork() {
         :: on_contexts[c] -> list_lock(LISTS + c, FORKER)
 #else
 #ifndef IDLE_NOT_LOCKED
-        :: on_contexts[c] && !in_loop[c] -> list_lock(LISTS + c, FORKER)
+        :: on_contexts[c] && !is_active[c] -> list_lock(LISTS + c, FORKER)
 #endif
 #endif
         :: else
@@ -217,7 +217,7 @@ inline after_fork_in_parent() {
         :: on_contexts[c] -> list_unlock(LISTS + c, FORKER)
 #else
 #ifndef IDLE_NOT_LOCKED
-        :: on_contexts[c] && !in_loop[c] -> list_unlock(LISTS + c, FORKER)
+        :: on_contexts[c] && !is_active[c] -> list_unlock(LISTS + c, FORKER)
 #endif
 #endif
         :: else
@@ -254,16 +254,16 @@ inline after_fork_in_child() {
         if
         :: !on_contexts[c]
 #ifndef RAN_IS_KEPT
-        :: on_contexts[c] && in_loop[c] -> /* make_new() */
+        :: on_contexts[c] && is_active[c] -> /* make_new() */
             d_step {
                 renew(LISTS + c);
                 renew(CHILDREN + c);
                 ping_fd[c] = NO_FD;
                 pong_fd[c] = NO_FD;
-                in_loop[c] = false
+                is_active[c] = false
             }
 #endif
-        :: on_contexts[c] && !in_loop[c] ->
+        :: on_contexts[c] && !is_active[c] ->
 #ifndef LEFTOVER_KEPT
             pong_fd[c] = NO_FD;
 #endif
@@ -296,7 +296,7 @@ inline write_byte(fd) {
     assert(fd != OF_PARENT)
 }
 
-/* channel_send_signal() in the child. */
+/* send_to_running_loops() in the child. */
 inline send_signal() {
     if
 #ifndef NO_PID_TEST
@@ -333,10 +333,10 @@ inline use(ctx) {
     lock(rec_mutex);
     unlock(rec_mutex);
     lock(loops_mutex);
-    assert(!in_loop[ctx] && !running[ctx]);
+    assert(!is_active[ctx] && !running[ctx]);
     assert(pong_fd[ctx] != OF_PARENT);
     d_step { pong_fd[ctx] = OF_CHILD; ping_fd[ctx] = OF_CHILD; loops_pid = OF_CHILD }
-    d_step { in_loop[ctx] = true; running[ctx] = true }
+    d_step { is_active[ctx] = true; running[ctx] = true }
     unlock(loops_mutex);
     send_signal();
     lock(loops_mutex);
@@ -345,7 +345,7 @@ inline use(ctx) {
     inside == 0;
     assert(pong_fd[ctx] != OF_PARENT);
     pong_fd[ctx] = NO_FD;
-    in_loop[ctx] = false;
+    is_active[ctx] = false;
     unlock(loops_mutex)
 }
 

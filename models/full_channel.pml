@@ -1,8 +1,7 @@
 /*
  * The channel: writers of signals and wake-ups, and the passes of a loop that reads ahead. The
- * model has write_wake_up(), channel_read_ahead() and channel_take_message() of channel.cpp,
- * take_signal() of loop.cpp, and keep() and take() of pending_signals.h for signals that find the
- * channel full.
+ * model has wake(), send_signal(), read_ahead(), take_message() and take_signal() of channel.cpp,
+ * and keep() and take() of pending_signals.h for signals that find the channel full.
  *
  * The channel holds four units. A signal's message takes two, a wake-up one; the loop reads up to
  * three. Catchers and wakers are processes of their own. So each takes its steps at any time, as
@@ -30,7 +29,7 @@
  * A wake-up is counted in `unread` after its write. If the count came first and the write failed,
  * a writer could take the count for a byte (COUNTED_BEFORE_WRITTEN). A pass reads a bounded number
  * of times. Otherwise wake-ups that come as fast as the loop reads would hold the loop in
- * channel_read_ahead() (READS_FOR_EVER).
+ * read_ahead() (READS_FOR_EVER).
  *
  * Memory order. The model is sequentially consistent: threads take their steps one after another.
  * The code uses seq_cst for `full_`, each slot's state and `unwritten`. It also uses seq_cst for
@@ -45,7 +44,7 @@
  *   - plain: a slot's record. The catcher that has turned the state from kFree to kWriting writes
  *     the record, and then stores kFull and the bit. The loop reads the record after it has loaded
  *     the bit, and before it stores kFree. So the state or the bit orders each access.
- *   - plain: last_taken_, pending_turn, the context's `signals` and the rest of ReadAhead, which
+ *   - plain: last_taken_, kept_turn_, WaitingSignals::read_ahead and the rest of ReadAhead, which
  *     only the loop's thread uses.
  *   - relaxed: clear(), and plain: a new ReadAhead. Both happen at a start, before the stores by
  *     which catchers and writers find the context and its channel.
@@ -101,9 +100,9 @@ byte sent;                          /* Signals written and not taken. */
 #define note_signal() sent++
 #endif
 
-/* A write to a full channel fails, and the byte is lost. */
+/* Channel::wake(). A write to a full channel fails, and the byte is lost. */
 #ifdef STORM
-inline write_wake_up() {
+inline wake() {
     atomic {
         if
         :: len(channel) < ROOM -> channel ! WAKE_UP
@@ -112,7 +111,7 @@ inline write_wake_up() {
     }
 }
 #else
-inline write_wake_up() {
+inline wake() {
     many = unread >= MOST_UNREAD;
     if
     :: many ->
@@ -198,7 +197,7 @@ inline keep(signal) {
     taken = false
 }
 
-/* channel_send_signal() */
+/* Channel::send_signal() */
 inline send_signal(signal) {
     atomic {
         owed[signal] = true;
@@ -218,12 +217,12 @@ inline send_signal(signal) {
     :: fits -> fits = false
     :: else ->
 #ifdef WAKES_BEFORE_IT_KEEPS
-        write_wake_up();
+        wake();
         keep(signal)
 #else
         keep(signal);
 #ifndef NO_WAKE_UP
-        write_wake_up()
+        wake()
 #endif
 #endif
     fi
@@ -248,7 +247,7 @@ proctype Storm() {
 proctype Waker(byte changes) {
     bool many;
     do
-    :: changes > 0 -> changes--; changed = true; write_wake_up()
+    :: changes > 0 -> changes--; changed = true; wake()
     :: else -> break
     od
 }
@@ -343,7 +342,7 @@ inline take_unwritten() {
 #endif
 }
 
-/* channel_read_ahead() */
+/* Channel::read_ahead() */
 inline read_ahead() {
 #ifdef UNWRITTEN_FIRST
     take_unwritten();
@@ -373,7 +372,7 @@ inline read_ahead() {
 #endif
 }
 
-/* channel_take_message() */
+/* Channel::take_message() */
 inline take_message() {
     d_step {
         if
@@ -402,7 +401,7 @@ inline take_message() {
     }
 }
 
-/* take_signal() of loop.cpp */
+/* Channel::take_signal() */
 inline take_signal() {
     signal = 0;
     if
@@ -410,7 +409,7 @@ inline take_signal() {
 #ifdef CHANNEL_FIRST
         turn = false;
 #else
-        turn = pending_turn && full_ != 0;
+        turn = kept_turn && full_ != 0;
 #endif
 #ifdef KEPT_FIRST
         turn = full_ != 0;
@@ -421,7 +420,7 @@ inline take_signal() {
         fi
     :: else
     fi;
-    atomic { pending_turn = signal != 0; turn = false; has_message = false }
+    atomic { kept_turn = signal != 0; turn = false; has_message = false }
     if
     :: signal == 0 -> take()
     :: else
@@ -457,9 +456,9 @@ inline run_handler() {
 /* The passes of the main loop. A wait without a timeout ends only with a message. */
 active proctype Loop() {
     byte owed_passes, filled, missing;  /* ReadAhead */
-    byte read_units[READ_ROOM];         /* The context's `signals`. */
+    byte read_units[READ_ROOM];         /* WaitingSignals::read_ahead */
     byte last_taken;
-    bool pending_turn;
+    bool kept_turn;
     byte bits, signal, wanted, unit, wake_ups, reads;
     bool is_readable, has_message, turn;
 #ifndef STORM

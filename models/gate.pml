@@ -1,5 +1,6 @@
 /*
- * The gate of channel.cpp: which threads may use a channel and a context while their loop ends.
+ * The gate of reader_gate.h and running_loops.h: which threads may use a channel and a context
+ * while their loop ends. run.cpp has the starts, cancels and ends, channel.cpp the writers.
  *
  * There are two contexts, A and B. Each owner frees its context as soon as its last loop has
  * returned. In each scenario a signal is caught on a thread of its own:
@@ -21,30 +22,31 @@
  *     under weak fairness: no process that can run waits for ever).
  *
  * Memory order. The model is sequentially consistent: threads take their steps one after another.
- * The code uses seq_cst for run flag, ping_fd, links, side_ and inside_. The other accesses are:
- *   - relaxed: loops.pid, in_loop and eloopthread at a start, and PendingSignals::clear(). They
- *     are stored before the seq_cst store of the link by which a catcher finds the context. A
- *     catcher that reads an older loops.pid is concurrent with the start, and may miss that loop.
- *     Others read the first three under loops.mutex or on the loop's own thread; handshake.pml
- *     names the exceptions.
- *   - plain: a start's new ReadAhead, before the seq_cst store of ping_fd. A thread that counts in
- *     it is inside the gate and has read that ping_fd. full_channel.pml checks the counts.
- *   - relaxed: ping_fd in set_up(), and inside_ in the child of a fork(). No other thread can
- *     reach them then.
+ * The code uses seq_cst for keeps_running_, ping_fd_, the links, side_ and inside_. The other
+ * accesses are:
+ *   - relaxed: is_active_ and thread_ of the Run and pid_ of running_loops at a start, and
+ *     PendingSignals::clear(). They are stored before the seq_cst store of the link by which a
+ *     catcher finds the loop. A catcher that reads an older pid_ is concurrent with the start, and
+ *     may miss that loop. Others read the first three under running_loops.mutex_ or on the loop's
+ *     own thread; handshake.pml names the exceptions.
+ *   - plain: a start's new ReadAhead, before the seq_cst store of ping_fd_. A thread that counts
+ *     in it is inside the gate and has read that ping_fd_. full_channel.pml checks the counts.
+ *   - plain: the first value of ping_fd_ in a new context. Relaxed: inside_ in the child of a
+ *     fork(). No other thread can reach them then.
  *   - relaxed: Stale. It is set under a list's mutex. A loop that misses it goes to sleep, and
  *     the byte that is written afterwards wakes the loop: write() and select() order the two. A
- *     thread that finds no channel writes no byte. But a start sets Stale itself, after it has
- *     stored ping_fd, so the loop's first look takes the mutex. Either this look sees the change,
- *     or the change comes later and sees ping_fd.
+ *     thread that finds no channel writes no byte. But run_loop() sets Stale itself, after the
+ *     start has stored ping_fd_, so the loop's first look takes the mutex. Either this look sees
+ *     the change, or the change comes later and sees ping_fd_.
  *   - plain: node.next, before the seq_cst store of prev->next that makes the node reachable;
- *     node.prev and the head's prev, which only holders of loops.mutex read; node = {} after the
- *     wait, when no catcher uses the node.
+ *     node.prev and the head's prev, which only holders of running_loops.mutex_ read; node = {}
+ *     after the wait, when no catcher uses the node.
  * So no property depends on the order of two weaker accesses.
  */
 
 #define A 0
 #define B 1
-#define HEAD 2         /* loops.list */
+#define HEAD 2         /* running_loops.list_ */
 #define NO_NODE 3
 #define NO_FD 0        /* kNoFd */
 #define NOBODY 255
@@ -54,14 +56,14 @@
 #define STANDS_STILL
 #endif
 
-byte next[3] = HEAD;   /* The links of loops.list. */
+byte next[3] = HEAD;   /* The links of running_loops.list_. */
 byte prev[3] = HEAD;
-byte side;             /* loops.gate */
+byte side;             /* running_loops.gate_ */
 byte inside[2];
-bool loops_mutex;
+bool loops_mutex;      /* running_loops.mutex_ */
 byte ping_fd[2] = NO_FD;
-bool run_flag[2];      /* async_loop_started */
-bool lists_mutex[2];   /* The mutex of the list that a ChangeLock holds. */
+bool run_flag[2];      /* keeps_running_ */
+bool lists_mutex[2];   /* The mutex of the list that a Change holds. */
 bool stale[2] = true;
 bool kept[2];          /* A signal is kept beside the full channel. */
 
@@ -70,7 +72,7 @@ bool has_byte[4];      /* A channel holds one message; then it is full. */
 bool freed[2];
 bool watched[2];       /* The list has a watcher whose handler cancels. */
 
-bool listed[2];        /* For the assertions: the context is on loops.list, */
+bool listed[2];        /* For the assertions: the loop is on running_loops.list_, */
 bool owed[4];          /* has been since the catch began, and the signal hasn't been sent there. */
 bool last_returned[2];
 bool change_made;
@@ -87,8 +89,8 @@ inline write_byte(fd) {
     has_byte[fd] = true
 }
 
-/* The count in the context is the subject of full_channel.pml. */
-inline write_wake_up(ctx) {
+/* Channel::wake(). Its counts are the subject of full_channel.pml. */
+inline wake(ctx) {
     atomic { write_byte(fd); touch(ctx); fd = NO_FD }
 }
 
@@ -106,7 +108,7 @@ inline leave(my_side) {
     atomic { inside[my_side]--; my_side = 0 }
 }
 
-/* ReaderGate::wait_for_readers(). Only the holder of loops.mutex changes `side`. */
+/* ReaderGate::wait_for_readers(). Only the holder of loops_mutex changes `side`. */
 inline wait_for_readers(old) {
 #ifdef ONE_COUNTER
     inside[0] == 0
@@ -120,7 +122,7 @@ inline wait_for_readers(old) {
 #endif
 }
 
-/* channel_send_signal() */
+/* send_to_running_loops(), with Channel::send_signal() */
 inline send_signal(me) {
     d_step { owed[me + A] = listed[A]; owed[me + B] = listed[B] }
 #ifdef CATCHER_LOCKS
@@ -149,7 +151,7 @@ inline send_signal(me) {
             :: fd == NO_FD
             :: else ->
                 atomic { touch(c); kept[c] = true; owed[me + c] = false }
-                write_wake_up(c)
+                wake(c)
             fi
         fi
     od;
@@ -167,7 +169,7 @@ inline send_signal(me) {
     }
 }
 
-/* channel_cancel() */
+/* Run::cancel() */
 inline cancel(ctx) {
 #ifdef CANCEL_OUTSIDE_GATE
     atomic { touch(ctx); run_flag[ctx] = false }
@@ -183,7 +185,7 @@ inline cancel(ctx) {
     atomic { touch(ctx); fd = ping_fd[ctx] }
     if
     :: fd == NO_FD
-    :: else -> write_wake_up(ctx)
+    :: else -> wake(ctx)
     fi;
 #ifdef FLAG_AFTER_WAKE_UP
     atomic { touch(ctx); run_flag[ctx] = false }
@@ -193,7 +195,7 @@ inline cancel(ctx) {
 #endif
 }
 
-/* channel_start() */
+/* Run::start() */
 inline start(ctx, new_fd) {
     lock(loops_mutex);
 #ifdef LISTED_BEFORE_CHANNEL
@@ -207,7 +209,7 @@ inline start(ctx, new_fd) {
     unlock(loops_mutex)
 }
 
-/* list_running_locked(). Only holders of loops.mutex read `prev`. */
+/* RunningLoops::add_locked(). Only holders of loops_mutex read `prev`. */
 inline link(ctx) {
     atomic {
 #ifndef LINKED_BACKWARDS
@@ -222,7 +224,7 @@ inline link(ctx) {
 #endif
 }
 
-/* unlist_running_locked() */
+/* RunningLoops::unlink_locked() */
 inline unlink(ctx) {
     d_step {
         touch(ctx);
@@ -237,7 +239,7 @@ inline unlink(ctx) {
     }
 }
 
-/* channel_end() */
+/* Run::end(), with RunningLoops::remove_locked() */
 inline end_loop(ctx) {
     lock(loops_mutex);
 #ifdef CLOSED_BEFORE_UNLISTED
@@ -355,7 +357,7 @@ proctype OtherCanceller(byte ctx) STANDS_STILL {
     other_cancel_over = true
 }
 
-/* ChangeLock, around an addition. */
+/* A Change, around an addition. */
 proctype Adder(byte ctx) STANDS_STILL {
     byte my_side;
     byte fd = NO_FD;
@@ -380,7 +382,7 @@ proctype Adder(byte ctx) STANDS_STILL {
 #endif
         if
         :: fd == NO_FD
-        :: else -> write_wake_up(ctx)
+        :: else -> wake(ctx)
         fi;
         leave(my_side)
     fi

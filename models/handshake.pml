@@ -20,14 +20,14 @@
  *   - Each thread is joined once, and never by itself.
  *
  * Memory order. The model is sequentially consistent: threads take their steps one after another.
- * The code uses seq_cst for the run flag (async_loop_started), and a start reads in_loop with
- * seq_cst. The other accesses are:
- *   - relaxed: async_loop. A thread that joins by it holds loop_thread.mutex. The new thread
- *     stores it before it answers under handshake.mutex, and then its starter locks that mutex.
+ * The code uses seq_cst for the run flag (Run::keeps_running_). The other accesses are:
+ *   - relaxed: loop_thread.to_join. A thread that joins by it holds loop_thread.mutex. The new
+ *     thread stores it before it answers under handshake.mutex, and then its starter locks that
+ *     mutex.
  *   - relaxed: loop_thread.self. A thread only compares it with its own number.
- *   - relaxed: in_loop and eloopthread where a loop starts and ends. A start that reads an old
- *     in_loop fails as if it had come earlier, or makes a thread that reads in_loop again under
- *     loops.mutex. A thread that finds its own number in eloopthread has stored it itself.
+ *   - relaxed: is_active_ and thread_ of the Run. A start that reads an old is_active_ fails as if
+ *     it had come earlier, or makes a thread that reads is_active_ again under
+ *     running_loops.mutex_. A thread that finds its own number in thread_ has stored it itself.
  *   - plain: waiting and start_error. The starter changes them before it makes the thread. Then
  *     only the thread changes them, and the starter reads them under handshake.mutex.
  * So no property depends on the order of two weaker accesses.
@@ -37,14 +37,14 @@
 #define SYNCHRONOUS 7     /* The thread in et_event_loop(). */
 #define OUTSIDE 8         /* Any thread that runs no loop. */
 
-bool run_flag;            /* async_loop_started */
-bool in_loop;
-byte eloopthread = NO_THREAD;
-byte async_loop = NO_THREAD;
+bool run_flag;            /* Run::keeps_running_ */
+bool is_active;           /* Run::is_active_ */
+byte run_thread = NO_THREAD; /* Run::thread_ */
+byte to_join = NO_THREAD; /* loop_thread.to_join */
 byte self = NO_THREAD;    /* loop_thread.self */
-bool channel_open;        /* ping_fd isn't kNoFd */
+bool channel_open;        /* ping_fd_ isn't kNoFd */
 bool has_byte;
-bool loops_mutex;
+bool loops_mutex;         /* running_loops.mutex_ */
 byte timer = NO_THREAD;   /* The thread whose handshake's timer is on the context's list. */
 
 bool loop_thread_mutex;
@@ -65,7 +65,7 @@ bool fired[4], cancelled[4], finished[4], joined[4];
 byte calls_under_way;
 
 #ifdef SELF_IN_THE_LOOP_ONLY
-#define is_loop_thread(me) (eloopthread == me && async_loop == me)
+#define is_loop_thread(me) (run_thread == me && to_join == me)
 #else
 #define is_loop_thread(me) (self == me)
 #endif
@@ -87,13 +87,13 @@ inline clear_run_flag() {
     atomic {
         run_flag = false;
         if
-        :: in_loop && eloopthread < SYNCHRONOUS -> cancelled[eloopthread] = true
+        :: is_active && run_thread < SYNCHRONOUS -> cancelled[run_thread] = true
         :: else
         fi
     }
 }
 
-/* channel_cancel(); gate.pml has the gate around it. */
+/* Run::cancel(); gate.pml has the gate around it. */
 inline cancel() {
     clear_run_flag();
     atomic {
@@ -111,29 +111,29 @@ inline answer() {
     unlock_handshake()
 }
 
-/* channel_start() */
+/* Run::start() */
 inline start_loop(me, failed) {
     lock(loops_mutex);
     if
     :: atomic {
 #ifndef FLAG_ALONE_IS_TESTED
-        in_loop ||
+        is_active ||
 #endif
         run_flag } -> failed = true
     :: atomic { else -> assert(!channel_open); channel_open = true; has_byte = false }
-        atomic { assert(!in_loop); in_loop = true; eloopthread = me }
+        atomic { assert(!is_active); is_active = true; run_thread = me }
         run_flag = true
-    :: atomic { may_fail && !in_loop && !run_flag -> may_fail = false; failed = true }
+    :: atomic { may_fail && !is_active && !run_flag -> may_fail = false; failed = true }
     fi;
     unlock(loops_mutex)
 }
 
-/* channel_end() */
+/* Run::end() */
 inline end_loop() {
     lock(loops_mutex);
     channel_open = false;
-    eloopthread = NO_THREAD;
-    in_loop = false;
+    run_thread = NO_THREAD;
+    is_active = false;
     unlock(loops_mutex)
 }
 
@@ -147,20 +147,20 @@ inline drop_timers() {
 
 /* join_locked() */
 inline join(me, thread) {
-    thread = async_loop;
+    thread = to_join;
     if
     :: thread == NO_THREAD
     :: else ->
         assert(thread != me);
 #ifdef IDENTITY_OUT_BEFORE_JOIN
-        async_loop = NO_THREAD;
+        to_join = NO_THREAD;
         unlock(loop_thread_mutex);
 #endif
         atomic { finished[thread] -> assert(!joined[thread]); joined[thread] = true }
 #ifdef IDENTITY_OUT_BEFORE_JOIN
         lock(loop_thread_mutex);
 #else
-        async_loop = NO_THREAD
+        to_join = NO_THREAD
 #endif
     fi
 }
@@ -196,7 +196,7 @@ inline start_locked(me) {
 #endif
         thread = NO_THREAD;
         if
-        :: in_loop
+        :: is_active
         :: else -> run_handshake(me)
         fi
     fi
@@ -246,7 +246,7 @@ inline run_handshake(me) {
     :: thread == NO_THREAD
     :: atomic { thread != NO_THREAD && !start_error ->
             assert(fired[thread]);
-            assert(cancelled[thread] || (in_loop && run_flag && eloopthread == thread)) }
+            assert(cancelled[thread] || (is_active && run_flag && run_thread == thread)) }
     :: thread != NO_THREAD && start_error ->
         join(me, thread);
         thread = NO_THREAD
@@ -334,7 +334,7 @@ inline iterate_until_cancelled(me) {
 proctype LoopThread(byte me) {
     bool failed;
     byte known, thread, error;
-    async_loop = me;
+    to_join = me;
     self = me;
 #ifdef ANSWERS_FIRST
     answer();
@@ -410,7 +410,7 @@ proctype SynchronousLoop() {
 proctype Last() {
     byte thread, known;
     timeout;
-    atomic { assert(calls_under_way == 0); assert(!in_loop || run_flag) }
+    atomic { assert(calls_under_way == 0); assert(!is_active || run_flag) }
     stop_call(OUTSIDE);
     assert(made < 1 || joined[1]);
     assert(made < 2 || joined[2]);
