@@ -8,8 +8,9 @@
 
 namespace tessra {
 
-// Guards the list, and keeps the context whose children SIGCHLD looks after from being freed. A
-// fork() is made with it held.
+// Guards the list. The SIGCHLD watcher holds it until that watcher has the lock of the children, so
+// that no thread frees their context in between. A thread that calls fork() holds it during the
+// copy.
 extern pthread_mutex_t contexts_mutex;
 extern list_t contexts;
 

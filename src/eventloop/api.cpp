@@ -1,4 +1,4 @@
-// The exported functions that work on a context. Each is one line; the parts do the work.
+// The exported functions that work on a context. Each calls the part that does the work.
 
 #include <cerrno>
 

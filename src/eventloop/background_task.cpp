@@ -1,4 +1,4 @@
-// Background tasks: shell commands that run at most once in a while.
+// Background tasks: shell commands with a least time between two starts.
 
 #include <sys/sysinfo.h>
 
@@ -24,7 +24,7 @@ void task_spawn_timer(void* arg) {
 #pragma GCC diagnostic ignored "-Wformat-security"
         (void)event_system(task->command_line);
 #pragma GCC diagnostic pop
-        task->last_ran = uptime;  // Of the start: the delay counts from start to start.
+        task->last_ran = uptime;  // The delay counts from start to start.
     } else {
         const unsigned int wait_ms = (task->minimum_delay - since_last) * 1000U;
         event_timer_add(task_spawn_timer, task, wait_ms);

@@ -18,13 +18,14 @@ namespace {
 constexpr char kWakeUp = '-';
 constexpr unsigned char kSignalBase = 'S';
 constexpr int kMostUnread = 1024;
-// Of a pass: more than the wake-ups that can be in front of a signal, and an end for a flood.
+// The most reads of a pass. They take more bytes than there can be wake-ups in front of a signal.
+// The limit keeps a flood of wake-ups from holding the loop.
 constexpr int kMostReads = 4;
 static_assert(kMessageSize == 129 && kMessageSize <= PIPE_BUF, "a message is one atomic write");
 
 // Moves the ends away from the numbers of standard input, output and error. A daemon may be started
-// with these closed, and any text that it prints would be read as messages. For the same reason the
-// text that another thread has printed meanwhile is dropped.
+// with these closed, and the loop would read any text that the daemon prints as messages. For the
+// same reason this drops the text that another thread has printed meanwhile.
 bool leave_standard_numbers(int (&ends)[2]) {
     bool fits = true;
     for (int& end : ends) {
@@ -77,17 +78,17 @@ void Channel::close_ends(int ping_fd) {
 
 void Channel::close_leftover() { close_if_open(pong_fd_); }
 
-// Beyond kMostUnread it counts first and looks again. The loop takes what it has read off `unread`
-// before it takes `unwritten`. Either it takes this wake-up as well, or `unread` shows here that
-// the loop has read, and a byte wakes it. A channel that is full of signals loses the byte, but
-// then the signals wake the loop.
+// From kMostUnread on, this counts the wake-up first and then reads `unread` again. The loop
+// subtracts the wake-ups that it has read from `unread` before it takes `unwritten`. So either the
+// loop takes this wake-up, too, or the second look shows that the loop has read, and a byte wakes
+// it. If the channel is full of signals, the byte is lost, but then the signals wake the loop.
 void Channel::wake(int ping_fd) {
     if (ping_fd == kNoFd) return;
     if (ahead_.unread.load(std::memory_order_relaxed) >= kMostUnread) {
         ahead_.unwritten.fetch_add(1);
         if (ahead_.unread.load() >= kMostUnread) return;
     }
-    // Counted after the write: a write that fails leaves nothing to be read.
+    // The count comes after the write, since a write that fails leaves nothing to read.
     if (write(ping_fd, &kWakeUp, 1) == 1) ahead_.unread.fetch_add(1, std::memory_order_relaxed);
 }
 
@@ -106,8 +107,8 @@ void Channel::send_signal(int signal, const siginfo_t& info,
     wake(fd);
 }
 
-// Sorts `count` bytes that were read behind the signals: closes the gaps that wake-ups leave. Bytes
-// that are no message count as wake-ups.
+// Sorts `count` bytes that were read in behind the signals: counts the wake-ups, and closes the
+// gaps that they leave. Bytes that are no message count as wake-ups.
 void Channel::sort_bytes(const unsigned char* bytes, size_t count) {
     int wake_ups = 0;
     for (; count != 0; --count, ++bytes) {
@@ -137,7 +138,8 @@ void Channel::read_ahead() {
     ahead_.owed += ahead_.unwritten.exchange(0);
 }
 
-// Takes a signal that has been read and returns its number, or a wake-up, or nothing, for 0.
+// Takes a signal that has been read and returns its number. If there is none, takes a wake-up, if
+// any, and returns 0.
 int Channel::take_message(siginfo_t& info) {
     if (!has_signal()) {
         if (ahead_.owed != 0) --ahead_.owed;

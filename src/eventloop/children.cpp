@@ -26,11 +26,10 @@ struct process_t {
 
 constinit std::atomic<int> handler_registered{0};
 
-// Those whom SIGCHLD looks after: those of the first call, until their context is freed. The first
-// call stores them; contexts_mutex keeps their context from being freed while SIGCHLD looks at
-// them.
+// The children that SIGCHLD looks at. The first add() of the process stores them. The release of
+// their context clears the pointer under contexts_mutex, under which SIGCHLD takes their lock.
 constinit std::atomic<Children*> watched{nullptr};
-// A handler of their walk has freed their context. The walk's thread only.
+// Whether a handler of their walk has freed their context. The walk's thread only.
 constinit bool walk_over = false;
 
 void log_end(int pid, int status) {
@@ -61,8 +60,8 @@ void collect_if_ended(process_t* child) {
     report_and_drop(child, status);
 }
 
-// Takes the lock of the watched children; null if there are none any more. The lock is taken before
-// contexts_mutex is given back, so that no thread frees their context in between.
+// Takes the lock of the watched children and returns them, or null if their context is gone. Takes
+// the lock before it releases contexts_mutex, so that no thread frees the context in between.
 Children* lock_watched() {
     const MutexLock lock(contexts_mutex);
     Children* const children = watched.load();
@@ -89,8 +88,8 @@ void Children::collect(const Run& run) {
     if (lasts) mutex_.unlock();
 }
 
-// Under the lock that the registration takes anyway, so that two first calls at the same moment
-// make one watcher.
+// Holds the lock that Signals::add() takes anyway, so that two first calls at the same moment make
+// one watcher.
 bool Children::register_sigchld_once(Signals& signals, const Run& run) {
     if (handler_registered.load(std::memory_order_acquire) != 0) return true;
     const ListLock lock(signals.mutex());
@@ -140,7 +139,7 @@ void Children::leave_walks() {
     }
 }
 
-// Nobody may hold the lock here but a walk of the parent's.
+// A thread of the parent may have held the lock, in a walk or a change, so the child makes it anew.
 void Children::forget_parent() {
     list_init(&queue_);
     new (&mutex_) ListMutex;

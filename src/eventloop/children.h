@@ -1,7 +1,6 @@
 // The child watchers of a context, on top of the one SIGCHLD watcher of the process.
 //
-// Lock: `mutex_`. Handlers run with the lock held, and with that of the default context's
-// descriptors and signals.
+// Lock: `mutex_`. Handlers run with this lock held, and with `events_mutex` of the default context.
 #ifndef TESSRA_EVENTLOOP_CHILDREN_H
 #define TESSRA_EVENTLOOP_CHILDREN_H
 
@@ -23,16 +22,18 @@ public:
     void del(int pid);
     void free_all();
 
-    // From now on SIGCHLD doesn't look at these children, whose context is about to be freed.
+    // From now on SIGCHLD doesn't look at these children, whose context is about to be freed. The
+    // caller holds contexts_mutex.
     void unwatch_contexts_locked();
-    // Ends the walks of these children that are on this thread's stack, and lets go of the lock
-    // that they hold.
+    // Stops the walks of these children that are on this thread's stack, and releases the lock that
+    // they hold.
     void leave_walks();
-    // For a child of fork(), whose children these are not, on a context that was idle.
+    // For a child of fork(), on a context that was idle: the processes are the parent's children.
     void forget_parent();
     ListMutex& mutex() { return mutex_; }
 
-    // SIGCHLD: tries each child, since one signal can stand for several.
+    // For SIGCHLD. The caller holds the lock, and collect() releases it. It tries each child, since
+    // one signal can stand for several.
     void collect(const Run& run);
 
 private:
@@ -43,7 +44,7 @@ private:
     list_t queue_ = {&queue_, &queue_};
 };
 
-// For a child of fork(): the next watcher is its first.
+// For a child of fork(): its next watcher is the first one of the process.
 void children_forget_parent();
 
 }  // namespace tessra

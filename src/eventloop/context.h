@@ -2,9 +2,10 @@
 //
 // Lock order: `events_mutex` of a context, then contexts_mutex, then the lock of the timers or that
 // of the children. disposition_mutex comes after `events_mutex`, and no other lock is taken under
-// it. A start or an end of a loop holds none of these. It takes the lock of running_loops, and
-// before that, for the loop's own thread, the lock of thread.cpp. fork() takes contexts_mutex, the
-// lock of running_loops, and the list locks of contexts that are idle.
+// it. A start or an end of a loop takes the lock of running_loops, and before that, for the loop's
+// own thread, the lock of thread.cpp. It takes no list lock under these. fork() takes
+// contexts_mutex, the lock of running_loops, and then `events_mutex` and the lock of the timers of
+// each idle context.
 #ifndef TESSRA_EVENTLOOP_CONTEXT_H
 #define TESSRA_EVENTLOOP_CONTEXT_H
 
@@ -24,7 +25,7 @@ struct event_loop_ctx {
     tessra::Run run{channel};
     tessra::Timers timers{channel};
     tessra::Children children{channel};
-    tessra::ListMutex events_mutex;  // Of both signals and descriptors.
+    tessra::ListMutex events_mutex;  // Of the signals and the descriptors.
     tessra::Signals signals{channel, events_mutex};
     bool in_nested_pass = false;                             // The loop's thread only.
     tessra::Descriptors descriptors{channel, events_mutex};  // Last, since it is the largest.

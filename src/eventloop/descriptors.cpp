@@ -1,11 +1,11 @@
-// The sets for select() are kept and rebuilt only after a change of the list. select() reports a
-// watched descriptor that has been closed by itself, with EBADF, but only one that was open once:
-// the kernel ignores numbers beyond its table, which never shrinks. So a rebuild tests the watchers
-// that are new. The start of a loop tests all, since the list may be a parent's. A watcher without
-// conditions is in no set, so its descriptor is tested before every wait.
+// The sets for select() are kept, and rebuilt only after a change of the list. If a watched
+// descriptor is closed, select() fails with EBADF, but only if the number was open once: the kernel
+// ignores numbers beyond its table of descriptors, which never shrinks. So a rebuild tests the new
+// watchers. The start of a loop tests all, since the list may be a parent process's. A watcher
+// without conditions is in no set, so its descriptor is tested before every wait.
 //
-// A rebuild also notes who watches each descriptor if there are many, so that a pass doesn't visit
-// all for the sake of a few that are ready.
+// If there are many watchers, a rebuild also makes a table of them by descriptor, so that a pass
+// with a few ready descriptors doesn't visit all watchers.
 
 #include "eventloop/descriptors.h"
 
@@ -36,27 +36,27 @@ namespace {
 
 constexpr int kAllConditions = EVENT_FD_READ | EVENT_FD_WRITE | EVENT_FD_EXCEPT;
 
-// Up to so many watchers a visit of each costs no more than the table does. With more ready ones,
-// finding the next costs more than it saves.
+// Up to kFewWatchers, a visit of each watcher costs no more than the table. Beyond kFewReady, the
+// searches in the table for the next ready watcher cost more than they save.
 constexpr unsigned int kFewWatchers = 32;
 constexpr int kFewReady = 4;
 constexpr unsigned int kMostSpareSlots = 256;
 constexpr unsigned int kUntested = UINT_MAX;
 
-// A word of an fd_set, whose bits every Linux has in this order.
+// A word of an fd_set. Its bits are in this order on every Linux.
 using Word = unsigned long;
 constexpr unsigned int kWordBits = CHAR_BIT * sizeof(Word);
 Word word_of(const fd_set& set, unsigned int word) {
     return reinterpret_cast<const Word*>(&set)[word];
 }
 
-// A watched descriptor that is closed is a fault of the program that can't be waited out: the
-// watcher would serve whatever gets the number next. The process exits without a message.
+// A watched descriptor that is closed is a fault of the program. The loop can't go on, since the
+// watcher would serve the next file that gets the number. The process exits without a message.
 void exit_if_fd_closed(int fd) {
     if (fcntl(fd, F_GETFD) == -1) exit(-1);
 }
 
-// A handler may have added a watcher of a number that is no descriptor; the next rebuild finds it.
+// A handler may have added a watcher of a negative number. The next rebuild finds that fault.
 bool is_ready(const event_fd_t* watcher, const SelectSets& ready) {
     if (watcher->fd < 0) return false;
     return ((watcher->type & EVENT_FD_READ) && contains_fd(watcher->fd, ready.read)) ||
@@ -66,7 +66,7 @@ bool is_ready(const event_fd_t* watcher, const SelectSets& ready) {
 
 }  // namespace
 
-// A marked watcher is as good as gone, and its descriptor may be closed already.
+// Skips marked watchers, which are deleted: their descriptors may be closed.
 void Descriptors::test_locked(bool unselected_only) {
     list_t* node;
     dll_foreach(node, &queue_) {
@@ -83,12 +83,12 @@ void Descriptors::drop_table() {
     watched_.slots = 0;
 }
 
-// The table is kept while it has room and not too much.
+// Keeps the table if it is large enough, with at most kMostSpareSlots too many.
 void Descriptors::make_table_locked() {
     const ErrnoKeeper keep_errno;
-    // For each bit of the words that first_ready() looks at.
+    // A slot for each bit of the words that first_ready() looks at.
     const unsigned int needed = static_cast<unsigned int>(watched_.max_fd) + kWordBits;
-    if (watched_.slots - needed > kMostSpareSlots) {  // Wraps around where there are too few.
+    if (watched_.slots - needed > kMostSpareSlots) {  // Wraps around if there are too few.
         drop_table();
         watched_.by_fd = static_cast<Slot*>(malloc(needed * sizeof(Slot)));
         if (watched_.by_fd == nullptr) return;
@@ -131,7 +131,8 @@ void Descriptors::rebuild_locked() {
     watched_.stale.clear();
 }
 
-// The first of the noted watchers at `node` or behind it whose descriptor is ready, or the head.
+// Returns the first watcher in the table, at `node` or behind it on the list, whose descriptor is
+// ready, or the head.
 list_t* Descriptors::first_ready(const SelectSets& ready, list_t* node) {
     event_fd_t* first = nullptr;
     const auto max_fd = static_cast<unsigned int>(watched_.max_fd);
@@ -169,8 +170,8 @@ void Descriptors::exit_if_closed() {
     test_locked(false);
 }
 
-// Once a handler has changed the list, the rest of it is walked, unless a nested pass has made the
-// table anew.
+// After a handler has changed the list, the walk visits each of the remaining watchers, unless a
+// nested pass has rebuilt the table.
 void Descriptors::run_ready_locked(const Run& run, const SelectSets& ready, int ready_count) {
     pinned_walk<event_fd_t, CountedPins>(
         queue_, [&](const event_fd_t* watcher) { return is_ready(watcher, ready); },

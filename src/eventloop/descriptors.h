@@ -1,7 +1,7 @@
 // The descriptor watchers of a context.
 //
-// Lock: that of the context's descriptors and signals guards all but the parts of `watched_` that
-// are the loop's own. Handlers run with the lock held.
+// Lock: `events_mutex` of the context guards the list. `watched_` is for the loop's thread alone,
+// apart from `stale`. Handlers run with the lock held.
 #ifndef TESSRA_EVENTLOOP_DESCRIPTORS_H
 #define TESSRA_EVENTLOOP_DESCRIPTORS_H
 
@@ -31,24 +31,24 @@ public:
     bool is_stale() const { return static_cast<bool>(watched_.stale); }
     // Fills the sets for one select(), the channel included, and returns the largest descriptor.
     int fill_sets(SelectSets& sets);
-    // Tests every watcher's descriptor.
+    // Exits the process if the descriptor of any watcher is closed.
     void exit_if_closed();
-    // The descriptor phase. `ready` stays as select() returned it, whatever handlers do.
+    // The descriptor phase. It follows `ready` as select() returned it, whatever handlers change.
     void run_ready_locked(const Run& run, const SelectSets& ready, int ready_count);
 
 private:
-    // Who watches a descriptor, if anybody does.
+    // The watcher of a descriptor, or null.
     struct Slot {
         event_fd_t* watcher;
     };
-    // The sets that the watchers ask for, kept until a watcher comes or goes. The channel is not in
-    // them. The loop's thread only, apart from `stale`, so that it looks at them without a lock.
+    // The sets of all watchers' conditions, kept until a watcher is added or deleted. The channel
+    // isn't in them. The loop's thread only, apart from `stale`, so that it looks without a lock.
     struct Watched {
         int max_fd = 0;
-        bool has_unselected =
-            false;  // Some watcher is in no set: select() can't notice its closing.
-        // On the heap. Null while watchers are few, if two have one descriptor, or if memory is
-        // short.
+        // Some watcher is in no set, so select() can't report that its descriptor is closed.
+        bool has_unselected = false;
+        // On the heap. Null while watchers are few, if two have the same descriptor, or if memory
+        // is short.
         Slot* by_fd = nullptr;
         unsigned int slots = 0;  // Of that table.
         Stale stale{true};       // Set by whoever changes the list.

@@ -6,8 +6,8 @@
 
 namespace tessra {
 
-// Held where the library sets the catcher, and where the end of a shell command looks at a
-// disposition and puts an older one back. No other lock is taken under it.
+// Held while the library sets the catcher, and while the end of a shell command reads a disposition
+// and restores an older one. No other lock is taken under it.
 extern pthread_mutex_t disposition_mutex;
 
 }  // namespace tessra

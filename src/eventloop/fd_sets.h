@@ -15,7 +15,7 @@ struct SelectSets {
     fd_set except;
 };
 
-// The macros of some C libraries mix the descriptor with sizes.
+// The macros of some C libraries mix the signed descriptor with unsigned sizes.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wsign-conversion"
 inline void insert_fd(int fd, fd_set& set) { FD_SET(fd, &set); }

@@ -1,6 +1,5 @@
-// A start makes a FIFO in /tmp first, opens it at both ends and removes its name again. Everybody
-// can see that name and open the FIFO in between, so the FIFO carries no message. The channel is a
-// pipe.
+// A start first makes a FIFO in /tmp, opens both its ends, and removes its name. Meanwhile anybody
+// can see the name and open the FIFO, so the FIFO carries no message. The channel is a pipe.
 
 #include "eventloop/fifo_name.h"
 
@@ -35,7 +34,7 @@ bool use_name(const char* path, int& read_end, StartFailure& failure) {
     if (mkfifo(path, 0666) != 0 && errno != EEXIST) {
         return note_failure(failure, "<%x> %s:%s(%d) - Failed to create fifo\n", __LINE__);
     }
-    // The read end first: without a reader a non-blocking open for writing fails.
+    // The read end is opened first: without a reader, a non-blocking open for writing fails.
     read_end = open_end(path, O_RDONLY);
     if (read_end != kNoFd && !is_fifo(read_end)) {
         close_if_open(read_end);
@@ -53,7 +52,7 @@ bool use_name(const char* path, int& read_end, StartFailure& failure) {
     return true;
 }
 
-// A process in another PID namespace may have our number and the same /tmp, so that its start uses
+// A process in another PID namespace may have our PID and the same /tmp, so that its start uses
 // our name. That process removes the name between two of our steps, or makes it anew. Our step then
 // fails with one of these errors.
 bool is_other_start() { return errno == ENOENT || errno == ENXIO; }

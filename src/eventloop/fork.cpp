@@ -1,16 +1,18 @@
-// Which state a child of fork() finds.
+// The state that a child of fork() finds.
 //
-// The child has one thread, and of each lock and each list the state at the instant of the copy. In
-// the child every context is idle, and usable:
-//   - A context that was idle keeps its watchers. The thread that forks holds the locks of its
-//     lists meanwhile, so that no other thread is in the middle of a change. Nobody holds these
-//     locks for long, with one exception: a walk of the children on an idle context.
-//   - So the child drops all child watchers. The children are its parent's anyway.
-//   - A context whose loop ran is as new. Its locks may be held by a handler that waits for the
-//     thread that forks, so they can't be waited for. Its records are left as they are, since the
-//     thread may have forked in a handler, which returns into a walk of them.
-//   - The channels' descriptors stay open until exec, and nothing is written to them or closed:
-//     their numbers may be other files by then.
+// The child has one thread. It has each lock and each list as they were at the instant of the copy.
+// In the child every context is idle, and usable:
+//   - A context that was idle keeps its watchers. During the copy the thread that forks holds
+//     `events_mutex` and the lock of the timers, so that no other thread is in the middle of a
+//     change. No thread holds these two for long.
+//   - A walk may hold the lock of the children for long, also on an idle context. So the thread
+//     that forks doesn't take it, and the child drops all child watchers. The processes are its
+//     parent's children anyway.
+//   - A context whose loop ran is like a new one. A handler that waits for the thread that forks
+//     may hold its locks, so this thread can't wait for them. The records stay in memory, since the
+//     thread may have forked in a handler, which returns into a walk of these records.
+//   - The channels' descriptors stay open until exec. The child writes to none of them and closes
+//     none, since it may have given the number to another file.
 
 #include <new>
 

@@ -1,8 +1,8 @@
 // The lock of a context's lists, which its holder may take again.
 //
 // The lock does what recursive_mutex does, but shares nothing with other locks. Only the holder
-// writes the owner. So a thread that reads its own identity there is the holder, whatever the order
-// in which the thread sees what others write.
+// writes the owner. So a thread that reads its own identity there is the holder, in whatever order
+// it sees the writes of other threads.
 #ifndef TESSRA_EVENTLOOP_LIST_MUTEX_H
 #define TESSRA_EVENTLOOP_LIST_MUTEX_H
 
@@ -29,7 +29,7 @@ private:
     unsigned depth_ = 0;  // Unmatched locks of the holder.
 };
 
-// Holds such a lock. unlock() and lock() open a gap in between, around foreign code.
+// Holds a ListMutex. unlock() and lock() release it for a while, around foreign code.
 class ListLock : NotCopyable {
 public:
     explicit ListLock(ListMutex& mutex) : mutex_(mutex) { lock(); }

@@ -21,7 +21,7 @@ constexpr char kFunction[] = "et_event_loop_mc";
 }  // namespace
 
 void log_start_failure(const StartFailure& failure) {
-    const ErrnoKeeper keep_errno;  // From errno the caller reads why the start failed.
+    const ErrnoKeeper keep_errno;  // The caller reads errno to see why the start failed.
     if (!logzone_enabled(kLogTessra, kLogLevel)) return;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"

@@ -11,11 +11,11 @@ namespace tessra {
 
 namespace {
 
-constexpr long long int kLargestPause = 86400000;     // A day; what takes longer is a clock jump.
+constexpr long long int kLargestPause = 86400000;     // A day. A longer pause is a clock jump.
 constexpr unsigned int kLongestNestedWait = 2147483;  // Its microseconds still fit 32 signed bits.
 constexpr int kNestedSelectTries = 3;
 
-// Deadlines move along with a clock that has jumped between two readings.
+// If the clock has jumped between two readings, moves the deadlines along.
 void follow_clock_jump(Timers& timers, Milliseconds older, Milliseconds newer) {
     const auto before = static_cast<long long int>(older);
     const auto after = static_cast<long long int>(newer);
@@ -27,7 +27,7 @@ int wait_in_select(event_loop_ctx_t& el_ctx, SelectSets& sets, timeval* timeout)
     return select(max_fd + 1, &sets.read, &sets.write, &sets.except, timeout);
 }
 
-// The descriptor handlers, then one message. Returns whether a handler may have run.
+// Runs the descriptor handlers, then takes one message. Returns whether a handler may have run.
 bool run_ready_watchers(event_loop_ctx_t& el_ctx, const SelectSets& ready, int ready_count) {
     Channel& channel = el_ctx.channel;
     const bool is_readable = ready_count > 0 && contains_fd(channel.pong_fd(), ready.read);
@@ -35,12 +35,13 @@ bool run_ready_watchers(event_loop_ctx_t& el_ctx, const SelectSets& ready, int r
     const bool has_message = channel.has_message();
     const bool has_descriptor = ready_count > (is_readable ? 1 : 0);
     siginfo_t info;
-    // A wake-up alone, of which there is one for each change of a list, needs no lock.
+    // Each change of a list causes a pass that only takes a wake-up. Such a pass needs no lock.
     const int first_signal = has_descriptor ? 0 : channel.take_signal(has_message, info);
     if (!has_descriptor && first_signal == 0) return false;
 
     const ListLock lock(el_ctx.events_mutex);
-    // Marked watchers can't be waiting for this walk: it reaps within the pass what it marks.
+    // If no descriptor is ready, no walk is needed. No marked watcher waits for one, since the walk
+    // that has pinned it also frees it.
     if (has_descriptor) el_ctx.descriptors.run_ready_locked(el_ctx.run, ready, ready_count);
     if (!el_ctx.run.is_here()) return false;
     const int signal = has_descriptor ? channel.take_signal(has_message, info) : first_signal;
@@ -48,8 +49,8 @@ bool run_ready_watchers(event_loop_ctx_t& el_ctx, const SelectSets& ready, int r
     return true;
 }
 
-// One pass over what select() returned: `ready_count` bits in `ready`, at `now`. Returns whether a
-// handler may have run. While none has, one reading of the clock is as good as the next.
+// One pass after select() has returned, at `now`, with `ready_count` bits in `ready`. Returns
+// whether a handler may have run. If none has, the next step can use the same reading of the clock.
 bool run_pass(event_loop_ctx_t& el_ctx, const SelectSets& ready, int ready_count,
               Milliseconds now) {
     const bool ran = run_ready_watchers(el_ctx, ready, ready_count);
@@ -57,8 +58,8 @@ bool run_pass(event_loop_ctx_t& el_ctx, const SelectSets& ready, int ready_count
     return el_ctx.timers.run_due(el_ctx.run, now, ran) || ran;
 }
 
-// One wait and pass of the main loop. `last_reading` is the clock's after the last wait. Takes and
-// returns whether a handler may have run since that reading.
+// One wait and pass of the main loop. `last_reading` is the reading of the clock after the last
+// wait. `ran` and the result say whether a handler may have run since that reading.
 bool iterate(event_loop_ctx_t& el_ctx, Milliseconds& last_reading, bool ran) {
     const Milliseconds before_wait = ran ? event_get_time() : last_reading;
     follow_clock_jump(el_ctx.timers, last_reading, before_wait);
@@ -76,7 +77,8 @@ bool iterate(event_loop_ctx_t& el_ctx, Milliseconds& last_reading, bool ran) {
     if (error != EINTR) {
         if (error == EBADF) {
             el_ctx.descriptors.exit_if_closed();
-            // Deleted and closed on another thread since the sets were copied.
+            // Since the sets were copied, another thread has deleted a watcher and closed its
+            // descriptor.
             if (el_ctx.descriptors.is_stale()) return false;
         }
         log_select_failure(error, __LINE__);
@@ -85,8 +87,8 @@ bool iterate(event_loop_ctx_t& el_ctx, Milliseconds& last_reading, bool ran) {
     return false;
 }
 
-// The wait of the nested pass, in which a failure that lasts must not turn into a loop of its own.
-// Sets that another thread has made stale by a delete don't count: the next try has new ones.
+// The wait of the nested pass. A failure may last, so the number of tries is limited. If another
+// thread's delete has made the sets stale, the failure doesn't count: the next try has new sets.
 int select_with_retries(event_loop_ctx_t& el_ctx, SelectSets& sets, timeval& timeout) {
     for (int failures = 0; failures < kNestedSelectTries;) {
         const int count = wait_in_select(el_ctx, sets, &timeout);
@@ -102,9 +104,9 @@ int select_with_retries(event_loop_ctx_t& el_ctx, SelectSets& sets, timeval& tim
 int run_loop(event_loop_ctx_t& el_ctx, bool (*on_start)()) {
     const CancelDisabled no_cancel;
     if (!el_ctx.run.start()) return -1;
-    // Who has changed a list while the channel came up may not have seen it, and so woke nobody.
-    // The first look takes the lists' locks: a change that it misses comes later and does see the
-    // channel.
+    // A thread that changed a list during the start may not have seen the channel, and then woke
+    // nobody. So the loop's first look takes the lists' locks. A change that the look misses comes
+    // later, and its thread sees the channel.
     el_ctx.descriptors.mark_stale();
     el_ctx.timers.mark_stale();
     if (on_start != nullptr && !on_start()) {
@@ -140,7 +142,7 @@ int run_nested_pass(event_loop_ctx_t& el_ctx, unsigned int timeout) {
         return -1;
     }
     el_ctx.in_nested_pass = true;
-    // Not normalised into seconds: the kernel takes any count of microseconds.
+    // The whole wait is in microseconds: the kernel accepts any number of them.
     timeval wait = {};
     const unsigned int microseconds = el_ctx.channel.has_work() ? 0 : timeout * 1000;
     wait.tv_usec = static_cast<decltype(wait.tv_usec)>(microseconds);

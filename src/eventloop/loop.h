@@ -6,7 +6,7 @@
 
 namespace tessra {
 
-// Runs a loop. `on_start` is called once the loop has started, unless it is null. If it returns
+// Runs a loop. After the start it calls on_start(), unless that is null. If on_start() returns
 // false, the loop ends before its first pass, and the watchers stay.
 int run_loop(event_loop_ctx_t& el_ctx, bool (*on_start)());
 int run_nested_pass(event_loop_ctx_t& el_ctx, unsigned int timeout);

@@ -1,8 +1,8 @@
 // Signals that found the channel full, for one running loop.
 //
-// As the kernel does for a blocked signal, this keeps one record per number: of those that come
-// while it waits, the first stands for all. A record is published by the catcher and taken by the
-// loop's thread, without a lock on either side.
+// As the kernel does for a blocked signal, this keeps one record per number. While a record waits,
+// further signals of its number are dropped. The catcher publishes a record and the loop's thread
+// takes it, both without a lock.
 #ifndef TESSRA_EVENTLOOP_PENDING_SIGNALS_H
 #define TESSRA_EVENTLOOP_PENDING_SIGNALS_H
 
@@ -13,12 +13,12 @@
 
 namespace tessra {
 
-constexpr int kMaxSignal = 31;  // What the first byte of a signal message has room for.
+constexpr int kMaxSignal = 31;  // The largest that can be watched: `full_` has a bit for each.
 
 class PendingSignals {
 public:
-    // Signal context, any thread. A record of the same number that another catcher is still writing
-    // will be taken later than this, so it stands for this one, too.
+    // Signal context, any thread. If another catcher is still writing a record of the same number,
+    // the loop takes that record after this call, so the record stands for this signal, too.
     void keep(int signal, const siginfo_t& info) {
         Slot& slot = slots_[signal - 1];
         unsigned expected = kFree;
@@ -30,8 +30,8 @@ public:
 
     bool any() const { return full_.load() != 0; }
 
-    // The loop's thread: hands out a number and its record, or returns 0. The numbers take turns,
-    // so that one which is kept again and again doesn't hold up the others.
+    // The loop's thread: takes a record and returns its number, or 0 if there is none. The numbers
+    // take turns, so that a signal that is kept again and again doesn't delay the others.
     int take(siginfo_t& info) {
         const unsigned full = full_.load();
         if (full == 0) return 0;
@@ -45,7 +45,7 @@ public:
         return signal;
     }
 
-    // When no catcher can reach it.
+    // Only while no catcher can reach this object.
     void clear() {
         full_.store(0, std::memory_order_relaxed);
         for (Slot& slot : slots_) slot.state.store(kFree, std::memory_order_relaxed);

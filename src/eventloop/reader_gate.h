@@ -1,4 +1,4 @@
-// A gate without a lock between those who use something and the one who withdraws it.
+// A gate without a lock, between the threads that use an object and the one that withdraws it.
 #ifndef TESSRA_EVENTLOOP_READER_GATE_H
 #define TESSRA_EVENTLOOP_READER_GATE_H
 
@@ -8,11 +8,11 @@
 
 namespace tessra {
 
-// Lets a writer wait for all readers that may still use what it has withdrawn. Entering and leaving
-// are lock-free and signal-safe. The gate has two counters, so that newcomers don't prolong the
-// wait: a waiter sends them to the other counter. The waiter does so twice. A reader may have been
-// held up between choosing its counter and entering it, and so be in the one that the first round
-// didn't wait for.
+// Lets a waiter wait for all readers that may still use the object that it has withdrawn. Entering
+// and leaving are lock-free and signal-safe. The gate has two counters, so that newcomers don't
+// prolong the wait: a waiter sends them to the other counter. The waiter does so twice, since a
+// reader may be held up between the choice of its counter and its entry. That reader may enter the
+// counter that the first round doesn't wait for.
 class ReaderGate {
 public:
     static constexpr timespec kPause = {0, 100000};
@@ -25,8 +25,8 @@ public:
 
     void leave(unsigned side) { inside_[side].fetch_sub(1); }
 
-    // For one waiter at a time. Readers only make non-blocking writes, so this is short. The waiter
-    // sleeps, because a reader that has been preempted may have a lower priority.
+    // For one waiter at a time. Readers only make non-blocking writes, so the wait is short. The
+    // waiter sleeps, because a reader that has been preempted may have a lower priority.
     void wait_for_readers() {
         for (int round = 0; round < 2; ++round) {
             const unsigned old_side = side_.load();
@@ -42,8 +42,8 @@ public:
     }
 
 private:
-    // Sequentially consistent throughout: a reader's entry and the waiter's look at the counter
-    // must have one order, or each could miss the other.
+    // Sequentially consistent, except in reset(): a reader's entry and the waiter's look at the
+    // counter must have one order, or each could miss the other.
     std::atomic<unsigned> side_{0};
     std::atomic<int> inside_[2]{0, 0};
 };

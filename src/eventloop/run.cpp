@@ -18,11 +18,11 @@ bool Run::start_locked(StartFailure& failure) {
     is_active_.store(true, std::memory_order_relaxed);
     thread_.store(pthread_self(), std::memory_order_relaxed);
     keeps_running_.store(true);
-    running_loops.add_locked(node_);  // Its store makes those above visible to the catcher.
+    running_loops.add_locked(node_);  // Its store makes the stores above visible to the catcher.
     return true;
 }
 
-// The log is written once the lock is free: the logger may run or end a loop of its own.
+// Logs a failure after it has released the lock, since the logger may run or end a loop of its own.
 bool Run::start() {
     if (!register_fork_handlers()) {
         errno = ENOMEM;

@@ -1,6 +1,6 @@
 // The run of a loop: from a start to the return after a cancel.
 //
-// Locks: a start and an end hold that of running_loops.
+// Locks: a start and an end hold the lock of running_loops.
 #ifndef TESSRA_EVENTLOOP_RUN_H
 #define TESSRA_EVENTLOOP_RUN_H
 
@@ -19,11 +19,11 @@ public:
     constexpr explicit Run(Channel& channel) : channel_(&channel) {}
 
     // Opens the channel and makes the calling thread the loop's. Returns false and sets errno if
-    // the loop runs already, or if a step fails, which is logged.
+    // the loop runs already or a step fails. A step that fails is logged.
     bool start();
-    // The loop's thread: after its last pass.
+    // The loop's thread, after its last pass.
     void end();
-    // The loop's thread, before its first pass: the loop isn't to go on.
+    // The loop's thread, before its first pass: the loop then runs no pass.
     void clear_flag() { keeps_running_.store(false); }
     // Any thread: clears the flag and wakes the loop.
     void cancel();
@@ -31,10 +31,11 @@ public:
     // The run flag: set from the start until a cancel.
     bool keeps_running() const { return keeps_running_.load(); }
     // From the start until the end, beyond a cancel. Relaxed: a start and an end change it under
-    // the lock, and a caller that doesn't hold the lock meets the start's own look at it.
+    // the lock. If a caller without the lock reads an old value and starts a loop, that start reads
+    // the value again, under the lock.
     bool is_active() const { return is_active_.load(std::memory_order_relaxed); }
-    // Whether the calling thread runs the loop. After a handler this is false in a child of fork()
-    // that returns from there: what the context has then is not for the pass that called the
+    // Whether the calling thread runs the loop. In a child of fork() that returns from a handler
+    // this is false: the lists that the context has there are not for the pass that called the
     // handler. Relaxed: only the thread itself stores its identity.
     bool is_here() const { return is_caller(thread_.load(std::memory_order_relaxed)); }
 

@@ -13,7 +13,7 @@ void RunningLoops::add_locked(list_t& node) {
     store_next(*node.prev, &node);
 }
 
-// Leaves the node's own link forwards as it is: the catcher may be at the node.
+// Doesn't change the node's own link forwards, since the catcher may be at the node.
 void RunningLoops::unlink_locked(list_t& node) {
     store_next(*node.prev, node.next);
     node.next->prev = node.prev;

@@ -1,16 +1,17 @@
 // The list of the running loops, which the signal catcher walks, and the gate of their channels.
 //
 // The catcher runs in signal context, on any thread, at any instant, and takes no lock. These rules
-// keep it from a freed context or a closed descriptor:
+// keep it from using a freed context or a closed descriptor:
 //   - Starts and ends of loops change the list under the lock, one store of a link at a time, so
 //     that every node which the catcher can reach is linked forwards to the head.
-//   - Whoever uses the write end of a channel is inside the gate. An end takes the loop off the
-//     list and the write end out of the channel, waits until all who could have seen either have
-//     left the gate, and closes.
-//   - A cancel enters the gate before it clears the run flag. The owner of the context may free it
-//     as soon as its loop has returned, and the end waits for the cancel to be through.
+//   - A thread that uses the write end of a channel is inside the gate. An end of a loop takes the
+//     loop off the list and the write end out of the channel. Then it waits until all threads that
+//     could have seen either have left the gate, and closes the channel.
+//   - A cancel enters the gate before it clears the run flag. The owner may free the context as
+//     soon as its loop has returned, and the end of the loop waits until the cancel has left the
+//     gate.
 //   - After fork() the child has the parent's list and descriptors, but not its loops. Until the
-//     fork handlers have run there, `pid_` shows that the list is another process's.
+//     fork handlers have run there, `pid_` shows that the list belongs to another process.
 #ifndef TESSRA_EVENTLOOP_RUNNING_LOOPS_H
 #define TESSRA_EVENTLOOP_RUNNING_LOOPS_H
 
@@ -33,7 +34,8 @@ public:
     void unlock() { (void)pthread_mutex_unlock(&mutex_); }
 
     void add_locked(list_t& node);
-    // Unlinks the node and waits until nobody can still use the node or what `withdraw` takes away.
+    // Unlinks the node, calls withdraw(), and waits until no thread can still use the node or the
+    // descriptor that withdraw() has taken out.
     template <class Withdraw>
     void remove_locked(list_t& node, Withdraw withdraw) {
         unlink_locked(node);
@@ -42,11 +44,11 @@ public:
         node = {nullptr, nullptr};
     }
 
-    // Signal context: calls visit() with each node, if the loops are this process's.
+    // Signal context: calls visit() with each node, if the list belongs to this process.
     template <class Visit>
     void for_each(Visit visit);
 
-    // For a child of fork(), in which no loop of the parent runs.
+    // For a child of fork(), in which no loop of the parent runs. Releases the lock, too.
     void forget_parent();
 
 private:
@@ -66,9 +68,9 @@ private:
 
 extern RunningLoops running_loops;
 
-// For whoever uses the write end of a channel, the catcher included. pthread_setcancelstate() is
-// not on POSIX's list for signal handlers, but in glibc, uClibc and musl it is a store into the
-// thread's own record.
+// For each thread that uses the write end of a channel, and for the catcher. POSIX doesn't list
+// pthread_setcancelstate() as safe in signal handlers, but in glibc, uClibc and musl it is a store
+// into the thread's own record.
 class InsideGate : NotCopyable {
 public:
     InsideGate();

@@ -22,19 +22,19 @@ namespace {
 constexpr size_t kCommandSize = 1024;
 constexpr unsigned int kDefaultMaxFds = 1024;
 constexpr unsigned int kFirstClosedFd = 3;
-// The same number on every architecture; older headers lack it.
+// The number of close_range(), the same on every architecture. Older headers lack it.
 constexpr long kCloseRange = 436;
-// An entry of getdents64() is two 64-bit words, its length in two bytes, a byte, and the name.
+// An entry of getdents64() has two 64-bit words, its length in two bytes, a byte, and the name.
 constexpr unsigned int kEntryLength = 16;
 constexpr unsigned int kEntryName = 19;
 
-// The signals whose dispositions a command changes. While it runs, the parent ignores the first two
-// and leaves the third at its default.
+// The signals whose dispositions a command changes. While it runs, the parent ignores the first
+// two, and the third has its default disposition.
 constexpr int kCommandSignals[] = {SIGQUIT, SIGINT, SIGCHLD};
 constexpr int kCommandSignalCount = sizeof kCommandSignals / sizeof kCommandSignals[0];
 
-// Without a handler this flag has no effect. It tells what a command sets from a SIG_IGN or SIG_DFL
-// that another thread sets meanwhile.
+// Without a handler this flag has no effect. It marks a SIG_IGN or SIG_DFL that a command has set,
+// so that one that another thread sets meanwhile differs from it.
 constexpr int kSetByCommand = SA_ONSTACK;
 
 bool is_caught(const struct sigaction& action) {
@@ -52,9 +52,9 @@ void set_uncaught(int signal, void (*ignore_or_default)(int), struct sigaction* 
     (void)sigaction(signal, &action, before);
 }
 
-// Puts back a disposition, unless another thread has set one while the command ran. The lock keeps
-// the catcher of a first watcher from coming between the query and the change. A sigaction() of the
-// daemon's own takes no lock: if its disposition comes in between, it is replaced, then put back.
+// Restores a disposition, unless another thread has set one while the command ran. The lock keeps a
+// first watcher from setting the catcher between the query and the change. The daemon's own
+// sigaction() takes no lock. If it comes in between, its disposition is replaced, then restored.
 void restore_disposition_locked(int signal, const struct sigaction& before) {
     struct sigaction present;
     if (sigaction(signal, nullptr, &present) != 0 || !is_set_by_command(present)) return;
@@ -62,10 +62,10 @@ void restore_disposition_locked(int signal, const struct sigaction& before) {
     if (!is_set_by_command(present)) (void)sigaction(signal, &present, nullptr);
 }
 
-// The dispositions that a command needs, for as long as it runs. Whole records are put back, since
-// a watched signal needs its SA_SIGINFO. They are set once: the child's own changes after vfork()
-// don't reach the parent, so setting them again after it would only replace what another thread has
-// set meanwhile.
+// The dispositions that a command needs, for as long as it runs. The destructor restores whole
+// records, since a watched signal needs its SA_SIGINFO. Only the constructor sets dispositions. The
+// child's own changes after vfork() don't reach the parent, so to set them once more would only
+// replace those that another thread has set meanwhile.
 class CommandDispositions : NotCopyable {
 public:
     CommandDispositions() {
@@ -87,8 +87,8 @@ private:
 
 // For the child between vfork() and exec: no handler may run there, since it would write to the
 // parent's memory. The C library keeps a few signals for itself and refuses to change or to block
-// them. Their handlers do nothing in the child: they act only on what a thread of the same process
-// has sent, and cancellation is disabled.
+// them. Their handlers do nothing in the child: they act only on signals that a thread of the same
+// process has sent, and cancellation is disabled.
 void reset_dispositions() {
     for (const int signal : kCommandSignals) set_uncaught(signal, SIG_DFL, nullptr);
     for (int signal = 1; signal < NSIG; ++signal) {
@@ -108,8 +108,9 @@ unsigned int descriptor_bound() {
     return static_cast<unsigned int>(limit.rlim_max < kMost ? limit.rlim_max : kMost);
 }
 
-// Closes those that are open by their names in a directory of the kernel's. False if it can't be
-// read to its end. Calls of the C library for directories allocate, which this child must not.
+// Closes the open descriptors, which are the names in a directory of the kernel. Returns false if
+// the directory can't be read to its end. The C library's calls for directories allocate memory,
+// which this child must not do.
 bool close_listed_descriptors(unsigned int max_fds) {
     const int listing = open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (listing == -1) return false;

@@ -19,7 +19,7 @@ struct event_signal_t {
     Mark mark;
 };
 
-// The one function of the library that runs in signal context.
+// The catcher: the library's only signal handler.
 void event_signal_cb(int sig, siginfo_t* info, void* /*ctx*/) { send_to_running_loops(sig, *info); }
 
 bool catch_signal(int signal) {
@@ -28,7 +28,7 @@ bool catch_signal(int signal) {
     action.sa_flags = SA_SIGINFO | SA_RESTART;
     const MutexLock lock(disposition_mutex);
     if (sigaction(signal, &action, nullptr) == 0) return true;
-    // These two are always refused; their watcher stays and never runs.
+    // The system always refuses these two. Their watcher is registered, and never runs.
     return signal == SIGKILL || signal == SIGSTOP;
 }
 

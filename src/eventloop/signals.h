@@ -1,7 +1,7 @@
-// The signal watchers of a context: a caught signal travels through the channel and becomes an
-// ordinary event.
+// The signal watchers of a context. The catcher writes a caught signal into the channel, and the
+// loop calls the handlers outside of signal context.
 //
-// Lock: that of the context's descriptors and signals. Handlers run with the lock held.
+// Lock: `events_mutex` of the context. Handlers run with the lock held.
 #ifndef TESSRA_EVENTLOOP_SIGNALS_H
 #define TESSRA_EVENTLOOP_SIGNALS_H
 

@@ -1,13 +1,14 @@
-// The lock is held by a start until the new thread has answered, and by a stop until the thread has
-// been joined. So starts and stops follow one another, and the thread's identity is taken out only
-// after the join. Handlers on that thread, and a logger that tells of its failed start, may call
-// both functions while another thread waits in one of them. So they take no lock: there a start
-// fails, and a stop only cancels.
+// A start holds the lock until the new thread has answered, and a stop until the thread has been
+// joined. So starts and stops follow one another, and `to_join` is cleared only after the join.
+// Handlers on that thread, and a logger that reports its failed start, may call both functions
+// while another thread waits in one of them. So on that thread they take no lock: a start fails,
+// and a stop only cancels.
 //
-// The new thread itself arms the handshake's timer, on the loop that it has just started and that
-// it alone walks. The first pass of the loop fires the timer, or the end of the loop drops it; both
-// come before another loop can run on the context. `waiting` is the condition's predicate. The
-// timer clears it, or the thread does if its loop didn't get that far.
+// The new thread itself arms the handshake's timer, on the loop that it has just started. No other
+// thread walks the timers of this loop. The first pass of the loop fires the timer, or the end of
+// the loop drops it. Both come before another loop can run on the context. `waiting` is the
+// condition's predicate. The timer's handler clears it, or the thread does if its loop didn't get
+// that far.
 
 #include "eventloop/thread.h"
 
@@ -31,12 +32,12 @@ struct lock_cond_t {
 struct LoopThread {
     pthread_mutex_t mutex;  // The lock of starts and stops.
     lock_cond_t handshake;
-    // The new thread alone changes these during a start.
+    // While a start waits, only the new thread changes these.
     bool waiting;
-    int start_error;                 // Why the loop didn't get to its answer; 0 if it did.
+    int start_error;                 // The error of a loop that didn't get to its answer, or 0.
     std::atomic<pthread_t> to_join;  // The thread's identity until the join.
-    // The thread's identity until its end, for itself alone. `to_join` lasts longer, and its value
-    // may be the identity of a new thread by then.
+    // The thread's identity until its end. Other threads only compare it with their own. `to_join`
+    // lasts longer, when a new thread may already have the same identity.
     std::atomic<pthread_t> self;
 };
 constinit LoopThread loop_thread = {PTHREAD_MUTEX_INITIALIZER, {}, false, 0, kNoThread, kNoThread};
@@ -111,7 +112,7 @@ int run_handshake_locked() {
 int start_locked() {
     if (default_el_ctx.run.keeps_running()) return EBUSY;
     join_locked();
-    if (default_el_ctx.run.is_active()) return EBUSY;  // It was cancelled, but hasn't returned.
+    if (default_el_ctx.run.is_active()) return EBUSY;  // A cancelled loop hasn't returned.
     return run_handshake_locked();
 }
 

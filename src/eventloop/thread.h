@@ -4,7 +4,7 @@
 
 namespace tessra {
 
-// Each returns 0 or the number of an error.
+// Returns 0 or the number of an error.
 int start_loop_thread();
 void stop_loop_thread();
 

@@ -15,14 +15,14 @@ struct event_timer_t {
     list_t bucket;  // Node among the timers with the same hash of handler and argument.
     int pins;
     Mark mark;
-    unsigned int lanes;   // Nodes on express lanes follow the record.
+    unsigned int lanes;   // Express lanes, whose nodes follow the record.
     unsigned int* count;  // That of its list.
 };
 
 namespace {
 
-// The distance from which the seconds of a timeout no longer fit 32 signed bits, and what is waited
-// for instead. The replacement counts milliseconds; the loop wakes, finds nothing due and waits on.
+// From this upper word of a distance on, the seconds of a timeout don't fit 32 signed bits. The
+// loop then waits kLongestWait milliseconds, finds no timer due, and waits again.
 constexpr int kUnfitUpperWord = 500;
 constexpr Milliseconds kLongestWait = 2147483647;
 static_assert((1LL << 32) * kUnfitUpperWord == 2147483648LL * 1000);
@@ -33,8 +33,9 @@ Milliseconds clamp_distance(long long int tdiff) {
     return static_cast<Milliseconds>(tdiff);
 }
 
-// For what clamp_distance() returns. In halves, since a division of 64 bits is a call on 32-bit
-// processors; and with one division each, since quotient and rest together are another.
+// Takes a result of clamp_distance(). Divides in halves, since a division of 64 bits is a function
+// call on 32-bit processors. Each half has one division, since quotient and remainder together are
+// another such call.
 void set_timeval(timeval& to, Milliseconds wait) {
     constexpr uint32_t kSecondsOfUpper = (1ULL << 32) / 1000;
     constexpr uint32_t kRestOfUpper = (1ULL << 32) % 1000;
@@ -49,7 +50,7 @@ void set_timeval(timeval& to, Milliseconds wait) {
     to.tv_usec = static_cast<decltype(to.tv_usec)>(microseconds);
 }
 
-constexpr unsigned int kFewTimers = 32;  // Up to here a walk costs less than a table.
+constexpr unsigned int kFewTimers = 32;  // Up to so many a walk costs less than a table.
 
 bool matches(const event_timer_t* timer, timer_handler_t handler, const void* arg) {
     return timer->handler == handler && (arg == nullptr || timer->arg == arg);
@@ -67,7 +68,7 @@ event_timer_t* Timers::timer_on(list_t* node, unsigned int lane) {
     return reinterpret_cast<event_timer_t*>(node - (lane - 1)) - 1;
 }
 
-// One timer in four gets a lane more. Any generator does that has no rhythm.
+// One timer in four gets one lane more. Any generator without a regular pattern is good enough.
 unsigned int Timers::throw_lanes() {
     uint32_t dice = adds_.fetch_add(1, std::memory_order_relaxed) * 0x9e3779b1U;
     dice = (dice ^ dice >> 15) * 0x85ebca6bU;
@@ -79,8 +80,8 @@ void Timers::start_lanes_locked() {
 }
 
 // Links a timer in behind all that aren't later. The search begins at the tail, where nearly every
-// new timer belongs, and on the lane with the longest steps. From the last timer that was seen to
-// be later, the search goes on one lane down.
+// new timer belongs, and on the lane with the longest steps. It continues one lane down, from the
+// last timer that it has found to be later.
 void Timers::enqueue_locked(event_timer_t* timer) {
     const bool is_last =
         queue_.prev == &queue_ || record_of<event_timer_t>(queue_.prev)->time <= timer->time;
@@ -114,7 +115,7 @@ void Timers::enter_bucket_locked(event_timer_t* timer) {
     }
 }
 
-// A bucket has two timers at most, on average, and a timer has eight buckets at most. The table
+// A table has at least as many buckets as there are timers, and at most eight times as many. It
 // stays as it is if memory is short.
 void Timers::fit_table_locked() {
     if (count_ > bucket_count_ ? count_ <= kFewTimers : bucket_count_ <= 8 * count_) return;
@@ -216,12 +217,12 @@ void Timers::move_deadlines(long long int distance) {
     look_over_locked();
 }
 
-// A handler runs with its timer off the list and the lock released. So after a handler nothing that
-// was remembered counts, and the walk starts again. The clock isn't read again: a handler that
-// keeps arming itself with 0 can't hold the phase beyond this millisecond.
+// A handler runs with its timer off the list and the lock released. So after a handler the walk
+// has no valid pointer, and starts again. The clock isn't read again, so that a handler that always
+// arms itself with 0 can't extend the phase beyond this millisecond.
 //
-// If the list has been walked since its last change, and nothing of it is due, another walk would
-// leave it as it is, pins included.
+// If the list has been walked since its last change, and no timer is due, another walk would change
+// nothing, not even a pin.
 bool Timers::run_due(const Run& run, Milliseconds now, bool handler_ran) {
     const bool walked = !first_.stale;
     if (walked && !first_.exists) return false;
@@ -246,7 +247,7 @@ bool Timers::run_due(const Run& run, Milliseconds now, bool handler_ran) {
         pinned_walk<event_timer_t, FlagPins>(
             queue_, [](const event_timer_t*) { return true; }, fire_if_due);
         any_fired |= fired;
-        // The list of a child of fork() is for its own loop to look at.
+        // In a child of fork() the list is left to the child's own loop.
         if (!run.is_here()) return true;
     } while (fired);
     look_over_locked();

@@ -1,13 +1,13 @@
-// The timers of a context: one list, sorted by deadline, those with equal deadlines in order of
-// adding.
+// The timers of a context: one list, sorted by deadline. Timers with equal deadlines are in order
+// of adding.
 //
-// The list is all that counts: walks, pins and marks are as on the other lists. Two ways lead to a
-// place in the list when it is long. Express lanes are sorted lists of ever fewer of the timers (W.
-// Pugh, "Skip Lists", 1990), by which a place is found in logarithmic time. A table finds the
-// timers of a handler and an argument. Both are made of nodes in the records, so a timer leaves
-// them without being looked for. If there is no memory for a table, the list is searched.
+// The list alone decides: walks, pins and marks are as on the other lists. Two indexes find a place
+// in a long list. Express lanes are sorted lists of ever fewer of the timers (W. Pugh, "Skip
+// Lists", 1990), by which a place is found in logarithmic time. A table finds the timers of a
+// handler and an argument. Both consist of nodes in the records, so removing a timer from them
+// needs no search. If there is no memory for a table, the list is searched.
 //
-// Lock: `mutex_` guards all but `first_`. Handlers run with the lock released.
+// Lock: `mutex_` guards all but `first_` and `adds_`. Handlers run with the lock released.
 #ifndef TESSRA_EVENTLOOP_TIMERS_H
 #define TESSRA_EVENTLOOP_TIMERS_H
 
@@ -38,18 +38,19 @@ public:
 
     // The loop's thread.
     void mark_stale() { first_.stale.set(); }
-    // The wait until the first deadline, in `storage`, or null if there is no timer.
+    // Returns the wait until the first deadline, in `storage`, or null if there is no timer.
     timeval* timeout(Milliseconds now, timeval& storage);
     void move_deadlines(long long int distance);
-    // The timer phase, at `now` unless a handler has run since. Returns whether a handler has run.
+    // The timer phase. The time is `now`, or read again if a handler has run since. Returns whether
+    // a timer has fired.
     bool run_due(const Run& run, Milliseconds now, bool handler_ran);
 
     // For fork() and for the release of the context.
     ListMutex& mutex() { return mutex_; }
 
 private:
-    // A timer has a bucket once there is a table. One timer in four is on the first express lane,
-    // one in four of those on the next.
+    // The number of express lanes. One timer in four is on the first, one in four of those on the
+    // next.
     static constexpr unsigned int kLanes = 6;
 
     // The first timer as the loop has last seen it, so that a pass with nothing due takes no lock.
@@ -78,11 +79,11 @@ private:
     ListMutex mutex_;
     list_t queue_ = {&queue_, &queue_};
     First first_;
-    list_t lanes_[kLanes] = {};  // They begin with the first timer.
-    list_t* buckets_ = nullptr;  // Null while timers are few, and if memory is short.
+    list_t lanes_[kLanes] = {};  // Set up with the first timer.
+    list_t* buckets_ = nullptr;  // Of all timers. Null while they are few or memory is short.
     unsigned int bucket_count_ = 0;
     unsigned int count_ = 0;         // Of the timers on the list.
-    std::atomic<uint32_t> adds_{0};  // Without the lock.
+    std::atomic<uint32_t> adds_{0};  // Calls of add(). Without the lock.
 };
 
 }  // namespace tessra

@@ -24,7 +24,7 @@ enum class Mark {
     kReported,  // Of a child's watcher: its handler has run. No delete finds it any more.
 };
 
-// Timers are on other lists too, and have their own.
+// Timers are on other lists, too, and have their own overload.
 template <class Entry>
 void unlink_entry(Entry* entry) {
     list_delete(&entry->list);
@@ -36,7 +36,7 @@ void unlink_and_free(Entry* entry) {
     free(entry);
 }
 
-// The one rule of deletion.
+// Each delete of a watcher follows this rule.
 template <class Entry>
 void delete_or_mark(Entry* entry) {
     if (entry->pins != 0) {
@@ -53,7 +53,8 @@ struct CountedPins {
     static void unpin(int& pins) { --pins; }
 };
 
-// Pins of a list whose walk stops half-way and leaves one behind: arriving clears it, however old.
+// Pins of a list whose walk stops half-way and leaves one behind. A walk that arrives there clears
+// the pin, however old it is.
 struct FlagPins {
     static constexpr bool kLeftBehind = true;
     static void pin(int& pins) { pins = 1; }
@@ -62,10 +63,11 @@ struct FlagPins {
 
 inline list_t* skip_none(list_t* node) { return node; }
 
-// Walks from the first entry until `visit` returns false or the head is reached. An entry that the
-// walk doesn't want runs no foreign code, so there the walk needs no pin to come back to. From such
-// an entry `skip` may take the walk past others of its kind, to a later entry or to the head. A
-// marked entry may be passed if another walk has it pinned, since that walk frees it.
+// Walks from the first entry until visit() returns false or the walk reaches the head. An entry
+// that the walk doesn't want runs no foreign code, so there the walk pins no successor. From such
+// an entry skip() may lead the walk past others that it doesn't want, to a later entry or to the
+// head. It may pass a marked entry if another walk has that entry pinned, since the other walk
+// frees it.
 template <class Entry, class Pins, class Wants, class Visit, class Skip = list_t*(list_t*)>
 void pinned_walk(list_t& head, Wants wants, Visit visit, Skip skip = skip_none) {
     bool pinned = false;
@@ -86,7 +88,7 @@ void pinned_walk(list_t& head, Wants wants, Visit visit, Skip skip = skip_none) 
     }
 }
 
-// The first entry that matches, or null. Marked entries count.
+// Returns the first entry that matches, or null. Marked entries match, too.
 template <class Entry, class Matches>
 Entry* find_first(list_t& head, Matches matches) {
     for (list_t* node = head.next; node != &head; node = node->next) {
