@@ -202,11 +202,12 @@ inline start(ctx, new_fd) {
     link(ctx);
 #endif
     atomic { touch(ctx); kept[ctx] = false; is_open[new_fd] = true; ping_fd[ctx] = new_fd }
-    atomic { touch(ctx); stale[ctx] = true; run_flag[ctx] = true }
+    atomic { touch(ctx); run_flag[ctx] = true }
 #ifndef LISTED_BEFORE_CHANNEL
     link(ctx);
 #endif
-    unlock(loops_mutex)
+    unlock(loops_mutex);
+    atomic { touch(ctx); stale[ctx] = true } /* run_loop() */
 }
 
 /* RunningLoops::add_locked(). Only holders of loops_mutex read `prev`. */
