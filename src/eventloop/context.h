@@ -28,7 +28,7 @@ struct event_loop_ctx {
     tessra::ListMutex events_mutex;  // Of the signals and the descriptors.
     tessra::Signals signals{channel, events_mutex};
     bool in_nested_pass = false;                             // The loop's thread only.
-    tessra::Descriptors descriptors{channel, events_mutex};  // Last, since it is the largest.
+    tessra::Descriptors descriptors{channel, events_mutex};  // Last: the parts behind a large one cost more code.
 };
 
 namespace tessra {
