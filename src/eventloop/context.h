@@ -27,8 +27,9 @@ struct event_loop_ctx {
     tessra::Children children{channel};
     tessra::ListMutex events_mutex;  // Of the signals and the descriptors.
     tessra::Signals signals{channel, events_mutex};
-    bool in_nested_pass = false;                             // The loop's thread only.
-    tessra::Descriptors descriptors{channel, events_mutex};  // Last: the parts behind a large one cost more code.
+    bool in_nested_pass = false;  // The loop's thread only.
+    // Last, since it is the largest: to reach the parts behind it would take more code.
+    tessra::Descriptors descriptors{channel, events_mutex};
 };
 
 namespace tessra {
