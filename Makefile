@@ -2,7 +2,7 @@
 .PHONY: help test demo cross check models soak bench size docs abi packages format clean
 
 help:
-	@echo 'make test     build (preset dev) and run the test suite'
+	@echo 'make test     build (preset dev) and run the tests, but the long ones of make check'
 	@echo 'make demo     build (preset release) and run the demonstration'
 	@echo 'make cross    build and test for ARM and for other C libraries'
 	@echo 'make check    everything that CI runs'
