@@ -70,7 +70,7 @@ struct Data {
           out(new uint8_t[bytes * 2 + 8]),
           room(bytes * 2 + 8) {
         Random random;
-        for (size_t n = 0; n < size; n++) plain[n] = uint8_t(random());
+        for (size_t n = 0; n < size; ++n) plain[n] = uint8_t(random());
         base64_encode(plain.get(), size, text.get(), &text_size);
     }
     char* chars() const { return reinterpret_cast<char*>(out.get()); }
@@ -182,7 +182,7 @@ const Codec kDecode[] = {
 
 // The obvious loop, not optimised.
 __attribute__((noinline, optimize("no-tree-vectorize"))) void byte_loop(char* text, size_t size) {
-    for (size_t n = 0; n < size; n++) {
+    for (size_t n = 0; n < size; ++n) {
         if (text[n] == '+') {
             text[n] = '-';
         } else if (text[n] == '/') {
@@ -291,7 +291,7 @@ const Dns kDns[] = {
      [](const std::vector<uint8_t>& message) {
          ns_msg handle;
          ns_initparse(message.data(), int(message.size()), &handle);
-         for (int n = 0; n < ns_msg_count(handle, ns_s_an); n++) {
+         for (int n = 0; n < ns_msg_count(handle, ns_s_an); ++n) {
              ns_rr record;
              if (ns_parserr(&handle, ns_s_an, n, &record) != 0) abort();
              if (ns_rr_type(record) == T_A) keep(*ns_rr_rdata(record));

@@ -38,7 +38,7 @@ std::vector<uintptr_t> shuffled(size_t count) {
     std::vector<uintptr_t> all(count);
     std::iota(all.begin(), all.end(), 1);
     Random random;
-    for (size_t n = count; n > 1; n--) std::swap(all[n - 1], all[random() % n]);
+    for (size_t n = count; n > 1; --n) std::swap(all[n - 1], all[random() % n]);
     return all;
 }
 
@@ -184,8 +184,8 @@ void add_list(const char* peer, size_t count) {
         [count](Loop& loop) {
             List list;
             loop.each([&] {
-                for (size_t n = 0; n < count; n++) list.push(&list);
-                for (size_t n = 0; n < count; n++) list.take();
+                for (size_t n = 0; n < count; ++n) list.push(&list);
+                for (size_t n = 0; n < count; ++n) list.take();
             });
         },
         settings);
@@ -193,7 +193,7 @@ void add_list(const char* peer, size_t count) {
         name + ", walk", peer,
         [count](Loop& loop) {
             List list;
-            for (size_t n = 0; n < count; n++) list.push(&list);
+            for (size_t n = 0; n < count; ++n) list.push(&list);
             loop.each([&] { list.walk(); });
         },
         settings);
@@ -244,7 +244,7 @@ struct Uthash {
     std::vector<Entry> entries;
     Entry* table = nullptr;
     Uthash(const std::vector<std::string>& keys, unsigned) : entries(keys.size()) {
-        for (size_t n = 0; n < keys.size(); n++) {
+        for (size_t n = 0; n < keys.size(); ++n) {
             entries[n].key = keys[n].c_str();
             HASH_ADD_KEYPTR(hh, table, entries[n].key, keys[n].size(), &entries[n]);
         }
@@ -356,7 +356,7 @@ struct PlainTree {
         if (comparison == 0) return;
         (comparison < 0 ? parent->left : parent->right) = createnode(parent, key, data);
         balanceup(tree, parent);
-        tree->itemcount++;
+        ++tree->itemcount;
     }
     void remove(void* key) {
         int comparison;
@@ -419,16 +419,16 @@ void add_tracker(const char* peer, size_t live) {
         add("tracker with " + std::to_string(live) + " blocks, " + what, peer,
             [=](Loop& loop) {
                 const std::vector<uintptr_t> blocks = shuffled(live + 1000);
-                for (size_t n = 0; n < live; n++) tracker.add(pointer(blocks[n] * 64));
+                for (size_t n = 0; n < live; ++n) tracker.add(pointer(blocks[n] * 64));
                 work(loop, blocks);
-                for (size_t n = 0; n < live; n++) tracker.remove(pointer(blocks[n] * 64));
+                for (size_t n = 0; n < live; ++n) tracker.remove(pointer(blocks[n] * 64));
             },
             {items, Clock::kCpu, rounds});
     };
     filled("pair of calls", 1000, 2, [live](Loop& loop, const std::vector<uintptr_t>& blocks) {
         loop.each([&] {
-            for (size_t n = 0; n < 1000; n++) tracker.add(pointer(blocks[live + n] * 64));
-            for (size_t n = 0; n < 1000; n++) tracker.remove(pointer(blocks[live + n] * 64));
+            for (size_t n = 0; n < 1000; ++n) tracker.add(pointer(blocks[live + n] * 64));
+            for (size_t n = 0; n < 1000; ++n) tracker.remove(pointer(blocks[live + n] * 64));
         });
     });
     filled("dump", 1, 2, [](Loop& loop, const std::vector<uintptr_t>&) {

@@ -55,7 +55,7 @@ struct Bare {
     }
     void pass(unsigned changes) {
         char bytes[512];
-        for (unsigned n = 0; n < 2 * changes; n++) {
+        for (unsigned n = 0; n < 2 * changes; ++n) {
             fd_set ready = kept, write_ready, except_ready;
             FD_ZERO(&write_ready);
             FD_ZERO(&except_ready);

@@ -56,7 +56,7 @@ struct Chain {
 
     // Watches `watched` descriptors, of which the first `active` carry the byte.
     Chain(Loop& measured, unsigned watched, unsigned active) : loop(measured), links(watched) {
-        for (unsigned n = 0; n < watched; n++) {
+        for (unsigned n = 0; n < watched; ++n) {
             links[n].chain = this;
             links[n].at = n < active ? n : watched;
         }
@@ -82,7 +82,7 @@ inline std::vector<unsigned> numbers(unsigned count, Order order) {
     std::iota(all.begin(), all.end(), 0);
     if (order == Order::kDescending) std::reverse(all.begin(), all.end());
     Random random;
-    for (unsigned n = count; order == Order::kRandom && n > 1; n--) {
+    for (unsigned n = count; order == Order::kRandom && n > 1; --n) {
         std::swap(all[n - 1], all[random() % n]);
     }
     return all;
@@ -97,10 +97,10 @@ void add_and_delete(Loop& loop, Peer& peer, unsigned count, Order order) {
     const std::vector<unsigned> deadlines = numbers(count, order);
     const std::vector<unsigned> victims = numbers(count, order);
     loop.each([&] {
-        for (unsigned n = 0; n < count; n++) {
+        for (unsigned n = 0; n < count; ++n) {
             timers[n].arm(peer, 100000 + 10 * deadlines[n], {nothing, &timers[n]});
         }
-        for (unsigned n = 0; n < count; n++) timers[victims[n]].disarm(peer);
+        for (unsigned n = 0; n < count; ++n) timers[victims[n]].disarm(peer);
     });
 }
 
@@ -177,7 +177,7 @@ struct Changes {
     void work() {
         peer.pass(1);
         loop.each([&] {
-            for (unsigned n = 0; n < in_a_burst; n++) peer.change(writes = !writes);
+            for (unsigned n = 0; n < in_a_burst; ++n) peer.change(writes = !writes);
             peer.pass(in_a_burst);
         });
     }
@@ -246,7 +246,7 @@ void posts(Loop& loop) {
         if (phase == nullptr || phase == &outside) return;
         const unsigned burst = outside.ending ? 1 : FromOutside<Peer>::kBurst;
         outside.left = burst;
-        for (unsigned n = 0; n < burst; n++) outside.peer->post(outside.arrival());
+        for (unsigned n = 0; n < burst; ++n) outside.peer->post(outside.arrival());
     });
 }
 

@@ -36,7 +36,7 @@ struct Tessra {
         event_fd_add_mc(ctx, on_fd, hooks.back().get(), last_fd, type);
     }
     void pass(unsigned changes) {
-        for (unsigned n = 0; n < 2 * changes; n++) (void)do_events_mc(ctx, 0);
+        for (unsigned n = 0; n < 2 * changes; ++n) (void)do_events_mc(ctx, 0);
     }
     void inside(Hook hook) {
         struct Inside {

@@ -38,7 +38,7 @@ static FILE* out;
 /* Counts each instruction by itself, so that a block that is left early counts as far as it ran. */
 static void on_translation(plugin_id id, struct qemu_plugin_tb* block) {
     (void)id;
-    for (size_t n = 0; n < qemu_plugin_tb_n_insns(block); n++) {
+    for (size_t n = 0; n < qemu_plugin_tb_n_insns(block); ++n) {
         qemu_plugin_register_vcpu_insn_exec_inline(qemu_plugin_tb_get_insn(block, n), ADD,
                                                    &executed, 1);
     }

@@ -44,7 +44,7 @@ struct Tree {
         std::string data(size < kChunk ? size : kChunk, 0);
         Random random;
         for (char& c : data) c = char(random());
-        for (unsigned n = 0; n < count; n++) {
+        for (unsigned n = 0; n < count; ++n) {
             files.push_back("file" + std::to_string(n));
             const auto path = folder / files.back();
             if (std::filesystem::exists(path) && std::filesystem::file_size(path) == size) continue;
@@ -78,7 +78,7 @@ void write_bare(const Tree& tree, int out) {
         stat((tree.folder / file).c_str(), &status);
         sizes.push_back(status.st_size);
     }
-    for (size_t n = 0; n < sizes.size(); n++) {
+    for (size_t n = 0; n < sizes.size(); ++n) {
         put(30), put(tree.files[n].size());
         if (zip64) put(20);
         if (sizes[n] != 0) {
