@@ -33,7 +33,7 @@ static int expected(const uint8_t* data, size_t size, bool with_v6, std::string&
                             memchr(data + NS_HFIXEDSZ, 0, size - NS_HFIXEDSZ) == data + end;
     const uint8_t* owner = data + end + 1 + NS_QFIXEDSZ;
     if (ns_msg_count(message, ns_s_qd) != 1 || !plain_name) return kUnknown;
-    for (int n = 0; n < ns_msg_count(message, ns_s_an); n++) {
+    for (int n = 0; n < ns_msg_count(message, ns_s_an); ++n) {
         ns_rr record;
         if (ns_parserr(&message, ns_s_an, n, &record) != 0) return kUnknown;
         if (!is_clear_owner(owner, record)) return kUnknown;

@@ -88,7 +88,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) return 0;
     sizes = data[0];
     std::vector<std::string> texts(1);
-    for (size_t n = 1; n < size; n++) {
+    for (size_t n = 1; n < size; ++n) {
         if (data[n] == 0)
             texts.emplace_back();
         else
@@ -97,7 +97,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (texts.size() < 3) return 0;
     Model model;
     std::vector<const char*> files;
-    for (size_t n = 2; n < texts.size(); n++) {
+    for (size_t n = 2; n < texts.size(); ++n) {
         files.push_back(texts[n].c_str());
         if (model.error == 0) model.add(texts[n], texts[0], texts[1]);
     }
@@ -110,7 +110,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Sink sink;
     if (model.archive() < 1 << 20 && sizes < 128) {
         check(szip_stream_zip(plan, take, &sink, 64) == 1 && sink.count == model.archive());
-        for (size_t n = 0; n < count; n++) {  // Header, name, descriptor of an empty file.
+        for (size_t n = 0; n < count; ++n) {  // Header, name, descriptor of an empty file.
             check(sink.pieces[3 * n + 1] == model.names[n]);
             check(sink.pieces[3 * count + 2 * n + 1] == model.names[n]);
         }

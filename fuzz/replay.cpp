@@ -6,7 +6,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 int main(int argc, char** argv) {
-    for (int n = 1; n < argc; n++) {
+    for (int n = 1; n < argc; ++n) {
         FILE* file = fopen(argv[n], "rb");
         std::vector<uint8_t> input(1 << 20);
         if (!file) return perror(argv[n]), 1;

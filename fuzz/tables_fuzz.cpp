@@ -57,7 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             case 1:
                 check(str_hashtable_put(table, strdup(key), value) == value);
                 values.push_back(value);
-                count++;
+                ++count;
                 break;
             case 2:
                 check(str_hashtable_get_index(table, key, index) == expected);
