@@ -44,12 +44,12 @@ TEST(Base64, FastAndSimpleWayDiffer) {
     SCOPED_TRACE(seed);
     std::mt19937 random(seed);
     std::string bytes;
-    for (size_t length = 0; length <= 200; bytes += static_cast<char>(random()), length++) {
+    for (size_t length = 0; length <= 200; bytes += static_cast<char>(random()), ++length) {
         const std::string text = model_encode(bytes);
         ASSERT_TRUE(encodes_like_model(bytes)) << length;
-        for (size_t room = 0; room <= length + 1; room++)
+        for (size_t room = 0; room <= length + 1; ++room)
             ASSERT_TRUE(decodes_like_model(text, room)) << text << ' ' << room;
-        for (size_t place = 0; place < text.size(); place++) {
+        for (size_t place = 0; place < text.size(); ++place) {
             ASSERT_TRUE(decodes_like_model(text.substr(0, place), length)) << text << ' ' << place;
             for (const char bad : {'=', '-', '\0', '\n', static_cast<char>(random())}) {
                 std::string changed = text;

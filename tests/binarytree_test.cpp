@@ -40,7 +40,7 @@ void expect_tree(BinaryTree* tree, const Model& model) {
     size_t used = 0;
     void** array = BT_toarray(tree, &slots);
     ASSERT_EQ((1u << check(tree->root, nullptr, array, 0)) - 1, slots);
-    for (size_t i = 0; i < slots; i++) used += array[2 * i] || array[2 * i + 1];
+    for (size_t i = 0; i < slots; ++i) used += array[2 * i] || array[2 * i + 1];
     ASSERT_TRUE(used == model.size() && tree->itemcount == used);
     free(array);
     LinkedList *keys = BT_keys(tree), *values = BT_values(tree), *pairs = BT_pairs(tree);
@@ -62,7 +62,7 @@ TEST(BinaryTree, ArrayOrListsDifferFromTheTree) {
     BinaryTree* tree = BT_create(compare);
     BinaryTreeEnum* cursor = BT_newenum(tree);
     Model model;
-    for (int step = 0; step < 2000 && !testing::Test::HasFailure(); step++) {
+    for (int step = 0; step < 2000 && !testing::Test::HasFailure(); ++step) {
         void *key = number(1 + random() % 60), *data = number(random() % 4);
         if (random() % 64 > model.size()) {
             EXPECT_EQ(model.emplace(key, data).second, BT_insert(tree, key, data));
@@ -73,7 +73,7 @@ TEST(BinaryTree, ArrayOrListsDifferFromTheTree) {
         expect_tree(tree, model);
         auto at = model.rbegin();
         BT_reset(cursor);
-        for (void* got = BT_end(cursor); at != model.rend(); got = BT_previous(cursor), at++)
+        for (void* got = BT_end(cursor); at != model.rend(); got = BT_previous(cursor), ++at)
             ASSERT_EQ(at->second, got);
         ASSERT_EQ(nullptr, cursor->curnode);
     }
@@ -108,7 +108,7 @@ void by_building_blocks(BinaryTree* tree, void* key) {
     BinaryTreeNode *node = findinsertionpoint(tree, key, &side), *below;
     if (side) {
         (side < 0 ? node->left : node->right) = createnode(node, key, key);
-        tree->itemcount++;
+        ++tree->itemcount;
         return balanceup(tree, node);
     }
     for (; (below = findreplacement(node)) != node; node = below) swapnodes(node, below);
@@ -121,11 +121,11 @@ using Change = void (*)(BinaryTreeNode*);
 // What an insertion or removal makes of a tree whose node n is changed by hand, for each key.
 std::string changed(const Order& order, Change change, size_t n, bool by_blocks) {
     std::string shapes;
-    for (uintptr_t key = 1; key <= 2 * order.size() + 1; key++) {
+    for (uintptr_t key = 1; key <= 2 * order.size() + 1; ++key) {
         BinaryTree* tree = BT_create(compare);
         for (uintptr_t each : order) BT_insert(tree, number(2 * each), nullptr);
         BinaryTreeNode* node = leftmost(tree);
-        for (size_t i = 0; i < n; i++) node = inordernext(node);
+        for (size_t i = 0; i < n; ++i) node = inordernext(node);
         change(node);
         (by_blocks ? by_building_blocks : insert_or_remove)(tree, number(key));
         shapes += shape_of(tree->root) + std::to_string(tree->itemcount) + '\n';
@@ -142,7 +142,7 @@ TEST(BinaryTree, ChangeByHandIsLeftUnbalanced) {
         [](BinaryTreeNode* node) {
             if (node->right) return;
             void* key = number(reinterpret_cast<uintptr_t>(node->key) - 1);
-            for (int n = 0; n < 2; n++, node = node->right)
+            for (int n = 0; n < 2; ++n, node = node->right)
                 node->right = createnode(node, key, key);
         }};
     std::map<std::string, Order> orders;
@@ -159,7 +159,7 @@ TEST(BinaryTree, ChangeByHandIsLeftUnbalanced) {
             std::vector<std::string> seen[2];
             for (const bool by_blocks : {false, true})
                 for (const auto& [shape, each] : orders)
-                    for (size_t n = 0; n < 7; n++)
+                    for (size_t n = 0; n < 7; ++n)
                         seen[by_blocks].push_back(shape + changed(each, change, n, by_blocks));
             EXPECT_EQ(seen[true], seen[false]);
         });

@@ -43,7 +43,7 @@ static int held[2];   // The pipe whose closing the child waits for.
 
 // The loop ends once all handlers have been called. Only the default one sees the child.
 static void called(const void* letter) {
-    calls[(int)*(const char*)letter]++;
+    ++calls[(int)*(const char*)letter];
     if (calls['t'] && calls['f'] && calls['s'] && (context || calls['c'])) OF_LOOP(cancel_loop);
 }
 
@@ -125,7 +125,7 @@ static void test_dns(void) {
     text = name2string(wire);
     CHECK(text && strcmp(text, name) == 0);
     free(text);
-    for (int v6 = 0; v6 < 2; v6++) {
+    for (int v6 = 0; v6 < 2; ++v6) {
         CHECK(dns_build_request(message, name, 1, 1, 7) == 22 && read16(message) == 7);
         CHECK(write16(message + 6, 1) == 2);
         memcpy(message + 22, answer, sizeof answer);
@@ -176,7 +176,7 @@ static void test_list_and_tree_of_pointers(void) {
     char* letters[] = {c, f, s, t, x};
     BinaryTree* tree = BT_create(by_text);
     BinaryTreeEnum* cursor = BT_newenum(tree);
-    for (int n = 0; n < 5; n++) CHECK(BT_insert(tree, letters[n], letters[n]) == 1);
+    for (int n = 0; n < 5; ++n) CHECK(BT_insert(tree, letters[n], letters[n]) == 1);
     LinkedList *keys = BT_keys(tree), *values = BT_values(tree), *pairs = BT_pairs(tree);
     LinkedListEnum* walk = LL_newenum(keys);
     void **array = BT_toarray(tree, NULL), **pair;
@@ -228,7 +228,7 @@ static void test_tables(void) {
     hashtable_t *ht = hashtable_alloc(3), *own = hashtable_alloc(3);
     list_t values;
     int sum = 0;
-    for (unsigned n = 0; n < 5; n++) {
+    for (unsigned n = 0; n < 5; ++n) {
         CHECK(str_hashtable_put(ht, strdup("key"), strdup("key")));
         hashtable_put(own, n % 2, malloc(sizeof(hashlist_t)));
     }
@@ -274,10 +274,10 @@ static void test_memchk(void) {
                       memchk_n_dup("ab", 1, here, 2), MEMCHK_STRNDUP("a", SIZE_MAX)};
     CHECK(!strcmp(blocks[3], "a") && !MEMCHK_CALLOC(SIZE_MAX, 1));
     CHECK(p_compare(1, UINTPTR_MAX) == -1 && p_compare(UINTPTR_MAX, 1) == 1 && !p_compare(1, 1));
-    for (int dump = 0; dump < 2; dump++) dump_allocation_tree(7, append);
+    for (int dump = 0; dump < 2; ++dump) dump_allocation_tree(7, append);
     CHECK(strstr(report, " [\t3\tallocations from here\t2\t] "));
     CHECK(strstr(report, " [\t1\tallocations from " __FILE__ "\t"));
-    for (int i = 0; i < 4; i++) memchk_free(blocks[i], here, 3);
+    for (int i = 0; i < 4; ++i) memchk_free(blocks[i], here, 3);
 }
 
 static void test_base64(void) {
@@ -306,7 +306,7 @@ static void test_misc(void) {
 }
 
 static void test_errors(void) {
-    for (int which = 0, status; which < 7; which++) {
+    for (int which = 0, status; which < 7; ++which) {
         if (fork() == 0) {
             close(STDERR_FILENO);
             if (which == 0) errExit("%d", which);

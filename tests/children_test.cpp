@@ -112,7 +112,7 @@ TEST(Children, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
             }
             drive(nullptr, {kSigchld});
             EXPECT_EQ(row.called, trace);
-            for (int n = 0; n < 3; n++)
+            for (int n = 0; n < 3; ++n)
                 EXPECT_EQ(strchr(row.uncollected, 'A' + n) != nullptr, uncollected(pids[n]));
         });
     }
@@ -129,7 +129,7 @@ ISOLATED_TEST(Children, OneOfManyIsMissedOrReportedTwice) {
     static std::mt19937 random(seed);
     const process_handler_t check = [](int pid, void*, int status) {
         EXPECT_EQ(codes[pid], status);
-        reports[pid]++;
+        ++reports[pid];
         return ++reported;
     };
     static Step tick = [] {
@@ -142,7 +142,7 @@ ISOLATED_TEST(Children, OneOfManyIsMissedOrReportedTwice) {
     static Step start = [check] {
         const unsigned life_us = random() % 3000, stops = random() % 3, code = random() % 256;
         const pid_t pid = fork_process([=] {
-            for (unsigned n = 0; n < stops; n++) raise(SIGSTOP);
+            for (unsigned n = 0; n < stops; ++n) raise(SIGSTOP);
             usleep(life_us);
             _exit(static_cast<int>(code));
         });

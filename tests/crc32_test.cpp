@@ -16,7 +16,7 @@ uint32_t crc_by_definition(uint32_t crc, const uint8_t* p, size_t size) {
     crc = ~crc;
     while (size-- > 0) {
         crc ^= *p++;
-        for (int bit = 0; bit < 8; bit++) crc = crc & 1 ? crc >> 1 ^ 0xedb88320 : crc >> 1;
+        for (int bit = 0; bit < 8; ++bit) crc = crc & 1 ? crc >> 1 ^ 0xedb88320 : crc >> 1;
     }
     return ~crc;
 }
@@ -27,11 +27,11 @@ TEST(Crc32, EveryWayGivesTheDefinedValue) {
     std::mt19937 random(seed);
     std::vector<uint8_t> bytes(1100 + 64);
     for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(random());
-    for (size_t offset = 0; offset < 64; offset++) {
+    for (size_t offset = 0; offset < 64; ++offset) {
         const uint8_t* p = bytes.data() + offset;
         const auto start = static_cast<uint32_t>(random());
         uint32_t expected = start;
-        for (size_t size = 0; size <= 1100; size++) {
+        for (size_t size = 0; size <= 1100; ++size) {
             ASSERT_EQ(expected, tessra::calc_crc32(start, p, size)) << size << " at " << offset;
             ASSERT_EQ(expected, ~tessra::crc32_by_tables(~start, p, size)) << size;
             const size_t split = random() % (size + 1);

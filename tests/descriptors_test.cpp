@@ -17,12 +17,12 @@ namespace {
 // Every type against every answer of select().
 ISOLATED_TEST(Descriptors, SetsOrCallsDisagreeWithTheType) {
     static int fd, type, answer, calls;
-    const fd_handler_t count = [](int, void*) { calls++; };
+    const fd_handler_t count = [](int, void*) { ++calls; };
     fd = ready_descriptor();
     fakes.on_select = [](int nfds, fd_set* rset, fd_set* wset, fd_set* eset, timeval*) {
         fd_set* const sets[] = {rset, wset, eset};
         EXPECT_EQ(fd + 1, nfds);  // Whatever the type. The channel's ends are below.
-        for (int n = 0; n < 3; n++) {
+        for (int n = 0; n < 3; ++n) {
             EXPECT_EQ(type >> n & 1, FD_ISSET(fd, sets[n]) != 0) << "set " << n;
             FD_ZERO(sets[n]);
             if (answer >> n & 1) FD_SET(fd, sets[n]);
@@ -32,8 +32,8 @@ ISOLATED_TEST(Descriptors, SetsOrCallsDisagreeWithTheType) {
     };
     ASSERT_EQ(100, dup2(fd, 100));
     fd = 100;
-    for (type = 0; type < 8; type++) {
-        for (answer = 0; answer < 8; answer++) {
+    for (type = 0; type < 8; ++type) {
+        for (answer = 0; answer < 8; ++answer) {
             calls = 0;
             event_fd_add(count, nullptr, fd, type);
             EXPECT_EQ(0, et_event_loop());
@@ -133,21 +133,21 @@ ISOLATED_TEST(Descriptors, CrowdIsCalledInAnotherOrderOrNotAtAll) {
         int bits = 0;
         for (fd_set* set : sets) FD_ZERO(set);
         for (const Watcher& watcher : std::span(watchers, count)) {
-            for (int n = 0; n < 3; n++) {
+            for (int n = 0; n < 3; ++n) {
                 if (!(watcher.answer >> n & 1) || FD_ISSET(watcher.fd, sets[n])) continue;
                 FD_SET(watcher.fd, sets[n]), bits++;
             }
         }
         return bits;
     };
-    for (int seed = 0; seed < 300; seed++) {
+    for (int seed = 0; seed < 300; ++seed) {
         random.seed(static_cast<unsigned>(seed));
         std::shuffle(std::begin(fds), std::end(fds), random);
         count = 30 + random() % 50;
         const size_t idle_for_one = 1 + random() % 20;
         std::string expected;
         trace = "";
-        for (size_t n = 0; n < count; n++) {
+        for (size_t n = 0; n < count; ++n) {
             const int type = static_cast<int>(random() % 8);
             watchers[n] = {fds[n], type, random() % idle_for_one == 0 ? type : 0};
             if (n == 20 && seed % 3 == 0) watchers[n] = {fds[10], type, type};
@@ -199,7 +199,7 @@ ISOLATED_TEST(Descriptors, CrowdIsCalledInAnotherOrderOrNotAtAll) {
 ISOLATED_TEST(Descriptors, ChangeTestsAllOfACrowd) {
     static int tests, passes;
     static std::vector<int> fds;
-    for (int n = 0; n < 400; n++) {
+    for (int n = 0; n < 400; ++n) {
         fds.push_back(ready_descriptor());
         event_fd_add(note_fd, arg("!"), fds.back(), EVENT_FD_EXCEPT);
     }

@@ -188,7 +188,7 @@ TEST(Dns, RequestsDifferOrAreWrittenBeyondTheirBuffer) {
 }
 
 TEST(Dns, FlagsAreOtherBits) {
-    for (unsigned bit = 0; bit < 16; bit++) {
+    for (unsigned bit = 0; bit < 16; ++bit) {
         dns_header_t head = {};
         head.f.raw = static_cast<unsigned short>(1 << bit);
         const auto& flags = head.f.flags;

@@ -36,7 +36,7 @@ pid_t vfork() __THROW { return FAULT_HITS(FAKE_VFORK) ? -1 : fork(); }
         va_list args;                                                \
         va_start(args, sh);                                          \
         char* argv[4] = {const_cast<char*>(sh)};                     \
-        for (int n = 1; n < 4; n++) argv[n] = va_arg(args, char*);   \
+        for (int n = 1; n < 4; ++n) argv[n] = va_arg(args, char*);   \
         char** const env = find_env;                                 \
         va_end(args);                                                \
         return FAULT_HITS(FAKE_EXEC) ? -1 : execve(path, argv, env); \
@@ -213,7 +213,7 @@ int run_command() {
         EXPECT_EQ(before.sa_handler, after.sa_handler) << signal;
     }
     pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
-    for (int signal = 1; signal < 32; signal++)
+    for (int signal = 1; signal < 32; ++signal)
         EXPECT_EQ(signal == SIGUSR2, sigismember(&blocked, signal));
     while (waitpid(-1, nullptr, 0) > 0) {  // After a wait that failed it may still be there.
     }
@@ -366,7 +366,7 @@ void ignore(int, char*, ...) {}
 int track_blocks() {
     char* const block = static_cast<char*>(memchk_calloc(1, 4, __FILE__, 1));
     char* const text = memchk_dup("text", __FILE__, 2);
-    for (int dump = 0; dump < 3; dump++) dump_allocation_tree(0, ignore);
+    for (int dump = 0; dump < 3; ++dump) dump_allocation_tree(0, ignore);
     EXPECT_TRUE((block && text) || errno);
     memchk_free(block, __FILE__, 3);
     memchk_free(text, __FILE__, 3);

@@ -19,13 +19,13 @@ uint32_t hash_again(const std::string& text) {
     static const int kShifts[] = {-13, 8, -13, -12, 16, -5, -3, 10, -15};
     uint32_t word[] = {0x9e3779b9, 0x9e3779b9, 0xdeadbeef};
     const auto mix = [&word] {
-        for (int line = 0; line < 9; line++) {
+        for (int line = 0; line < 9; ++line) {
             const uint32_t y = word[(line + 1) % 3], z = word[(line + 2) % 3];
             const int shift = kShifts[line];
             word[line % 3] = (word[line % 3] - y - z) ^ (shift < 0 ? z >> -shift : z << shift);
         }
     };
-    for (size_t n = 0; n < text.size(); n++) {
+    for (size_t n = 0; n < text.size(); ++n) {
         const size_t at = n % 12;
         const bool beside_length = at >= 8 && n >= text.size() / 12 * 12;
         word[at / 4] += uint32_t(uint8_t(text[n])) << (beside_length ? at - 7 : at % 4) * 8;
@@ -47,7 +47,7 @@ TEST(StrHash, DiffersFromLookup2OrReadsBehindTheString) {
     void* map = mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     char* end = static_cast<char*>(map) + page;
     ASSERT_EQ(0, mprotect(end, page, PROT_NONE));
-    for (size_t round = 0; round < 65 * 16; round++) {
+    for (size_t round = 0; round < 65 * 16; ++round) {
         std::string text(round % 65, 0);
         for (char& c : text) c = char(1 + random() % 255);
         char* at = strcpy(end - round / 65 - text.size() - 1, text.c_str());
@@ -80,7 +80,7 @@ std::string key_of(char letter) {
 // A key for each letter; the values are "1", "2"..., in blocks. f is alone in its bucket.
 hashtable_t* table_of(const char* letters) {
     hashtable_t* ht = hashtable_alloc(3);
-    for (int n = 0; letters[n]; n++)
+    for (int n = 0; letters[n]; ++n)
         str_hashtable_put(ht, strdup(key_of(letters[n]).c_str()), strndup(&"123456"[n], 1));
     return ht;
 }

@@ -104,14 +104,14 @@ ISOLATED_TEST(Free, EndsTheWalkOfItsChildrenFromAChildsHandler) {
         raise(SIGCHLD);
         EXPECT_EQ(0, do_events(0));  // Another child's handler frees it, inside of this one.
     };
-    for (int n = 0; n < 2; n++) event_process_add_mc(own, dead_child(), run_process, &free_it);
+    for (int n = 0; n < 2; ++n) event_process_add_mc(own, dead_child(), run_process, &free_it);
     event_process_add_mc(own, dead_child(), note_process, arg("wrong"));
     const Step sigchld = [] { raise(SIGCHLD); };
     EXPECT_EQ(0, drive(nullptr, {sigchld, sigchld}).result);
     EXPECT_EQ("ff", trace);
     Step fork_it = [&] {
         const pid_t pid = fork_process([&] {
-            for (int n = 0; n < 3; n++) event_process_add(dead_child(), note_process, arg("n"));
+            for (int n = 0; n < 3; ++n) event_process_add(dead_child(), note_process, arg("n"));
             if (drive(nullptr, {sigchld}).result != 0 || trace != "ffnnn") _exit(1);
         });
         EXPECT_EQ(0, status_of(pid));
@@ -274,7 +274,7 @@ ISOLATED_TEST(Fork, ChildHasNoLoopAndWritesToNoChannel) {
     in_handler.acquire();
     Step fork_and_look = [&] {
         const pid_t pid = fork_process([] {
-            fakes.before_message = [](int, size_t) { messages++; };
+            fakes.before_message = [](int, size_t) { ++messages; };
             bool none = is_event_loop_thread() == 0 && do_events(0) == -1;
             event_timer_add(note_timer, nullptr, kHour);
             none &= event_timer_exists(note_timer, nullptr) == 1;
@@ -326,11 +326,11 @@ TEST(Fork, ChildThatReturnsFromAHandlerLeavesThePass) {
             if (do_events(0) == 0 && pid == 0) trace += "x";
         },
         [] {
-            for (int n = 0; n < 2; n++) event_signal_add(run_signal, &fork_it, SIGUSR1);
+            for (int n = 0; n < 2; ++n) event_signal_add(run_signal, &fork_it, SIGUSR1);
             raise(SIGUSR1);
         },
         [] {
-            for (int n = 0; n < 2; n++) event_timer_add(run_timer, &fork_it, 0);
+            for (int n = 0; n < 2; ++n) event_timer_add(run_timer, &fork_it, 0);
         },
         [] {
             for (const pid_t child : dead) event_process_add_mc(own, child, run_process, &fork_it);
@@ -462,7 +462,7 @@ ISOLATED_TEST(StartStop, StopEndsTheLoopThatIsBeingStarted) {
     at_call(FAKE_MKFIFO, [&] { made.release(), begin.acquire(); });
     at_call(FAKE_COND_WAIT, [&] { made.release(); });
     std::thread starter([] { event_loop_async_start(); });
-    for (int n = 0; n < 2; n++) made.acquire();
+    for (int n = 0; n < 2; ++n) made.acquire();
     for (const int call : {FAKE_PTHREAD_JOIN, FAKE_CANCELSTATE})
         at_call(call, [&] { begin.release(); });
     EXPECT_EQ(0, event_loop_async_stop());
@@ -509,7 +509,7 @@ ISOLATED_TEST(StartStop, StopLeavesALaterLoopAlone) {
         step.acquire();
     });
     EXPECT_EQ(0, event_loop_async_stop());
-    for (int n = 0; n < 2; n++) {
+    for (int n = 0; n < 2; ++n) {
         event_timer_add(run_timer, &tell, 0);  // Wakes the loop, which would see a flag of 0.
         step.acquire();
     }

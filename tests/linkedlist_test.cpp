@@ -30,7 +30,7 @@ TEST(LinkedList, ValueIsLostReorderedOrLeakedOrCursorGoesAstray) {
     std::deque<void*> model;
     size_t at = 0;  // 0 is before the first, n on the n-th element.
     const auto value_at = [&](size_t n) { return n ? model[n - 1] : nullptr; };
-    for (int step = 0; step < 40000 && !testing::Test::HasFailure(); step++) {
+    for (int step = 0; step < 40000 && !testing::Test::HasFailure(); ++step) {
         void *expected = nullptr, *got = nullptr;
         const auto action = random() % (model.size() < 9 ? 6 : 5);
         if (action == 0 || action == 5) {
@@ -60,7 +60,7 @@ TEST(LinkedList, ValueIsLostReorderedOrLeakedOrCursorGoesAstray) {
         ASSERT_EQ(expected, got) << step;
         expect_list(list, model);
         const LinkedListElement* element = at ? list->head : nullptr;
-        for (size_t n = 1; n < at; n++) element = element->next;
+        for (size_t n = 1; n < at; ++n) element = element->next;
         ASSERT_EQ(element, cursor->current) << step;
     }
     LL_push(list, nullptr);

@@ -49,12 +49,12 @@ ISOLATED_TEST(Pass, PhasesRunOutOfOrderOrAreCutShort) {
 }
 
 void change(int count) {
-    for (int n = 0; n < count; n++) event_fd_del(777);
+    for (int n = 0; n < count; ++n) event_fd_del(777);
 }
 
 ISOLATED_TEST(Loop, ChangeDoesNotWakeItOrWakesItTwice) {
     static Step nest = [] {
-        for (int n = 0; n < 3; n++) EXPECT_EQ(0, do_events(1000));
+        for (int n = 0; n < 3; ++n) EXPECT_EQ(0, do_events(1000));
     };
     Pipe quiet;
     const struct {
@@ -240,7 +240,7 @@ ISOLATED_TEST(Descriptors, OneIsInheritedOrLeftOpen) {
         free(list);
         return text;
     };
-    for (int fd = 3; fd < 60; fd++) fcntl(fd, F_SETFD, FD_CLOEXEC);  // The test's own.
+    for (int fd = 3; fd < 60; ++fd) fcntl(fd, F_SETFD, FD_CLOEXEC);  // The test's own.
     char name[] = "/tmp/tessra-inherit-XXXXXX";
     close(mkstemp(name));
     std::ofstream(name) << "0123456789";
@@ -272,7 +272,7 @@ ISOLATED_TEST(Descriptors, OneIsInheritedOrLeftOpen) {
     szip_info_t* const plan = szip_create_info(files, 1, "/", "/");
     const int null = open("/dev/null", O_WRONLY);
     const int rounds = sizeof(void*) == 4 ? 400 : 1000;  // An emulator takes its time.
-    for (int round = 0; round < rounds; round++) {
+    for (int round = 0; round < rounds; ++round) {
         EXPECT_EQ(0, drive(own).result);
         EXPECT_EQ(1, szip_stream_zip_fd(null, plan, 100));
         EXPECT_EQ(0, event_system(":"));
@@ -358,7 +358,7 @@ ISOLATED_TEST(NestedPass, RunsOutsideTheLoopOrInsideAnother) {
             EXPECT_EQ(0, do_events(0));
             cancel_loop();
         }
-        depth--;
+        --depth;
     };
     refused();
     set_clock(1000);

@@ -86,7 +86,7 @@ void compare_with_model(int first_round) {
     std::map<int, std::pair<int, unsigned>> live, noted, excused;
     const auto work = [&](unsigned thread_seed) {
         std::mt19937 random(thread_seed);
-        for (int i = 0; i < 20; i++) {
+        for (int i = 0; i < 20; ++i) {
             const int place = int(random() % 64), name = int(random() % 3);
             const unsigned line = unsigned(random() % 3);
             std::lock_guard lock(mutex);
@@ -96,13 +96,13 @@ void compare_with_model(int first_round) {
                 remove(place), live.erase(place);
         }
     };
-    for (int round = 0; round < 20; round++) {
+    for (int round = 0; round < 20; ++round) {
         std::vector<std::thread> threads;
-        for (int t = 0; t < (round < first_round ? 0 : 3); t++) threads.emplace_back(work, seed++);
+        for (int t = 0; t < (round < first_round ? 0 : 3); ++t) threads.emplace_back(work, seed++);
         for (std::thread& thread : threads) thread.join();
         std::map<std::pair<int, unsigned>, unsigned, std::greater<>> groups;
         for (const auto& [place, site] : live)
-            if (noted.count(place) && !excused.count(place)) groups[site]++;
+            if (noted.count(place) && !excused.count(place)) ++groups[site];
         std::string expected;
         for (const auto& [site, count] : groups)
             expected += listed(count, names[site.first], site.second);
@@ -135,10 +135,10 @@ ISOLATED_TEST(Memchk, Wrappers) {
     EXPECT_EQ(std::string(15, 0), std::string(copies[0], 15));
     text[0] = 'n';
     const char* expected[] = {"", "text", "text", "te", ""};
-    for (int i = 0; i < 5; i++) EXPECT_STREQ(expected[i], copies[i]);
+    for (int i = 0; i < 5; ++i) EXPECT_STREQ(expected[i], copies[i]);
     dump();
     EXPECT_EQ(listed(4, "a.c", 2) + listed(1, "a.c", 1), dump());
-    for (int i = 1; i < 5; i++) memchk_free(copies[i], nullptr, 0);
+    for (int i = 1; i < 5; ++i) memchk_free(copies[i], nullptr, 0);
     free(copies[0]);  // Behind the tracker's back.
     EXPECT_EQ(listed(1, "a.c", 1), dump());
 }

@@ -145,7 +145,7 @@ const char* strerrorname_np(int) { return nullptr; }
 TEST(Errors, NameOrErrnoIsWrong) {
     if (!strerrorname_np(EPERM)) GTEST_SKIP() << "a C library that doesn't know them";
     std::string expected;
-    for (int n = -1; n <= 135; n++) {
+    for (int n = -1; n <= 135; ++n) {
         const char* known = n > 0 && n < 134 ? strerrorname_np(n) : "?UNKNOWN?";
         std::string name = known ? known : "";
         name += n == EAGAIN ? "/EWOULDBLOCK" : n == EDEADLK ? "/EDEADLOCK" : "";
@@ -153,7 +153,7 @@ TEST(Errors, NameOrErrnoIsWrong) {
         expected += "ERROR [" + name + ' ' + strerror(n) + "] number " + std::to_string(n) + '\n';
     }
     const ChildEnd end = run_child([] {
-        for (int n = -1; n <= 136; n++) {
+        for (int n = -1; n <= 136; ++n) {
             if (n == 136) close(STDERR_FILENO);
             errno = n;
             errMsg("number %d", n);
@@ -259,7 +259,7 @@ void limit_descriptors(rlim_t limit) {
 // Closes the first descriptors, and sets a limit, which is gone at the exit: sanitizers want a few.
 void leave_descriptors(int closed, rlim_t limit) {
     atexit([] { limit_descriptors(1024); });
-    for (int fd = 0; fd < closed; fd++) close(fd);
+    for (int fd = 0; fd < closed; ++fd) close(fd);
     limit_descriptors(limit);
 }
 
@@ -277,7 +277,7 @@ TEST(PidFile, StandardNumberIsNeverTaken) {
     const ChildEnd last = run_child([&] {
         leave_descriptors(4, 4);
         EXPECT_EQ(3, createPidFile("", file.name(), 0));
-        for (int fd = 0; fd < 3; fd++) EXPECT_EQ(-1, fcntl(fd, F_GETFD));
+        for (int fd = 0; fd < 3; ++fd) EXPECT_EQ(-1, fcntl(fd, F_GETFD));
     });
     EXPECT_TRUE(last.completed);
 }

@@ -18,14 +18,14 @@ struct Record {
 TEST(List, WalkFollowsTheEntryThatItsBodyFreed) {
     list_t head;
     list_init(&head);
-    for (int n = 0; n < 3; n++) list_add_tail(&head, &(new Record)->node);
+    for (int n = 0; n < 3; ++n) list_add_tail(&head, &(new Record)->node);
     list_t *outer, *inner;
     int visits = 0, inner_visits = 0;
     dll_foreach(outer, &head) {
-        dll_foreach(inner, &head) inner_visits++;
+        dll_foreach(inner, &head) ++inner_visits;
         list_delete(outer);
         delete reinterpret_cast<Record*>(outer);
-        visits++;
+        ++visits;
     }
     EXPECT_EQ(3, visits);
     EXPECT_EQ(3 + 2 + 1, inner_visits);
@@ -65,14 +65,14 @@ ISOLATED_TEST(RecursiveMutex, ContendingThreadsOverlapOrDeadlock) {
     recursive_mutex lock = RECURSIVE_MUTEX_INITIALIZER;
     long total = 0;
     std::vector<std::thread> threads;
-    for (int n = 0; n < 4; n++) {
+    for (int n = 0; n < 4; ++n) {
         threads.emplace_back([&] {
-            for (int round = 0; round < 5000; round++) {
+            for (int round = 0; round < 5000; ++round) {
                 recursive_mutex_lock(&lock);
                 recursive_mutex_lock(&lock);
-                total++;
+                ++total;
                 recursive_mutex_unlock(&lock);
-                total++;
+                ++total;
                 recursive_mutex_unlock(&lock);
             }
         });

@@ -40,7 +40,7 @@ ISOLATED_TEST(Signals, NumberOutOfRangeIsRegistered) {
         EXPECT_EQ(signal, info->si_signo);
         seen.push_back(signal);
     };
-    for (int signal = 1; signal <= 31; signal++) {
+    for (int signal = 1; signal <= 31; ++signal) {
         if (signal == SIGKILL || signal == SIGSTOP) continue;
         expected.push_back(signal);
         event_signal_add(note, nullptr, signal);
@@ -78,7 +78,7 @@ ISOLATED_TEST(Signals, FullChannelTearsOrLosesMessagesOrChangesErrno) {
     static std::string late;
     event_signal_add(
         [](int signal, siginfo_t* info, void*) {
-            delivered++;
+            ++delivered;
             torn += !intact(info, signal, signal);
         },
         nullptr, SIGUSR1);
@@ -89,8 +89,8 @@ ISOLATED_TEST(Signals, FullChannelTearsOrLosesMessagesOrChangesErrno) {
     event_signal_add(note, nullptr, SIGUSR2);
     const Step flood = [] {
         errno = 77;
-        for (int n = 0; n < 1000; n++) queue_signal(SIGUSR1, SIGUSR1);
-        for (int value = 3; value < 5; value++) queue_signal(SIGUSR2, value);
+        for (int n = 0; n < 1000; ++n) queue_signal(SIGUSR1, SIGUSR1);
+        for (int value = 3; value < 5; ++value) queue_signal(SIGUSR2, value);
         EXPECT_EQ(77, errno);
     };
     drive(nullptr, {flood});
@@ -119,10 +119,10 @@ void storm_over_a_full_channel() {
     static unsigned awaited;
     static std::atomic<bool> shrunk;
     static const auto send_all = [](int n) {
-        for (int step = 1; step < 32; step++) {
+        for (int step = 1; step < 32; ++step) {
             const int signal = n ? 32 - step : step;
             if (!(kCatchable >> signal & 1)) continue;
-            sent[signal]++;
+            ++sent[signal];
             queue_signal(signal, signal);
         }
     };
@@ -133,18 +133,18 @@ void storm_over_a_full_channel() {
         if (round == kRounds) return cancel_loop();
         event_fd_del(777);  // The first message, before the senders fill what is to shrink.
         bursts = 0;
-        round++;
+        ++round;
         while (bursts < kSenders) std::this_thread::yield();
-        for (int n = 0; n < (round % 8 ? round % 50 : 4200); n++) event_fd_del(777);
+        for (int n = 0; n < (round % 8 ? round % 50 : 4200); ++n) event_fd_del(777);
         awaited = kCatchable;
         send_all(0);
     };
-    for (int signal = 1; signal < 32; signal++) {
+    for (int signal = 1; signal < 32; ++signal) {
         if (!(kCatchable >> signal & 1)) continue;
         event_signal_add(
             [](int number, siginfo_t* info, void*) {
                 torn += !intact(info, number, number);
-                delivered[number]++;
+                ++delivered[number];
                 const unsigned before = awaited;
                 awaited &= ~(1u << number);
                 if (before != 0 && awaited == 0) event_timer_add(next_round, nullptr, 0);
@@ -153,21 +153,21 @@ void storm_over_a_full_channel() {
     }
     event_timer_add(next_round, nullptr, 0);
     std::vector<std::thread> senders;
-    for (int n = 0; n < kSenders; n++)
+    for (int n = 0; n < kSenders; ++n)
         senders.emplace_back([n] {
             for (int seen = 0; seen < kRounds; std::this_thread::yield()) {
                 queue_signal(0, 0);
                 if (seen == round) continue;
                 seen = round;
-                for (int burst = 0; burst < 3; burst++) send_all(n);
-                bursts++;
+                for (int burst = 0; burst < 3; ++burst) send_all(n);
+                ++bursts;
             }
         });
     EXPECT_EQ(0, et_event_loop());
     for (std::thread& sender : senders) sender.join();
     EXPECT_EQ(kRounds, round);
     EXPECT_EQ(0, torn);
-    for (int signal = 1; signal < 32; signal++) EXPECT_LE(delivered[signal], sent[signal]);
+    for (int signal = 1; signal < 32; ++signal) EXPECT_LE(delivered[signal], sent[signal]);
 }
 
 // A signal waits for the pass under way and for earlier signals, whatever has changed before it.
@@ -175,14 +175,14 @@ ISOLATED_TEST(Signals, NoneWaitsBehindWakeUps) {
     static size_t first;
     static int before, handled;
     static Step raise_all = [] {
-        for (int n = 0; n < before; n++) event_timer_del(note_timer, nullptr);
+        for (int n = 0; n < before; ++n) event_timer_del(note_timer, nullptr);
         first = selects() + 1;
-        for (int value = 0; value < 400; value++) queue_signal(SIGUSR1, value);
+        for (int value = 0; value < 400; ++value) queue_signal(SIGUSR1, value);
     };
     const signal_handler_t in_order = [](int, siginfo_t* info, void*) {
         EXPECT_EQ(handled, info->si_value.sival_int);
         EXPECT_EQ(first + static_cast<size_t>(handled++), selects());
-        for (int n = 0; n < 9; n++) event_timer_del(note_timer, nullptr);
+        for (int n = 0; n < 9; ++n) event_timer_del(note_timer, nullptr);
     };
     for (const int changes : {0, 10, 1000, 50000}) {
         SCOPED_TRACE(before = changes);
@@ -198,14 +198,14 @@ ISOLATED_TEST(Signals, NoneWaitsBehindWakeUps) {
 ISOLATED_TEST(Signals, KeptOnesTakeTurns) {
     static int turns;
     const signal_handler_t refill = [](int, siginfo_t*, void*) {
-        for (int n = 0; n < 40; n++) raise(SIGHUP);
+        for (int n = 0; n < 40; ++n) raise(SIGHUP);
         if (++turns == 3000) cancel_loop();
     };
     const signal_handler_t end = [](int, siginfo_t*, void*) { cancel_loop(); };
     event_signal_add(refill, nullptr, SIGHUP);
     event_signal_add(end, nullptr, SIGTERM);
     drive(nullptr, {[] {
-              for (int n = 0; n < 1000; n++) raise(SIGHUP);
+              for (int n = 0; n < 1000; ++n) raise(SIGHUP);
               raise(SIGTERM);
           }});
     EXPECT_LT(turns, 100);
@@ -249,7 +249,7 @@ ISOLATED_TEST(Signals, WriterMeetsAClosedChannelOrKeepsTheLock) {
         if (!running || writing.exchange(true)) return;
         struct stat before = {}, after = {};
         fstat(fd, &before);
-        for (int n = 0; n < 20000 && !ended; n++) sched_yield();
+        for (int n = 0; n < 20000 && !ended; ++n) sched_yield();
         same_channel = fstat(fd, &after) == 0 && after.st_ino == before.st_ino && found != -1;
     };
     const Step writers[] = {[] { raise(SIGUSR1); },

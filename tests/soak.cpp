@@ -78,7 +78,7 @@ void on_timer(void* arg) {
     auto* const timer = static_cast<Timer*>(arg);
     const int before = timer->state.exchange(Timer::kFired);
     check(before == Timer::kArmed || before == Timer::kDeleted, "a timer fires again");
-    figures->timers++;
+    ++figures->timers;
     act(timer->context);
 }
 
@@ -138,12 +138,12 @@ void on_signal(int signal, siginfo_t* info, void* arg) {
               value >= 0 && value < sent_signals && signal == (value % 2 ? SIGUSR1 : SIGUSR2),
           "a signal that nobody sent");
     check(delivered[context][value]++ == 0, "a signal twice");
-    figures->signals++;
+    ++figures->signals;
     act(context);
 }
 
 bool everywhere(int value) {
-    for (int n = 0; n < kContexts; n++)
+    for (int n = 0; n < kContexts; ++n)
         if (is_steady(n) && !delivered[n][value]) return false;
     return true;
 }
@@ -163,9 +163,9 @@ void await_signal(int value) {
     for (; !everywhere(value); usleep(100)) {
         let_signals_in();
         if (time(nullptr) < end) continue;
-        for (int context = 0; context < kContexts; context++) {
+        for (int context = 0; context < kContexts; ++context) {
             int newest = -1, count = 0;
-            for (int each = 0; each < sent_signals; each++)
+            for (int each = 0; each < sent_signals; ++each)
                 if (delivered[context][each]) newest = each, count++;
             fprintf(stderr, "context %d: signal %d of %d came %d times; %d came, the newest %d\n",
                     context, value, sent_signals.load(), int(delivered[context][value]), count,
@@ -195,7 +195,7 @@ int on_child(int pid, void* arg, int status) {
     auto* const child = static_cast<Child*>(arg);
     check(child->pid == pid && status == child->code << 8, "a child with another's status");
     check(child->reports++ == 0, "a child is reported twice");
-    figures->children++;
+    ++figures->children;
     return 0;
 }
 
@@ -222,7 +222,7 @@ std::mutex one_command;
 void run_command() {
     const std::lock_guard<std::mutex> lock(one_command);
     check(event_system("exit %d", 5) == 5 << 8, "a command's status");
-    figures->commands++;
+    ++figures->commands;
 }
 
 void run_own_context() {
@@ -232,7 +232,7 @@ void run_own_context() {
         below(2));
     check(et_event_loop_mc(own) == 0, "a context of its own runs");
     event_mc_free(own);
-    figures->contexts++;
+    ++figures->contexts;
 }
 
 /** A thread of random operations, with what belongs to it. */
@@ -249,13 +249,13 @@ struct Worker {
             event_fd_add_mc(contexts[it.context], on_byte, &it, it.ends[0], EVENT_FD_READ);
         } else if (below(3)) {
             check(write(it.ends[1], "x", 1) == 1, "write");
-            it.sent++;
+            ++it.sent;
         } else {
             event_fd_del_mc(contexts[it.context], it.ends[0]);
             it.dead = true;
             it.live = false;
             char byte;
-            while (read(it.ends[0], &byte, 1) == 1) it.got++;
+            while (read(it.ends[0], &byte, 1) == 1) ++it.got;
             check(it.got == it.sent, "a byte is lost");
         }
     }
@@ -291,9 +291,9 @@ struct Worker {
                 event_signal_del_mc(contexts[other], SIGHUP);
     }
     void run() {
-        for (int n = 0; n < kOperations; n++) {
+        for (int n = 0; n < kOperations; ++n) {
             operate();
-            figures->operations++;
+            ++figures->operations;
             if (n % kBetweenSyncs != 0) continue;
             const int last = send_signal();
             await_signal(last);
@@ -319,7 +319,7 @@ void run_context(int n, unsigned seed) {
     random_numbers.seed(seed);
     while (!stopping) {
         check(et_event_loop_mc(contexts[n]) == 0, "a loop starts");
-        figures->restarts++;
+        ++figures->restarts;
     }
 }
 
@@ -328,16 +328,16 @@ void restart_default(unsigned seed, const std::atomic<bool>& done) {
     while (!done) {
         check(event_loop_async_start() == 0, "the default loop starts");
         event_fd_add(on_byte, nullptr, STDIN_FILENO, EVENT_FD_EXCEPT);
-        event_timer_add([](void*) { figures->timers++; }, nullptr, below(2));
+        event_timer_add([](void*) { ++figures->timers; }, nullptr, below(2));
         usleep(below(1000));
         check(event_loop_async_stop() == 0, "the default loop stops");
-        figures->restarts++;
+        ++figures->restarts;
     }
 }
 
 int descriptors() {
     int count = 0;
-    for (int fd = 0; fd < 256; fd++) count += fcntl(fd, F_GETFD) != -1;
+    for (int fd = 0; fd < 256; ++fd) count += fcntl(fd, F_GETFD) != -1;
     return count;
 }
 
@@ -349,7 +349,7 @@ void run_round(unsigned seed) {
     const int descriptors_before = descriptors();
     default_is_steady = seed % 2 == 0;
     std::vector<std::thread> threads;
-    for (int n = 0; n < kContexts; n++) {
+    for (int n = 0; n < kContexts; ++n) {
         if (n) contexts[n] = event_mc_init();
         for (const int signal : {SIGUSR1, SIGUSR2})
             if (n || default_is_steady)
@@ -357,7 +357,7 @@ void run_round(unsigned seed) {
                                         reinterpret_cast<void*>(intptr_t{n}), signal)
                   : event_signal_add(on_signal, nullptr, signal);
         // In every other round many are idle, so that those that are ready are looked up.
-        for (int idle = 0; n && seed % 4 < 2 && idle < 40; idle++)
+        for (int idle = 0; n && seed % 4 < 2 && idle < 40; ++idle)
             event_fd_add_mc(contexts[n], on_byte, nullptr, idle_fds[idle], EVENT_FD_EXCEPT);
         if (n) threads.emplace_back(run_context, n, seed + static_cast<unsigned>(n));
     }
@@ -377,7 +377,7 @@ void run_round(unsigned seed) {
         std::atomic<bool> done{false};
         std::thread restarter;
         if (!default_is_steady) restarter = std::thread([&] { restart_default(seed, done); });
-        for (unsigned n = 0; n < kWorkers; n++)
+        for (unsigned n = 0; n < kWorkers; ++n)
             working.emplace_back([n, seed, &workers] {
                 random_numbers.seed(seed * 16 + n);
                 workers[n].run();
@@ -386,9 +386,9 @@ void run_round(unsigned seed) {
         for (Worker& worker : workers) worker.finish();
         done = true;
         if (restarter.joinable()) restarter.join();
-        for (int value = 0; value < sent_signals; value++) await_signal(value);
+        for (int value = 0; value < sent_signals; ++value) await_signal(value);
         stopping = true;
-        for (int n = 1; n < kContexts; n++) {
+        for (int n = 1; n < kContexts; ++n) {
             std::atomic<bool> ended{false};
             std::thread canceller([&] {
                 while (!ended) cancel_loop_mc(contexts[n]), usleep(100);
@@ -414,7 +414,7 @@ int main(int argc, char** argv) {
         mmap(nullptr, sizeof(Figures), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     printf("seed %u\n", first);
     fflush(stdout);
-    for (unsigned seed = first;; seed++) {
+    for (unsigned seed = first;; ++seed) {
         const pid_t pid = fork();
         if (pid == 0) run_round(seed), exit(0);
         int status = 0;
@@ -423,7 +423,7 @@ int main(int argc, char** argv) {
             printf("finding in the round of seed %u, wait status %d\n", seed, status);
             return 1;
         }
-        figures->rounds++;
+        ++figures->rounds;
         if (time(nullptr) >= end && (argc < 2 || atoi(argv[1]) == 0 || seed != first)) break;
     }
     printf(

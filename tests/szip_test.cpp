@@ -87,7 +87,7 @@ struct Sink {
 std::string record(const char* widths, std::initializer_list<uint64_t> values) {
     std::string bytes;
     for (const uint64_t value : values)
-        for (int i = 0, width = *widths++ - '0'; i < width; i++) bytes += char(value >> 8 * i);
+        for (int i = 0, width = *widths++ - '0'; i < width; ++i) bytes += char(value >> 8 * i);
     return bytes;
 }
 
@@ -157,12 +157,12 @@ void expect_archive(const std::vector<Entry>& entries, bool zip64, unsigned chun
     const Plan plan = tree.plan(names);
     ASSERT_NE(nullptr, plan) << strerror(errno);
     const Pieces expected = archive(entries, zip64, chunk_size);
-    for (int round = 0; round < (entries[0].size < k4GiB / 2 ? 2 : 1); round++) {
+    for (int round = 0; round < (entries[0].size < k4GiB / 2 ? 2 : 1); ++round) {
         Sink sink;
         ASSERT_EQ(1, sink.stream(plan, chunk_size));
         EXPECT_EQ(sink.bytes, szip_calc_size(plan.get(), 0));
         ASSERT_EQ(expected.size(), sink.pieces.size());
-        for (size_t i = 0; i < expected.size(); i++)
+        for (size_t i = 0; i < expected.size(); ++i)
             ASSERT_EQ(expected[i], sink.pieces[i]) << "piece " << i;
     }
 }
@@ -228,7 +228,7 @@ TEST(Szip, LongerArchiveThanAnOffsetCountsIsPlanned) {
         SCOPED_TRACE(&row - rows);
         told_sizes = row.sizes;
         Pieces names;
-        for (size_t n = 0; n < row.sizes.size(); n++) tree.put(names.emplace_back(1, '0' + n), "");
+        for (size_t n = 0; n < row.sizes.size(); ++n) tree.put(names.emplace_back(1, '0' + n), "");
         errno = 0;
         const Plan plan = tree.plan(names);
         EXPECT_EQ(row.fits ? 0 : EFBIG, errno);
@@ -364,7 +364,7 @@ TEST(Szip, ChangedFiles) {
         EXPECT_EQ(row.result, sink.stream(plan, row.chunk_size));
         fakes.on_read = nullptr;
         Lengths lengths;
-        for (size_t i = 2; i < sink.pieces.size(); i++) lengths.push_back(sink.pieces[i].size());
+        for (size_t i = 2; i < sink.pieces.size(); ++i) lengths.push_back(sink.pieces[i].size());
         EXPECT_EQ(row.lengths, lengths);
         for (const size_t count : reads) EXPECT_LE(count, row.chunk_size);
     }
@@ -392,7 +392,7 @@ TEST(Szip, AShortWriteIsTheLast) {
     Sink whole;
     ASSERT_EQ(1, whole.stream(plan, 4));
     const int descriptors = open_descriptors();
-    for (size_t k = 1; k <= whole.pieces.size(); k++) {
+    for (size_t k = 1; k <= whole.pieces.size(); ++k) {
         Sink sink;
         sink.fail_at = k;
         EXPECT_EQ(0, sink.stream(plan, 4));

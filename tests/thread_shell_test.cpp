@@ -25,7 +25,7 @@ namespace {
 using Semaphore = std::counting_semaphore<>;
 
 ISOLATED_TEST(Thread, StartIgnoresWhatIsRegisteredOrStopKeepsIt) {
-    for (int round = 0; round < 2; round++) {
+    for (int round = 0; round < 2; ++round) {
         Pipe pipe;
         Semaphore called(0);
         Step report = [&] {
@@ -43,7 +43,7 @@ ISOLATED_TEST(Thread, StartIgnoresWhatIsRegisteredOrStopKeepsIt) {
         EXPECT_EQ(0, is_event_loop_thread());
         EXPECT_EQ(-1, do_events(0));
         kill(getpid(), SIGUSR1);
-        for (int n = 0; n < 3; n++) called.acquire();
+        for (int n = 0; n < 3; ++n) called.acquire();
         event_timer_add(run_timer, &report, 3600000);
         event_timer_add(run_timer, &report, 0);  // Shortens the wait.
         called.acquire();
@@ -97,7 +97,7 @@ ISOLATED_TEST(Thread, StopReturnsBeforeTheHandlerOrHangs) {
     Step slow = [&] {
         entered.release();
         while (!stopping) std::this_thread::yield();
-        for (int n = 0; n < 1000; n++) std::this_thread::yield();
+        for (int n = 0; n < 1000; ++n) std::this_thread::yield();
         done = true;
     };
     ASSERT_EQ(0, event_loop_async_start());
@@ -230,7 +230,7 @@ std::atomic<bool> newer_is_set;
 std::thread elsewhere;
 void watch_elsewhere(int signal) {
     elsewhere = std::thread(watch, signal);
-    for (int n = 0; n < 20000 && !newer_is_set; n++) sched_yield();
+    for (int n = 0; n < 20000 && !newer_is_set; ++n) sched_yield();
 }
 
 // Once another thread has set a disposition, the older one is not in place at any moment. Only one
@@ -265,7 +265,7 @@ ISOLATED_TEST(Shell, DispositionSetMeanwhileStays) {
         row->set(signal);
         if (!row->after_look) newer_is_set = true;
     };
-    for (; row < std::end(rows); row++) {
+    for (; row < std::end(rows); ++row) {
         for (const int each : {SIGINT, SIGQUIT, SIGCHLD}) {
             ::signal(signal = each, older);
             newer_is_set = false, armed = true;
@@ -291,7 +291,7 @@ ISOLATED_TEST(Shell, CancelWaitsForTheEndOfTheCommand) {
     const int signals[] = {SIGINT, SIGQUIT, SIGCHLD};
     for (const int signal : signals) ::signal(signal, older);
     static int round, status, state_after;
-    for (round = 0; round < 2; round++) {
+    for (round = 0; round < 2; ++round) {
         no_range.calls[FAKE_SYSCALL] = 0;
         status = state_after = -1;
         pthread_t caller;
@@ -347,7 +347,7 @@ TEST(BackgroundTask, RunsTooEarlyTwiceOrNever) {
             errno = 0;
             run_bg_task(nullptr);
             EXPECT_EQ(EINVAL, errno);
-            for (int n = 0; n < 3; n++) run_bg_task(&task);
+            for (int n = 0; n < 3; ++n) run_bg_task(&task);
             drive(nullptr);
             EXPECT_EQ(row.runs_at, task.last_ran);
             EXPECT_EQ(row.runs_at, fakes.clock_ns / 1000000000);

@@ -113,7 +113,7 @@ ISOLATED_TEST(Timers, PinLeftBehindBringsADeletedTimerBack) {
         const char texts[][2] = {"1", "2", "3", "4"};
         set_clock(kNow);
         trace = "";
-        for (unsigned n = 0; n < 4; n++)
+        for (unsigned n = 0; n < 4; ++n)
             event_timer_add_mc(context, note_timer, arg(texts[n]), 100 * (n + 1));
         drive(context, {[] {}, [&] { cancel_loop_mc(context); }});
         del(texts[1]);

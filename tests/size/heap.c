@@ -58,7 +58,7 @@ static void measure_many(void) {
     unsigned int small = 0;
     event_loop_ctx_tp loop = event_mc_init();
     largest = 0;
-    for (unsigned int n = 0; n < 1000; n++) {
+    for (unsigned int n = 0; n < 1000; ++n) {
         asked = taken = 0;
         event_timer_add_mc(loop, on_timer, &args[n], 60000);
         if (asked < least) least = asked, least_taken = taken, small = 0;
@@ -67,7 +67,7 @@ static void measure_many(void) {
     if (small < 700 || small > 800) abort();
     printf("timer, three of four\t%zu\t%zu\n", least, least_taken);
     printf("table of 1,000 timers\t%zu\t%zu\n", largest, largest + sizeof(size_t));
-    for (unsigned int n = 0; n < 100; n++) event_fd_add_mc(loop, on_fd, NULL, dup(0), 0);
+    for (unsigned int n = 0; n < 100; ++n) event_fd_add_mc(loop, on_fd, NULL, dup(0), 0);
     largest = 0;
     event_timer_add_mc(loop, end, loop, 0);
     if (et_event_loop_mc(loop) != 0) abort();
@@ -102,7 +102,7 @@ int main(void) {
     MEASURE("tracked block, besides itself", add_allocation(tree, "next", 1, 1));
     const char* files[] = {"/usr", "/usr"};
     size_t asked_before = 0, taken_before = 0;
-    for (unsigned int n = 0; n < 3; n++) { /* The first reads the time zone. */
+    for (unsigned int n = 0; n < 3; ++n) { /* The first reads the time zone. */
         asked_before = asked, taken_before = taken;
         asked = taken = 0;
         szip_free_info(szip_create_info(files, n ? n : 1, "/", ""));

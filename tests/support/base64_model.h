@@ -20,7 +20,7 @@ inline std::string model_encode(const std::string& in) {
     std::string text;
     for (size_t bit = 0; bit < in.size() * 8; bit += 6) {
         unsigned value = 0;
-        for (size_t b = bit; b < bit + 6; b++)
+        for (size_t b = bit; b < bit + 6; ++b)
             value = value * 2 + (b / 8 < in.size() ? bytes_of(in)[b / 8] >> (7 - b % 8) & 1 : 0);
         text += kAlphabet[value];
     }
@@ -30,7 +30,7 @@ inline std::string model_encode(const std::string& in) {
 inline int model_decode(const std::string& in, size_t room, std::string* out) {
     const size_t data = std::min(in.find('='), in.size());
     size_t bits = 0;
-    for (size_t n = 0; n < in.size(); n++) {
+    for (size_t n = 0; n < in.size(); ++n) {
         const bool pad = in[n] == '=' && n < data + 2;
         const size_t value = n < data ? kAlphabet.find(in[n]) : pad ? 0 : 64;
         if (value >= 64) return BASE64_INVALID_PACKET;
@@ -38,7 +38,7 @@ inline int model_decode(const std::string& in, size_t room, std::string* out) {
         if (n % 4 != 3) continue;
         const size_t yield = n < data ? 3 : 2 - (n - data);
         if (out->size() + yield > room) return BASE64_BUFFER_OVERFLOW;
-        for (size_t k = 0; k < yield; k++) *out += static_cast<char>(bits >> (16 - 8 * k));
+        for (size_t k = 0; k < yield; ++k) *out += static_cast<char>(bits >> (16 - 8 * k));
     }
     return in.size() % 4 == 0 ? BASE64_OK : BASE64_INVALID_PACKET;
 }

@@ -55,7 +55,7 @@ static int note_code(dl_phdr_info* object, size_t, void*) {
     const char* const name = strrchr(object->dlpi_name, '/');
     const int n = name && strncmp(name, "/libtessra.so", 13) == 0 ? 0 : 1;
     if (n == 1 && (!name || strncmp(name, "/libc.so", 8) != 0)) return 0;
-    for (int i = 0; i < object->dlpi_phnum; i++) {
+    for (int i = 0; i < object->dlpi_phnum; ++i) {
         const auto& segment = object->dlpi_phdr[i];
         if (segment.p_type != PT_LOAD || !(segment.p_flags & PF_X)) continue;
         code_of[n].begin = object->dlpi_addr + segment.p_vaddr;

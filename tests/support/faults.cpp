@@ -154,7 +154,7 @@ int drive_faults(const Operation& operation) {
     int points = 0;
     for (const auto& [call, name, errors, lasts] : kErrors) {
         for (const int error : errors) {
-            for (int nth = 1; nth < kMostFaults; nth++, points++) {
+            for (int nth = 1; nth < kMostFaults; ++nth, ++points) {
                 const Outcome outcome = outcome_of(operation, call, nth, error);
                 if (outcome == Outcome::kCannotBe) break;
                 SCOPED_TRACE(std::string(operation.name) + ": " + name + " " + std::to_string(nth) +

@@ -153,7 +153,7 @@ void await_child(pid_t pid) {
 
 int open_descriptors() {
     int count = 0;
-    for (int fd = 0; fd < 2048; fd++) count += fcntl(fd, F_GETFD) != -1;
+    for (int fd = 0; fd < 2048; ++fd) count += fcntl(fd, F_GETFD) != -1;
     return count;
 }
 
@@ -171,7 +171,7 @@ void Script::called(char name) {
     trace += static_cast<char>(nested ? name - 'A' + 'a' : name);
     if (!nested && name != actor) return;
     const char* actions = std::exchange(nested ? inner : outer, "");
-    for (; *actions; actions++) {
+    for (; *actions; ++actions) {
         if (*actions != '!') {
             change(*actions);
             continue;

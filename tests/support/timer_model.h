@@ -32,7 +32,7 @@ public:
             const auto ahead = static_cast<long long>(timers_[0].deadline - now_);
             check(tv && sleep_ms <= std::max(ahead, 0LL), "overslept");
         }
-        for (unsigned n = below(3); n > 0; n--) change();
+        for (unsigned n = below(3); n > 0; --n) change();
         const unsigned outcome = below(20);
         if (outcome < 2) {
             const long long jump =
@@ -102,9 +102,9 @@ private:
         check(timers_[0].handler == handler && timers_[0].arg == arg, "wrong order");
         check(timers_[0].deadline <= phase_time_, "early");
         timers_.erase(timers_.begin());
-        fired++;
+        ++fired;
         advance(below(2) * below(3));
-        for (unsigned n = below(3); n > 0; n--) change();
+        for (unsigned n = below(3); n > 0; --n) change();
     }
 
     void advance(long long ms) { clock(now_ += static_cast<unsigned long long>(ms)); }
