@@ -104,7 +104,10 @@ bool Loop::next() {
 #endif
     const unsigned warm_up = rounds_ < kWarmUpRounds ? 0 : kWarmUpRounds;
     if (done_ == warm_up) mark('B', mark_);
-    if (done_ < warm_up + rounds_) return ++done_ != 0;
+    if (done_ < warm_up + rounds_) {
+        ++done_;
+        return true;
+    }
     mark('E', mark_);
     return false;
 }

@@ -81,7 +81,9 @@ struct Pipe {
     Pipe() {
         if (pipe2(ends, O_NONBLOCK | O_CLOEXEC) != 0) abort();
     }
-    ~Pipe() { close(ends[0]), close(ends[1]); }
+    ~Pipe() {
+        for (const int end : ends) close(end);
+    }
     void put() const { (void)!write(ends[1], "x", 1); }
     void take() const {
         char byte;

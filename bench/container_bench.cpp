@@ -136,7 +136,10 @@ void add_tree(const char* peer, size_t count) {
         for (const uintptr_t key : all) tree.find(key);
     });
     on_full("remove and insert", [](Tree& tree, const std::vector<uintptr_t>& all) {
-        for (const uintptr_t key : all) tree.remove(key), tree.insert(key);
+        for (const uintptr_t key : all) {
+            tree.remove(key);
+            tree.insert(key);
+        }
     });
     on_full("walk", [](Tree& tree, const std::vector<uintptr_t>&) { tree.walk(); });
 }
@@ -263,8 +266,9 @@ void add_table(const char* peer, size_t count, unsigned load) {
     add("table of " + std::to_string(count) + ", load " + std::to_string(load) + ", get", peer,
         [=](Loop& loop) {
             std::vector<std::string> keys;
-            for (const uintptr_t key : shuffled(count))
+            for (const uintptr_t key : shuffled(count)) {
                 keys.push_back("key " + std::to_string(key));
+            }
             Table table(keys, load);
             std::vector<std::string> wanted = keys;
             loop.each([&] {
@@ -274,21 +278,29 @@ void add_table(const char* peer, size_t count, unsigned load) {
         {double(count), Clock::kCpu, 2});
 }
 
-// lookup2 as its author B. Jenkins wrote it in 1996.
-#define MIX(a, b, c)                                                                             \
-    a -= b, a -= c, a ^= c >> 13, b -= c, b -= a, b ^= a << 8, c -= a, c -= b, c ^= b >> 13,     \
-        a -= b, a -= c, a ^= c >> 12, b -= c, b -= a, b ^= a << 16, c -= a, c -= b, c ^= b >> 5, \
-        a -= b, a -= c, a ^= c >> 3, b -= c, b -= a, b ^= a << 10, c -= a, c -= b, c ^= b >> 15
+// lookup2 as its author B. Jenkins wrote it in 1996. His mix() is a macro, so this one is inlined.
+__attribute__((always_inline)) inline void mix(uint32_t& a, uint32_t& b, uint32_t& c) {
+    a = (a - b - c) ^ (c >> 13);
+    b = (b - c - a) ^ (a << 8);
+    c = (c - a - b) ^ (b >> 13);
+    a = (a - b - c) ^ (c >> 12);
+    b = (b - c - a) ^ (a << 16);
+    c = (c - a - b) ^ (b >> 5);
+    a = (a - b - c) ^ (c >> 3);
+    b = (b - c - a) ^ (a << 10);
+    c = (c - a - b) ^ (b >> 15);
+}
 
 __attribute__((noinline)) uint32_t jenkins(const char* text) {
     const auto* k = reinterpret_cast<const uint8_t*>(text);
     uint32_t length = uint32_t(strlen(text)), left = length;
     uint32_t a = 0x9e3779b9, b = a, c = 0xdeadbeef;
-    for (; left >= 12; k += 12, left -= 12) {
+    for (; left >= 12; left -= 12) {
         a += k[0] + (uint32_t(k[1]) << 8) + (uint32_t(k[2]) << 16) + (uint32_t(k[3]) << 24);
         b += k[4] + (uint32_t(k[5]) << 8) + (uint32_t(k[6]) << 16) + (uint32_t(k[7]) << 24);
         c += k[8] + (uint32_t(k[9]) << 8) + (uint32_t(k[10]) << 16) + (uint32_t(k[11]) << 24);
-        MIX(a, b, c);
+        mix(a, b, c);
+        k += 12;
     }
     c += length;
     switch (left) {
@@ -325,7 +337,7 @@ __attribute__((noinline)) uint32_t jenkins(const char* text) {
         case 1:
             a += k[0];
     }
-    MIX(a, b, c);
+    mix(a, b, c);
     return c;
 }
 
@@ -352,18 +364,23 @@ struct PlainTree {
     void insert(void* key, void* data) {
         int comparison;
         BinaryTreeNode* parent = findinsertionpoint(tree, key, &comparison);
-        if (parent == nullptr) return (void)BT_insert(tree, key, data);
-        if (comparison == 0) return;
-        (comparison < 0 ? parent->left : parent->right) = createnode(parent, key, data);
-        balanceup(tree, parent);
-        ++tree->itemcount;
+        if (parent == nullptr) {
+            (void)BT_insert(tree, key, data);
+        } else if (comparison != 0) {
+            (comparison < 0 ? parent->left : parent->right) = createnode(parent, key, data);
+            balanceup(tree, parent);
+            ++tree->itemcount;
+        }
     }
     void remove(void* key) {
         int comparison;
         BinaryTreeNode* node = findinsertionpoint(tree, key, &comparison);
         if (node == nullptr || comparison != 0) return;
-        for (BinaryTreeNode* below; (below = findreplacement(node)) != node; node = below) {
+        BinaryTreeNode* below = findreplacement(node);
+        while (below != node) {
             swapnodes(node, below);
+            node = below;
+            below = findreplacement(node);
         }
         DeleteLeafNode(tree, node);
     }
@@ -432,7 +449,7 @@ void add_tracker(const char* peer, size_t live) {
         });
     });
     filled("dump", 1, 2, [](Loop& loop, const std::vector<uintptr_t>&) {
-        tracker.dump(), tracker.dump();
+        for (int n = 0; n < 2; ++n) tracker.dump();
         loop.each([] { tracker.dump(); });
     });
 }

@@ -51,7 +51,7 @@ struct Bare {
     // have come.
     void change(bool) {
         keep(fcntl(watchers.back().fd, F_GETFD));
-        channel.put(), channel.put();
+        for (int n = 0; n < 2; ++n) channel.put();
     }
     void pass(unsigned changes) {
         char bytes[512];
@@ -82,14 +82,16 @@ void wake(Loop& loop) {
         }
     });
     fcntl(down.ends[0], F_SETFL, 0);
-    loop.each([&] { up.put(), down.take(); });
+    loop.each([&] {
+        up.put();
+        down.take();
+    });
     (void)!write(up.ends[1], "e", 1);
     thread.join();
 }
 
 void signals(Loop& loop) {
-    sigset_t set;
-    sigemptyset(&set), sigaddset(&set, SIGUSR1);
+    const sigset_t set = set_of(SIGUSR1);
     sigprocmask(SIG_BLOCK, &set, nullptr);
     const int fd = signalfd(-1, &set, SFD_CLOEXEC);
     loop.each([&] {
@@ -98,8 +100,9 @@ void signals(Loop& loop) {
         FD_ZERO(&ready);
         FD_SET(fd, &ready);
         signalfd_siginfo info;
-        if (select(fd + 1, &ready, nullptr, nullptr, nullptr) == 1)
+        if (select(fd + 1, &ready, nullptr, nullptr, nullptr) == 1) {
             (void)!read(fd, &info, sizeof info);
+        }
     });
     close(fd);
     sigprocmask(SIG_UNBLOCK, &set, nullptr);

@@ -16,7 +16,10 @@ struct Glib {
     std::vector<std::unique_ptr<Hook>> hooks;
 
     ~Glib() {
-        for (GSource* source : sources) g_source_destroy(source), g_source_unref(source);
+        for (GSource* source : sources) {
+            g_source_destroy(source);
+            g_source_unref(source);
+        }
         g_main_loop_unref(loop);
         g_main_context_unref(context);
     }
@@ -56,9 +59,10 @@ struct Glib {
     }
     Hook posted{};
     void post(Hook hook) {
+        posted = hook;
         GSource* source = g_idle_source_new();
         g_source_set_priority(source, G_PRIORITY_DEFAULT);
-        g_source_set_callback(source, once, &(posted = hook), nullptr);
+        g_source_set_callback(source, once, &posted, nullptr);
         g_source_attach(source, context);
         g_source_unref(source);
     }

@@ -67,7 +67,8 @@ struct Ivykis {
             timer.expires.tv_sec += ms / 1000;
             timer.expires.tv_nsec += ms % 1000 * 1000000L;
             if (timer.expires.tv_nsec >= 1000000000L) {
-                timer.expires.tv_sec++, timer.expires.tv_nsec -= 1000000000L;
+                ++timer.expires.tv_sec;
+                timer.expires.tv_nsec -= 1000000000L;
             }
             iv_timer_register(&timer);
         }

@@ -45,11 +45,11 @@ struct Libevent {
     void watch(int fd, Hook hook) { add(fd, EV_READ | EV_PERSIST, hook); }
     void signal(int number, Hook hook) { add(number, EV_SIGNAL | EV_PERSIST, hook); }
     void post(Hook hook) {
+        posted = hook;
         const timeval now = {};
         event_base_once(
             base, -1, EV_TIMEOUT,
-            [](evutil_socket_t, short, void* arg) { (*static_cast<Hook*>(arg))(); },
-            &(posted = hook), &now);
+            [](evutil_socket_t, short, void* arg) { (*static_cast<Hook*>(arg))(); }, &posted, &now);
     }
     void run() { event_base_loop(base, EVLOOP_NO_EXIT_ON_EMPTY); }
     void change(bool writes) {

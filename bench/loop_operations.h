@@ -81,10 +81,9 @@ inline std::vector<unsigned> numbers(unsigned count, Order order) {
     std::vector<unsigned> all(count);
     std::iota(all.begin(), all.end(), 0);
     if (order == Order::kDescending) std::reverse(all.begin(), all.end());
+    if (order != Order::kRandom) return all;
     Random random;
-    for (unsigned n = count; order == Order::kRandom && n > 1; --n) {
-        std::swap(all[n - 1], all[random() % n]);
-    }
+    for (unsigned n = count; n > 1; --n) std::swap(all[n - 1], all[random() % n]);
     return all;
 }
 
@@ -166,7 +165,10 @@ struct Changes {
     Changes(Loop& measured, unsigned idle, unsigned burst) : loop(measured), in_a_burst(burst) {
         const Pipe pipe;
         std::vector<int> fds(idle);
-        for (int& fd : fds) peer.watch(fd = dup(pipe.ends[0]), {nothing, nullptr});
+        for (int& fd : fds) {
+            fd = dup(pipe.ends[0]);
+            peer.watch(fd, {nothing, nullptr});
+        }
         if constexpr (requires { peer.inside(Hook{}); }) {
             peer.inside(hook<Changes, &Changes::work>(this));
         } else {
@@ -177,7 +179,10 @@ struct Changes {
     void work() {
         peer.pass(1);
         loop.each([&] {
-            for (unsigned n = 0; n < in_a_burst; ++n) peer.change(writes = !writes);
+            for (unsigned n = 0; n < in_a_burst; ++n) {
+                writes = !writes;
+                peer.change(writes);
+            }
             peer.pass(in_a_burst);
         });
     }
@@ -194,7 +199,7 @@ struct FromOutside {
 
     template <class Work>
     void with_thread(Loop& loop, Work work) {
-        sem_init(&up, 0, 0), sem_init(&done, 0, 0);
+        for (sem_t* each : {&up, &done}) sem_init(each, 0, 0);
         std::thread thread([&] {
             peer = std::make_unique<Peer>();
             work(nullptr);  // Set-up, on the loop's thread.
@@ -250,14 +255,20 @@ void posts(Loop& loop) {
     });
 }
 
+inline sigset_t set_of(int signal) {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, signal);
+    return set;
+}
+
 template <class Peer>
 struct Signals {
     Loop& loop;
     Peer peer{};
     typename Peer::Timer start{};
     explicit Signals(Loop& measured) : loop(measured) {
-        sigset_t set;
-        sigemptyset(&set), sigaddset(&set, SIGUSR1);
+        const sigset_t set = set_of(SIGUSR1);
         if (Peer::kBlockedSignals) sigprocmask(SIG_BLOCK, &set, nullptr);
         peer.signal(SIGUSR1, hook<Signals, &Signals::caught>(this));
         start.arm(peer, 0, hook<Signals, &Signals::caught>(this));
@@ -282,8 +293,7 @@ struct Children {
     Peer peer{};
     typename Peer::Timer start{};
     explicit Children(Loop& measured) : loop(measured) {
-        sigset_t set;
-        sigemptyset(&set), sigaddset(&set, SIGCHLD);
+        const sigset_t set = set_of(SIGCHLD);
         if (Peer::kBlockedSignals) sigprocmask(SIG_BLOCK, &set, nullptr);
         start.arm(peer, 0, hook<Children, &Children::ended>(this));
         peer.run();

@@ -18,7 +18,8 @@ struct Tessra {
 
     void watch(int fd, Hook hook) {
         hooks.push_back(std::make_unique<Hook>(hook));
-        event_fd_add_mc(ctx, on_fd, hooks.back().get(), last_fd = fd, EVENT_FD_READ);
+        last_fd = fd;
+        event_fd_add_mc(ctx, on_fd, hooks.back().get(), fd, EVENT_FD_READ);
     }
     int last_fd = -1;
     void signal(int number, Hook hook) {
@@ -42,7 +43,10 @@ struct Tessra {
         struct Inside {
             Tessra& peer;
             Hook hook;
-            void call() { hook(), peer.stop(); }
+            void call() {
+                hook();
+                peer.stop();
+            }
         } inside{*this, hook};
         post(bench::hook<Inside, &Inside::call>(&inside));
         run();
@@ -90,7 +94,10 @@ struct Default {
 };
 
 void children(Loop& loop) {
-    if (Loop::counting()) return Children<Default>{loop}, void();
+    if (Loop::counting()) {
+        Children<Default>{loop};
+        return;
+    }
     constexpr unsigned kRounds = 200;
     while (loop.next()) {
         Pipe result;

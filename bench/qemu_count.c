@@ -10,6 +10,9 @@
 #include <stdio.h>
 #include <string.h>
 
+/* The callbacks need only some of their parameters. */
+#pragma GCC diagnostic ignored "-Wunused-parameter"
+
 #define EXPORT __attribute__((visibility("default")))
 
 typedef uint64_t plugin_id;
@@ -37,7 +40,6 @@ static FILE* out;
 
 /* Counts each instruction by itself, so that a block that is left early counts as far as it ran. */
 static void on_translation(plugin_id id, struct qemu_plugin_tb* block) {
-    (void)id;
     for (size_t n = 0; n < qemu_plugin_tb_n_insns(block); ++n) {
         qemu_plugin_register_vcpu_insn_exec_inline(qemu_plugin_tb_get_insn(block, n), ADD,
                                                    &executed, 1);
@@ -47,7 +49,6 @@ static void on_translation(plugin_id id, struct qemu_plugin_tb* block) {
 static void on_system_call(plugin_id id, unsigned cpu, int64_t number, uint64_t a1, uint64_t a2,
                            uint64_t a3, uint64_t a4, uint64_t a5, uint64_t a6, uint64_t a7,
                            uint64_t a8) {
-    (void)id, (void)cpu, (void)a2, (void)a3, (void)a4, (void)a5, (void)a6, (void)a7, (void)a8;
     if (number != ARM_WRITE || (int32_t)a1 != -1) return;
     if (inside) {
         fprintf(out, "%llu\n", (unsigned long long)(executed - at_begin));
@@ -58,7 +59,6 @@ static void on_system_call(plugin_id id, unsigned cpu, int64_t number, uint64_t 
 }
 
 int qemu_plugin_install(plugin_id id, const void* info, int argc, char** argv) {
-    (void)info;
     if (argc != 1 || strncmp(argv[0], "out=", 4) != 0) return -1;
     out = fopen(argv[0] + 4, "we");
     if (out == NULL) return -1;

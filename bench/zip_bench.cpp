@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -38,8 +39,9 @@ struct Tree {
     std::vector<const char*> pointers;
 
     Tree(const std::string& title, unsigned count, size_t size) : name(title) {
-        folder = std::filesystem::temp_directory_path() / ("tessra-bench-" + title);
-        for (char& c : const_cast<std::string&>(folder.native())) c = c == ' ' ? '-' : c;
+        std::string last = "tessra-bench-" + title;
+        std::replace(last.begin(), last.end(), ' ', '-');
+        folder = std::filesystem::temp_directory_path() / last;
         std::filesystem::create_directories(folder);
         std::string data(size < kChunk ? size : kChunk, 0);
         Random random;
@@ -70,7 +72,9 @@ void write_tessra(const Tree& tree, int out) {
 // directory.
 void write_bare(const Tree& tree, int out) {
     std::vector<char> buffer(kChunk);
-    const auto put = [&](size_t size) { (void)!write(out, buffer.data(), size); };
+    const auto put = [&](std::initializer_list<size_t> counts) {
+        for (const size_t count : counts) (void)!write(out, buffer.data(), count);
+    };
     const bool zip64 = tree.files.size() > 65535;
     std::vector<off_t> sizes;
     for (const std::string& file : tree.files) {
@@ -79,26 +83,26 @@ void write_bare(const Tree& tree, int out) {
         sizes.push_back(status.st_size);
     }
     for (size_t n = 0; n < sizes.size(); ++n) {
-        put(30), put(tree.files[n].size());
-        if (zip64) put(20);
+        put({30, tree.files[n].size()});
+        if (zip64) put({20});
         if (sizes[n] != 0) {
             const int fd = open((tree.folder / tree.files[n]).c_str(), O_RDONLY | O_CLOEXEC);
             for (off_t left = sizes[n]; left > 0;) {
                 const ssize_t got =
                     read(fd, buffer.data(), size_t(left) < kChunk ? size_t(left) : kChunk);
-                put(size_t(got));
+                put({size_t(got)});
                 left -= got;
             }
             close(fd);
         }
-        put(zip64 ? 24 : 16);
+        put({zip64 ? 24U : 16U});
     }
     for (const std::string& file : tree.files) {
-        put(46), put(file.size());
-        if (zip64) put(28);
+        put({46, file.size()});
+        if (zip64) put({28});
     }
-    if (zip64) put(56), put(20);
-    put(22);
+    if (zip64) put({56, 20});
+    put({22});
 }
 
 #ifdef BENCH_HAS_archive
