@@ -26,34 +26,33 @@ uint64_t size_of(const std::string& path) {
     return sizes < 128 ? 0 : uint64_t{path.size()} << (sizes - 128) % 57;
 }
 
-/** Plan and archive as the header describes them. */
+// Plan and archive as the header describes them.
 struct Model {
     std::vector<std::string> names;
     uint64_t bytes = 0, names_bytes = 0;
     bool zip64 = false;
-    int error = 0;
 
-    void add(const std::string& file, const std::string& base, const std::string& zbase) {
+    // Returns 0, or the error number of a plan with this file.
+    int add(const std::string& file, const std::string& base, const std::string& zbase) {
         std::string path = file;
         if (file.substr(0, 1) != "/") {
             path = base.substr(0, 1) == "/" ? base : "/" + base;
             path += path.back() == '/' ? file : "/" + file;
         }
-        if (path.size() > kLongestPath) return void(error = ENAMETOOLONG);
+        if (path.size() > kLongestPath) return ENAMETOOLONG;
         const uint64_t size = size_of(path);
         if (is_directory(path)) path += "/";
         const std::string below = path.substr(1), top = zbase.substr(zbase.substr(0, 1) == "/");
-        if (below.compare(0, top.size(), top) != 0) return void(error = EINVAL);
+        if (below.compare(0, top.size(), top) != 0) return EINVAL;
         std::string name = below.substr(top.size());
-        if (!top.empty() && top.back() != '/' && name.substr(0, 1) != "/") error = EINVAL;
+        if (!top.empty() && top.back() != '/' && name.substr(0, 1) != "/") return EINVAL;
         if (name.substr(0, 1) == "/") name.erase(0, 1);
-        if (name.empty()) error = EINVAL;
-        if (error) return;
+        if (name.empty()) return EINVAL;
         names.push_back(name);
         zip64 = zip64 || size > UINT32_MAX;
         bytes += size + 30 + 20 + 24;  // As in ZIP64: header, extra field, descriptor.
         names_bytes += name.size();
-        if (size > kMostBytes || archive() > kMostBytes) error = EFBIG;
+        return size > kMostBytes || archive() > kMostBytes ? EFBIG : 0;
     }
     uint64_t archive() const {
         const uint64_t entries = names.size(), whole = bytes + 2 * names_bytes;
@@ -89,22 +88,24 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     sizes = data[0];
     std::vector<std::string> texts(1);
     for (size_t n = 1; n < size; ++n) {
-        if (data[n] == 0)
+        if (data[n] == 0) {
             texts.emplace_back();
-        else
+        } else {
             texts.back() += static_cast<char>(data[n]);
+        }
     }
     if (texts.size() < 3) return 0;
     Model model;
+    int error = 0;
     std::vector<const char*> files;
     for (size_t n = 2; n < texts.size(); ++n) {
         files.push_back(texts[n].c_str());
-        if (model.error == 0) model.add(texts[n], texts[0], texts[1]);
+        if (error == 0) error = model.add(texts[n], texts[0], texts[1]);
     }
     const auto count = static_cast<unsigned>(files.size());
     szip_info_t* const plan =
         szip_create_info(files.data(), count, texts[0].c_str(), texts[1].c_str());
-    check((plan != nullptr) == (model.error == 0) && (plan || errno == model.error));
+    check((plan != nullptr) == (error == 0) && (plan || errno == error));
     if (!plan) return 0;
     check(szip_calc_size(plan, 0) == model.archive());
     Sink sink;

@@ -9,7 +9,10 @@ int main(int argc, char** argv) {
     for (int n = 1; n < argc; ++n) {
         FILE* file = fopen(argv[n], "rb");
         std::vector<uint8_t> input(1 << 20);
-        if (!file) return perror(argv[n]), 1;
+        if (!file) {
+            perror(argv[n]);
+            return 1;
+        }
         input.resize(fread(input.data(), 1, input.size(), file));
         fclose(file);
         input.shrink_to_fit();  // A sanitizer then knows the input's end.

@@ -64,7 +64,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 break;
             case 3:
                 check(str_hashtable_get_and_remove_index(table, key, index) == expected);
-                if (there) values.erase(values.begin() + index), count--;
+                if (there) {
+                    values.erase(values.begin() + index);
+                    --count;
+                }
                 break;
             case 4: {
                 seen.divisor = 1 + data[n + 1] / 64;

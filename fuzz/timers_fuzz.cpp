@@ -28,8 +28,9 @@ void check(bool holds, const char*) {
 extern "C" {
 
 int clock_gettime(clockid_t clock, struct timespec* now) noexcept {
-    if (clock != CLOCK_MONOTONIC_RAW || !model)
+    if (clock != CLOCK_MONOTONIC_RAW || !model) {
         return static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+    }
     now->tv_sec = static_cast<time_t>(clock_ms / 1000);
     now->tv_nsec = static_cast<long>(clock_ms % 1000 * 1000000);
     return 0;

@@ -20,7 +20,8 @@ int compare(void* stored, void* wanted) {
 
 unsigned checked_height(const BinaryTreeNode* node, const BinaryTreeNode* parent, size_t& count) {
     if (!node) return 0;
-    check(node->parent == parent && ++count <= 256);
+    ++count;
+    check(node->parent == parent && count <= 256);
     const unsigned left = checked_height(node->left, node, count);
     const unsigned right = checked_height(node->right, node, count);
     check(left <= right + 1 && right <= left + 1);
@@ -64,8 +65,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         checked_height(tree->root, nullptr, count);
         check(count == model.size() && tree->itemcount == count);
     }
-    void* data_seen = BT_reset(cursor);
-    for (const auto& [key, value] : model) check((data_seen = BT_next(cursor)) == value);
+    BT_reset(cursor);
+    for (const auto& [key, value] : model) check(BT_next(cursor) == value);
     LinkedList* const keys = BT_keys(tree);
     for (const auto& [key, value] : model) check(LL_dequeue(keys) == key);
     LL_delete(keys);
