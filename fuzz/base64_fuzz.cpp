@@ -1,5 +1,5 @@
-// Compares the codec with the model. The first byte says how many bytes the decoder's room is too
-// small. The rest is a text to decode and bytes to encode.
+// Compares the codec with the model. The first byte says by how many bytes the decoder's room is
+// too small. The rest is a text to decode and bytes to encode.
 #include <cstdlib>
 
 #include "support/base64_model.h"

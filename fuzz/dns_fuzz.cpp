@@ -9,13 +9,14 @@
 #include <string>
 
 constexpr size_t kMaxMessageBytes = 65535;
-constexpr int kUnknown = 2;  // The C library refuses it, or it can't answer our requests.
+// The C library refuses the reply, or no request of ours has such a reply.
+constexpr int kUnknown = 2;
 
 static void check(bool holds) {
     if (!holds) abort();
 }
 
-// Whether the library also takes this for a name or a pointer; see dns_parse_reply().
+// Returns whether our library, too, takes this for a name or a pointer; see dns_parse_reply().
 static bool is_clear_owner(const uint8_t* owner, const ns_rr& record) {
     if (owner[0] >= NS_CMPRSFLGS) return true;
     if (owner[0] <= 1 && owner[2 * owner[0]] == 0) return ns_rr_class(record) == ns_c_in;

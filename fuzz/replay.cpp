@@ -1,4 +1,4 @@
-// Replaces libFuzzer where it isn't linked: runs the target once with each file that is named.
+// Replaces libFuzzer where it isn't linked: runs the target once per file of the command line.
 #include <cstdint>
 #include <cstdio>
 #include <vector>

@@ -20,7 +20,7 @@ const char* const kKeys[] = {"uaaaa", "lwzaa", "", "a", "b", "c", "k", "\xff"};
 
 struct Seen {
     std::multiset<void*> values;
-    uintptr_t divisor = 0;  // A filter takes the values that this divides.
+    uintptr_t divisor = 0;  // keep() removes the values that this number divides.
 };
 void note(char*, void* value, void* seen) { static_cast<Seen*>(seen)->values.insert(value); }
 bool taken(void* value, uintptr_t divisor) {
@@ -36,7 +36,7 @@ void note_name(const char* name, void* names) {
 
 }  // namespace
 
-// The values are numbers, so they leave the table in the ways that don't free them.
+// The values are numbers, not blocks, so only calls that don't free values remove them.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     hashtable_t* const table = hashtable_alloc(size ? 1 + data[0] % 7 : 1);
     hashtable_t* const flags = hashtable_alloc(3);
