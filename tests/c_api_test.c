@@ -1,5 +1,5 @@
-// Every function of the public headers, called from C. The program is linked with the static
-// library and without a C++ runtime, which shows that none is needed.
+/* Every function of the public headers, called from C. The program is linked with the static
+   library and without a C++ runtime, which shows that none is needed. */
 #define _GNU_SOURCE
 #define TESSRA_MEMCHK
 #include <errno.h>
@@ -32,16 +32,16 @@ static void check(int holds, const char* condition) {
 }
 #define CHECK(condition) check((condition) != 0, #condition)
 
-static event_loop_ctx_tp context;  // Null for the default one.
-static int calls[128];             // By the letter that is a handler's argument.
+static event_loop_ctx_tp context; /* Null for the default one. */
+static int calls[128];            /* By the letter that is a handler's argument. */
 static char t[] = "t", f[] = "f", s[] = "s", c[] = "c", x[] = "x";
-static int bytes[2];  // The pipe that on_fd() reads.
-static int held[2];   // The pipe whose closing the child waits for.
+static int bytes[2]; /* The pipe that on_fd() reads. */
+static int held[2];  /* The pipe whose closing the child waits for. */
 
 #define DO(name, ...) (context ? name##_mc(context, __VA_ARGS__) : name(__VA_ARGS__))
 #define OF_LOOP(name) (context ? name##_mc(context) : name())
 
-// The loop ends once all handlers have been called. Only the default one sees the child.
+/* The loop ends once all handlers have been called. Only the default one sees the child. */
 static void called(const void* letter) {
     ++calls[(int)*(const char*)letter];
     if (calls['t'] && calls['f'] && calls['s'] && (context || calls['c'])) OF_LOOP(cancel_loop);
@@ -171,7 +171,7 @@ static void test_zip(void) {
 
 static int by_text(void* stored, void* wanted) { return strcmp(wanted, stored); }
 
-// Five letters make f over c and t, and t over s and x.
+/* Five letters make f over c and t, and t over s and x. */
 static void test_list_and_tree_of_pointers(void) {
     char* letters[] = {c, f, s, t, x};
     BinaryTree* tree = BT_create(by_text);
@@ -195,7 +195,7 @@ static void test_list_and_tree_of_pointers(void) {
     BT_delete(tree);
 }
 
-// The letters f, t and x, of which t is the root.
+/* The letters f, t and x, of which t is the root. */
 static void test_building_blocks(void) {
     BinaryTree* tree = BT_create(by_text);
     int side;

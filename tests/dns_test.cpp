@@ -80,7 +80,7 @@ TEST(Dns, RepliesGiveAnotherResultOrAreReadBeyondTheirEnd) {
     };
     const string found = "1 1.2.3.4 0 a.bc";
     const struct {
-        string message, v4, v6 = {};  ///< No v6: the same.
+        string message, v4, v6 = {};  // No v6: the same.
     } rows[] = {
         {header(0x8183, 1), "-1 - 1 -"},
         {header(0x8188, 1), "-1 - 1 -"},
@@ -144,7 +144,7 @@ TEST(Dns, RepliesGiveAnotherResultOrAreReadBeyondTheirEnd) {
 TEST(Dns, NamesAreEncodedOrDecodedWrongly) {
     const struct {
         string text, wire;
-        const char* back = nullptr;  ///< Null: the text.
+        const char* back = nullptr;  // Null: the text.
     } rows[] = {
         {"abc.de.f", "\3abc\2de\1f\0"s},
         {"a.b", "\1a\1b\0"s},

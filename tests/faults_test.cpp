@@ -1,8 +1,5 @@
-/**
- * @file faults_test.cpp
- * Every call that the library makes fails once, with each error that it can give, and memory also
- * for good.
- */
+// Every call that the library makes fails once, with each error that it can give, and memory also
+// for good.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -52,13 +49,13 @@ namespace {
 
 using enum Outcome;
 
-/** What a test does by itself meets no fault. */
+// What a test does by itself meets no fault.
 struct Unarmed {
     ~Unarmed() { fakes.fault = armed; }
     struct fault* armed = std::exchange(fakes.fault, nullptr);
 };
 
-/** -1 if an add or the like has told a failure. */
+// -1 if an add or the like has told a failure.
 int told() { return errno ? -1 : 0; }
 
 void expect_unarmed() {
@@ -66,7 +63,7 @@ void expect_unarmed() {
     EXPECT_EQ("", trace);
 }
 
-/** Adds in a running loop, and what they add runs unless it failed: never half, never twice. */
+// Adds in a running loop, and what they add runs unless it failed: never half, never twice.
 int run_added(const Step& add, const char* expected, const Step& trigger) {
     int result = 0, error = 0;
     trace.clear();
@@ -105,7 +102,7 @@ int add_signal() {
                      [] { raise(SIGUSR1); });
 }
 
-/** Its end is told once, at the latest when the next SIGCHLD comes; in one run of the loop. */
+// Its end is told once, at the latest when the next SIGCHLD comes; in one run of the loop.
 int add_child() {
     static bool done;
     if (done) return 0;
@@ -125,7 +122,7 @@ int make_context() {
     return context ? 0 : -1;
 }
 
-/** Watchers outlive the failed start: the run after it finds them all. */
+// Watchers outlive the failed start: the run after it finds them all.
 int run_loop() {
     static const Pipe pipe;
     static event_loop_ctx_tp context;
@@ -247,7 +244,7 @@ int get_output() {
 
 int find_mount_point() { return is_mountpoint("/proc") - 1; }
 
-/** A file whose name is the same in all processes of this test. */
+// A file whose name is the same in all processes of this test.
 std::string file_name(const char* what) {
     return "/tmp/tessra-faults-" + std::to_string(getppid()) + what;
 }
@@ -289,7 +286,7 @@ std::string text_of(const std::string& name) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-/** Streams into a file, which must be of the size foretold and the same as without faults. */
+// Streams into a file, which must be of the size foretold and the same as without faults.
 int stream_archive() {
     const std::string name = file_name("file"), to = file_name("zip");
     const char* const file = name.c_str();
@@ -317,7 +314,7 @@ int stream_archive() {
 
 int compare_addresses(void* a, void* b) { return a < b ? -1 : a > b; }
 
-/** Entries that were told to be in are in, and no others. */
+// Entries that were told to be in are in, and no others.
 int fill_tree() {
     static int entries[4];
     BinaryTree* const tree = BT_create(compare_addresses);
@@ -396,7 +393,7 @@ int decode() {
     return complete ? 0 : -1;
 }
 
-/** What holds for all that runs in a loop. */
+// What holds for all that runs in a loop.
 const std::vector<Operation::Exception> kRunning = {
     {FAKE_FSTAT, kFailsSilently},              // EPERM: it isn't known to be a FIFO.
     {FAKE_MKFIFO, kGoesOn, {EEXIST, ENOENT}},  // Another start has the name, too.
@@ -425,7 +422,7 @@ constexpr Outcome kThreadFault = kCannotBe;
 constexpr Outcome kThreadFault = kFailsSilently;
 #endif
 
-/** What the system has let a command change it lets it change back. */
+// What the system has let a command change it lets it change back.
 const std::vector<Operation::Exception> kCommand = {
     {FAKE_SIGACTION, kGoesOn}, {FAKE_SIGACTION, kCannotBe, {}, 4},
     {FAKE_SIGMASK, kGoesOn},   {FAKE_SIGMASK, kCannotBe, {}, 2},

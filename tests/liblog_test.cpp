@@ -1,11 +1,11 @@
 // The stand-in for liblog: which messages it lets through, and what it prints of them.
 #include "liblog.h"
 
-#include <errno.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdlib>
 #include <string>
 
 namespace {

@@ -1,13 +1,13 @@
 // Orders of calls between threads, signals and processes that a daemon of many months meets once.
 // One side is parked at a call that it makes; the other then does what it must survive.
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <semaphore>
 #include <thread>

@@ -1,13 +1,10 @@
-/**
- * @file soak.cpp
- * Random operations on several contexts from several threads, and a model of what must have run.
- *
- *     soak SECONDS [SEED]      rounds of consecutive seeds; 0 seconds for one round
- *
- * Each round is a process. In rounds of an even seed the default loop runs throughout and watches
- * children; in the others it is started and stopped all the time. Context 1 runs throughout, and
- * the rest is cancelled and started again.
- */
+// Random operations on several contexts from several threads, and a model of what must have run.
+//
+//     soak SECONDS [SEED]      rounds of consecutive seeds; 0 seconds for one round
+//
+// Each round is a process. In rounds of an even seed the default loop runs throughout and watches
+// children; in the others it is started and stopped all the time. Context 1 runs throughout, and
+// the rest is cancelled and started again.
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
@@ -148,7 +145,7 @@ bool everywhere(int value) {
     return true;
 }
 
-/** ThreadSanitizer hands signals on here, and may have left them blocked when two came at once. */
+// ThreadSanitizer hands signals on here, and may have left them blocked when two came at once.
 void let_signals_in() {
 #ifdef __SANITIZE_THREAD__
     sigset_t none;
@@ -157,7 +154,7 @@ void let_signals_in() {
 #endif
 }
 
-/** Waits for a signal's delivery, and says what has come instead. */
+// Waits for a signal's delivery, and says what has come instead.
 void await_signal(int value) {
     const time_t end = time(nullptr) + kPatienceSeconds;
     for (; !everywhere(value); usleep(100)) {
@@ -235,7 +232,7 @@ void run_own_context() {
     ++figures->contexts;
 }
 
-/** A thread of random operations, with what belongs to it. */
+// A thread of random operations, with what belongs to it.
 struct Worker {
     std::deque<Timer> timers;
     std::deque<Child> children;

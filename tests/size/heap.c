@@ -1,5 +1,5 @@
-// What one of each thing keeps on the heap: as asked for, and with what glibc's allocator adds.
-// Linked with --wrap, so that every call of the library comes by here.
+/* What one of each thing keeps on the heap: as asked for, and with what glibc's allocator adds.
+   Linked with --wrap, so that every call of the library comes by here. */
 #include <malloc.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -42,7 +42,7 @@ static void on_signal(int signal, siginfo_t* info, void* arg) {
 static void end(void* loop) { cancel_loop_mc(loop); }
 static int on_child(int pid, void* arg, int status) { return (void)pid, (void)arg, status; }
 
-// Prints what the statement keeps.
+/* Prints what the statement keeps. */
 #define MEASURE(name, ...)                            \
     do {                                              \
         asked = taken = 0;                            \
@@ -50,8 +50,8 @@ static int on_child(int pid, void* arg, int status) { return (void)pid, (void)ar
         printf("%s\t%zu\t%zu\n", name, asked, taken); \
     } while (0)
 
-// Timers differ by their express lanes. Tables are made anew as they grow, and each is larger than
-// all else that is allocated meanwhile.
+/* Timers differ by their express lanes. Tables are made anew as they grow, and each is larger than
+   all else that is allocated meanwhile. */
 static void measure_many(void) {
     static char args[1000];
     size_t least = SIZE_MAX, least_taken = 0;

@@ -1,4 +1,4 @@
-// A daemon that uses nothing but the loop: its map shows that it pays for nothing else.
+/* A daemon that uses nothing but the loop: its map shows that it pays for nothing else. */
 #include <signal.h>
 #include <unistd.h>
 

@@ -2,12 +2,12 @@
 
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <thread>
 
 namespace tessra_test {
@@ -18,12 +18,12 @@ constexpr int kMostFaults = 400;
 constexpr unsigned kSecondsEach = 20;
 constexpr int kDayAndMinute = 1441, kHourBack = -60;
 
-/** The errors that a call can give, after its manual page. */
+// The errors that a call can give, after its manual page.
 struct Errors {
     int call;
     const char* name;
     std::vector<int> errors;
-    int lasts = 0;  ///< From the one that fails first to the end of the operation.
+    int lasts = 0;  // From the one that fails first to the end of the operation.
 };
 const Errors kErrors[] = {
     {FAKE_ALLOC, "allocation", {ENOMEM}},
@@ -88,7 +88,7 @@ void limit_descriptors(int more) {
     setrlimit(RLIMIT_NOFILE, &now);
 }
 
-/** What the C library allocates once in a process. */
+// What the C library allocates once in a process.
 void warm_up(const Operation& operation) {
     const time_t now = 0;
     tm local;
@@ -100,7 +100,7 @@ void warm_up(const Operation& operation) {
     if (operation.warm) EXPECT_EQ(0, operation.run());
 }
 
-/** One fault, in its process. */
+// One fault, in its process.
 void meet(const Operation& operation, Outcome outcome, struct fault* fault) {
     alarm(kSecondsEach);
     warm_up(operation);
@@ -128,7 +128,7 @@ void meet(const Operation& operation, Outcome outcome, struct fault* fault) {
     EXPECT_LE(fakes.blocks, blocks);
 }
 
-/** Whether the fault was there to be met. */
+// Whether the fault was there to be met.
 bool met(const Operation& operation, Outcome outcome, struct fault* fault) {
     const ChildEnd end = run_child([&] { meet(operation, outcome, fault); });
     const bool hit = fault->calls[fault->call] >= fault->nth;

@@ -20,10 +20,10 @@ using Step = std::function<void()>;
 
 // How a child process came to its end.
 struct ChildEnd {
-    int exit_code;       ///< -1 if a signal ended it.
-    int signal;          ///< 0 if it exited.
-    bool completed;      ///< The body returned without a failed expectation.
-    std::string output;  ///< What it wrote to stdout and stderr, without the emulator's own lines.
+    int exit_code;       // -1 if a signal ended it.
+    int signal;          // 0 if it exited.
+    bool completed;      // The body returned without a failed expectation.
+    std::string output;  // What it wrote to stdout and stderr, without the emulator's own lines.
 };
 
 // Runs body in a child process, which SIGALRM ends when it hangs; its failures are in output.
@@ -75,9 +75,9 @@ inline void* arg(const char* text) { return const_cast<char*>(text); }
 
 // Handlers "A" to "D" of one list, which are noted as "a" to "d" in a nested pass.
 struct Script {
-    char actor;         ///< Whose handler acts in the outer pass.
-    const char* outer;  ///< What it does: '!' is a nested pass, anything else goes to change.
-    const char* inner;  ///< What the first handler of the nested pass does.
+    char actor;         // Whose handler acts in the outer pass.
+    const char* outer;  // What it does: '!' is a nested pass, anything else goes to change.
+    const char* inner;  // What the first handler of the nested pass does.
     std::function<void(char)> change;
     bool nested = false;
 
@@ -87,9 +87,9 @@ struct Script {
 constexpr long long kEndless = -1;
 
 struct Drive {
-    int result = 0;                   ///< Of the loop.
-    int awake = 0;                    ///< Calls of select() with something ready or owed.
-    std::vector<long long> waits_us;  ///< Timeouts that select() was called with.
+    int result = 0;                   // Of the loop.
+    int awake = 0;                    // Calls of select() with something ready or owed.
+    std::vector<long long> waits_us;  // Timeouts that select() was called with.
 };
 
 // Runs the loop of a context (null: the default one) on this thread. Whenever select() would sleep,

@@ -14,12 +14,12 @@ namespace tessra_test {
 
 class TimerModel {
 public:
-    std::function<unsigned(unsigned)> below;        ///< The next number below this one.
-    std::function<void(unsigned long long)> clock;  ///< Sets the loop's clock, in milliseconds.
-    std::function<void(bool, const char*)> check;   ///< Whether something holds, and what not.
+    std::function<unsigned(unsigned)> below;        // The next number below this one.
+    std::function<void(unsigned long long)> clock;  // Sets the loop's clock, in milliseconds.
+    std::function<void(bool, const char*)> check;   // Whether something holds, and what not.
     int fired = 0;
     static constexpr unsigned kMaxArgs = 64;
-    unsigned most = 12, args = 4, spread = 20;  ///< How many timers, arguments, timeouts.
+    unsigned most = 12, args = 4, spread = 20;  // How many timers, arguments, timeouts.
     std::size_t largest = 0;
 
     void begin(unsigned long long now) { clock(now_ = now), phase_time_ = 0; }
