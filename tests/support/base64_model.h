@@ -20,8 +20,9 @@ inline std::string model_encode(const std::string& in) {
     std::string text;
     for (size_t bit = 0; bit < in.size() * 8; bit += 6) {
         unsigned value = 0;
-        for (size_t b = bit; b < bit + 6; ++b)
+        for (size_t b = bit; b < bit + 6; ++b) {
             value = value * 2 + (b / 8 < in.size() ? bytes_of(in)[b / 8] >> (7 - b % 8) & 1 : 0);
+        }
         text += kAlphabet[value];
     }
     return text.append((4 - text.size() % 4) % 4, '=');

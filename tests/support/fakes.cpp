@@ -99,7 +99,8 @@ static PLAIN void* counted(void* block) {
 
 // ENOMEM, if this allocation is to fail.
 static PLAIN bool allocation_fails(const void* caller) {
-    const bool nth = fail_allocation != 0 && --fail_allocation == 0;
+    const bool nth = fail_allocation == 1;
+    if (fail_allocation != 0) --fail_allocation;
     if (nth) errno = ENOMEM;
     return fault_hits(FAKE_ALLOC, caller) || nth;
 }
@@ -107,7 +108,10 @@ static PLAIN bool allocation_fails(const void* caller) {
 
 static void record_syslog(int priority, const char* format, va_list args) {
     char* end = strchr(fakes.syslog_text, 0);
-    if (end > fakes.syslog_text + sizeof fakes.syslog_text / 2) *(end = fakes.syslog_text) = 0;
+    if (end > fakes.syslog_text + sizeof fakes.syslog_text / 2) {
+        end = fakes.syslog_text;
+        *end = 0;
+    }
     const auto room = [&] { return sizeof fakes.syslog_text - size_t(end - fakes.syslog_text); };
     end += snprintf(end, room(), "%d ", priority);
     end += vsnprintf(end, room(), format, args);
@@ -202,8 +206,9 @@ PLAIN int clock_gettime(clockid_t clock, timespec* now) __THROW {
         if (minutes) fakes.clock_ns += static_cast<unsigned long long>(minutes * 60000000000LL);
         errno = saved;
     }
-    if (clock != CLOCK_MONOTONIC_RAW || fakes.clock_ns == 0)
+    if (clock != CLOCK_MONOTONIC_RAW || fakes.clock_ns == 0) {
         return REAL_AS(clock_gettime, TIME64("clock_gettime", "__clock_gettime64"))(clock, now);
+    }
     now->tv_sec = static_cast<time_t>(fakes.clock_ns / 1000000000);
     now->tv_nsec = static_cast<long>(fakes.clock_ns % 1000000000);
     return 0;
@@ -239,8 +244,10 @@ PLAIN int open64(const char* path, int flags, ...) {
     va_start(args, flags);
     const unsigned mode = flags & O_CREAT ? va_arg(args, unsigned) : 0;
     va_end(args);
-    if (made_by_library(__builtin_return_address(0)) && fakes.before_open)
-        fakes.before_open(++fakes.opens);
+    if (made_by_library(__builtin_return_address(0)) && fakes.before_open) {
+        ++fakes.opens;
+        fakes.before_open(fakes.opens);
+    }
     return FAULT_HITS(FAKE_OPEN) ? -1 : REAL(open64)(path, flags, mode);
 }
 
@@ -261,8 +268,9 @@ PLAIN int fcntl64(int fd, int command, ...) {
 PLAIN int sigaction(int signal, const struct sigaction* action, struct sigaction* before) __THROW {
     if (FAULT_HITS(FAKE_SIGACTION)) return -1;
     const int result = REAL(sigaction)(signal, action, before);
-    if (fakes.after_sigaction && made_by_library(__builtin_return_address(0)))
+    if (fakes.after_sigaction && made_by_library(__builtin_return_address(0))) {
         fakes.after_sigaction(signal, action);
+    }
     return result;
 }
 

@@ -154,16 +154,17 @@ int drive_faults(const Operation& operation) {
     int points = 0;
     for (const auto& [call, name, errors, lasts] : kErrors) {
         for (const int error : errors) {
-            for (int nth = 1; nth < kMostFaults; ++nth, ++points) {
+            for (int nth = 1; nth < kMostFaults; ++nth) {
                 const Outcome outcome = outcome_of(operation, call, nth, error);
                 if (outcome == Outcome::kCannotBe) break;
                 SCOPED_TRACE(std::string(operation.name) + ": " + name + " " + std::to_string(nth) +
                              ", error " + std::to_string(error));
                 *fault = {call, nth, error, lasts, {}};
                 if (!met(operation, outcome, fault) || testing::Test::HasFailure()) break;
+                ++points;
             }
-            if (fault->call == call && fault->calls[call] == 0)
-                break;  // A call that it doesn't make.
+            // The operation doesn't make this call, so no other error is tried.
+            if (fault->call == call && fault->calls[call] == 0) break;
         }
     }
     munmap(fault, sizeof *fault);

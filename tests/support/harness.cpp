@@ -25,8 +25,9 @@ std::string read_output(FILE* file) {
     std::string text;
     char line[4096];
     rewind(file);
-    while (fgets(line, sizeof line, file))
+    while (fgets(line, sizeof line, file)) {
         if (std::string(line).rfind("qemu:", 0) != 0) text += line;
+    }
     return text;
 }
 
@@ -74,7 +75,9 @@ int driven_select(int nfds, fd_set* rset, fd_set* wset, fd_set* eset, timeval* t
     const bool may_sleep = !tv || tv->tv_sec > 0 || tv->tv_usec > 0;
     if (ready == 0 && may_sleep) {
         instead_of_sleep(tv);
-        *rset = asked[0], *wset = asked[1], *eset = asked[2];
+        *rset = asked[0];
+        *wset = asked[1];
+        *eset = asked[2];
         poll = {0, 0};
         ready = real_select(nfds, rset, wset, eset, &poll);
     }
@@ -147,8 +150,9 @@ int status_of(pid_t pid) {
 
 void await_child(pid_t pid) {
     siginfo_t info;
-    while (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WSTOPPED | WNOWAIT) == -1)
+    while (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WSTOPPED | WNOWAIT) == -1) {
         ASSERT_EQ(EINTR, errno);
+    }
 }
 
 int open_descriptors() {
@@ -162,7 +166,10 @@ int ready_descriptor() { return open("/dev/null", O_RDWR); }
 void note_timer(void* text) { trace += static_cast<const char*>(text); }
 void note_fd(int, void* text) { note_timer(text); }
 void note_signal(int, siginfo_t*, void* text) { note_timer(text); }
-int note_process(int, void* text, int) { return note_timer(text), 0; }
+int note_process(int, void* text, int) {
+    note_timer(text);
+    return 0;
+}
 void run_timer(void* step) { (*static_cast<Step*>(step))(); }
 void run_fd(int, void* step) { run_timer(step); }
 void run_signal(int, siginfo_t*, void* step) { run_timer(step); }

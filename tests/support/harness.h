@@ -56,7 +56,9 @@ int ready_descriptor();
 // A pipe whose ends are closed with it.
 struct Pipe {
     Pipe() { EXPECT_EQ(0, pipe(ends)); }
-    ~Pipe() { close(in), close(out); }
+    ~Pipe() {
+        for (const int end : ends) close(end);
+    }
     Pipe(const Pipe&) = delete;
     int ends[2];
     const int &in = ends[0], &out = ends[1];

@@ -22,7 +22,11 @@ public:
     unsigned most = 12, args = 4, spread = 20;  // How many timers, arguments, timeouts.
     std::size_t largest = 0;
 
-    void begin(unsigned long long now) { clock(now_ = now), phase_time_ = 0; }
+    void begin(unsigned long long now) {
+        now_ = now;
+        phase_time_ = 0;
+        clock(now_);
+    }
 
     // Stands for select(): checks the wait, changes timers as another thread would, sleeps.
     int wait(const timeval* tv) {
@@ -43,8 +47,9 @@ public:
             advance(outcome < 8 ? below(static_cast<unsigned>(sleep_ms) + 1) : sleep_ms);
         }
         phase_time_ = outcome == 19 ? 0 : now_;
-        if (outcome == 19) return errno = EINTR, -1;  // No pass.
-        return 0;
+        if (outcome != 19) return 0;
+        errno = EINTR;  // No pass.
+        return -1;
     }
 
     // Adds, deletes or asks for a timer.
@@ -107,7 +112,10 @@ private:
         for (unsigned n = below(3); n > 0; --n) change();
     }
 
-    void advance(long long ms) { clock(now_ += static_cast<unsigned long long>(ms)); }
+    void advance(long long ms) {
+        now_ += static_cast<unsigned long long>(ms);
+        clock(now_);
+    }
 
     std::vector<Timer> timers_;
     Arg args_[kMaxArgs] = {};
