@@ -28,7 +28,8 @@ static int passed, failed;
 
 static void check(int holds, const char* condition) {
     if (!holds) printf("failed: %s\n", condition);
-    *(holds ? &passed : &failed) += 1;
+    passed += holds;
+    failed += !holds;
 }
 #define CHECK(condition) check((condition) != 0, #condition)
 
@@ -179,17 +180,18 @@ static void test_list_and_tree_of_pointers(void) {
     for (int n = 0; n < 5; ++n) CHECK(BT_insert(tree, letters[n], letters[n]) == 1);
     LinkedList *keys = BT_keys(tree), *values = BT_values(tree), *pairs = BT_pairs(tree);
     LinkedListEnum* walk = LL_newenum(keys);
-    void **array = BT_toarray(tree, NULL), **pair;
+    void** array = BT_toarray(tree, NULL);
     CHECK(BT_find(tree, "s") == s && BT_leftmost(tree) == c && BT_rightmost(tree) == x);
     CHECK(BT_next(cursor) == c && BT_end(cursor) == x && BT_previous(cursor) == t);
     CHECK(LL_next(walk) == c && LL_end(walk) == x && LL_previous(walk) == t);
     CHECK(!BT_reset(cursor) && !LL_reset(walk) && LL_dequeue(keys) == c && LL_pop(values) == x);
     CHECK(CalculateTreeArraySize(tree) == 7 && array[5] == t && array[12] == x);
-    while ((pair = LL_pop(pairs))) free(pair);
+    while (pairs->itemcount > 0) free(LL_pop(pairs));
     free(array);
     LL_push(pairs, x);
     LL_enumdelete(walk);
-    LL_delete(keys), LL_delete(values), LL_delete(pairs), LL_delete(LL_create());
+    LinkedList* lists[] = {keys, values, pairs, LL_create()};
+    for (int n = 0; n < 4; ++n) LL_delete(lists[n]);
     BT_enumdelete(cursor);
     CHECK(BT_remove(tree, "f") == f && tree->itemcount == 4);
     BT_delete(tree);
@@ -204,12 +206,15 @@ static void test_building_blocks(void) {
     CHECK(inordernext(at_f) == at_t && inorderprevious(at_x) == at_t);
     CHECK(findinsertionpoint(tree, "y", &side) == at_x && findreplacement(at_t) == at_x);
     CHECK(findreplacement(at_x) == at_x);
-    CHECK((at_x->right = createnode(at_x, "y", NULL)) && ++tree->itemcount == 4);
+    at_x->right = createnode(at_x, "y", NULL);
+    ++tree->itemcount;
+    CHECK(at_x->right && tree->itemcount == 4);
     recalculateheight(at_x);
     balanceup(tree, at_x);
     CHECK(getbalance(at_t) == 1 && rotateleft(at_t) == at_x && rotateright(at_x) == at_t);
     DeleteLeafNode(tree, createnode(at_x, "z", NULL)); /* one that its parent doesn't have */
-    CHECK(at_x->right && ++tree->itemcount == 4);
+    ++tree->itemcount;
+    CHECK(at_x->right && tree->itemcount == 4);
     DeleteLeafNode(tree, at_x->right);
     swapnodes(at_t, at_x);
     BT_deletenode(tree, at_x);
@@ -222,7 +227,11 @@ static void test_building_blocks(void) {
 static void count_pair(char* key, void* value, void* sum) { *(int*)sum += !strcmp(key, value); }
 static void count_flag(const char* name, void* sum) { *(int*)sum += !strcmp(name, "on"); }
 static void count_entry(hashlist_t* entry, void* sum) { *(int*)sum += (int)entry->hash; }
-static int reject(void* value, void* sum) { return free(value), ++*(int*)sum, 0; }
+static int reject(void* value, void* sum) {
+    free(value);
+    ++*(int*)sum;
+    return 0;
+}
 
 static void test_tables(void) {
     hashtable_t *ht = hashtable_alloc(3), *own = hashtable_alloc(3);
@@ -300,7 +309,10 @@ static void test_misc(void) {
     int major = 7;
     char* texts[] = {system_output("echo %d", 1), get_fw_printenv("x 2>&1; echo 1"),
                      get_nrv_printenv("x 2>&1; echo 1")};
-    for (size_t n = 0; n < 3; free(texts[n++])) CHECK(texts[n] && strchr(texts[n], '1'));
+    for (size_t n = 0; n < 3; ++n) {
+        CHECK(texts[n] && strchr(texts[n], '1'));
+        free(texts[n]);
+    }
     get_hw_rev(&major, NULL);
     CHECK(major == 7 && is_mountpoint("/none/such") == 0);
 }
@@ -331,14 +343,14 @@ static void test_locks(void) {
 }
 
 int main(void) {
-    pid_t child;
     alarm(100); /* Ends it if a loop hangs. */
     test_base64();
     test_misc();
     test_errors();
     test_locks();
     CHECK(pipe(bytes) == 0 && pipe(held) == 0);
-    if ((child = fork()) == 0) {
+    const pid_t child = fork();
+    if (child == 0) {
         close(held[1]);
         _exit(read(held[0], bytes, 1) == 0 ? 3 : 4);
     }

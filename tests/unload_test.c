@@ -6,7 +6,9 @@
 
 #include "tessra/eventloop.h"
 
-static void ignore(int signal, siginfo_t* info, void* arg) { (void)signal, (void)info, (void)arg; }
+/* A handler has the parameters of its type. */
+#pragma GCC diagnostic ignored "-Wunused-parameter"
+static void ignore(int signal, siginfo_t* info, void* arg) {}
 
 int main(int argc, char** argv) {
     void* const library = argc == 2 ? dlopen(argv[1], RTLD_NOW) : NULL;

@@ -14,6 +14,9 @@
 #include <tessra/memchk.h>
 #include <tessra/szip.h>
 
+/* Handlers have the parameters of their types. */
+#pragma GCC diagnostic ignored "-Wunused-parameter"
+
 static size_t asked, taken, largest;
 
 static void* count(void* block, size_t size) {
@@ -34,13 +37,11 @@ void* __wrap_realloc(void* block, size_t size) {
 }
 
 static int compare(void* stored, void* wanted) { return stored < wanted ? 1 : stored > wanted; }
-static void on_timer(void* arg) { (void)arg; }
-static void on_fd(int fd, void* arg) { (void)fd, (void)arg; }
-static void on_signal(int signal, siginfo_t* info, void* arg) {
-    (void)signal, (void)info, (void)arg;
-}
+static void on_timer(void* arg) {}
+static void on_fd(int fd, void* arg) {}
+static void on_signal(int signal, siginfo_t* info, void* arg) {}
 static void end(void* loop) { cancel_loop_mc(loop); }
-static int on_child(int pid, void* arg, int status) { return (void)pid, (void)arg, status; }
+static int on_child(int pid, void* arg, int status) { return status; }
 
 /* Prints what the statement keeps. */
 #define MEASURE(name, ...)                            \
@@ -61,7 +62,11 @@ static void measure_many(void) {
     for (unsigned int n = 0; n < 1000; ++n) {
         asked = taken = 0;
         event_timer_add_mc(loop, on_timer, &args[n], 60000);
-        if (asked < least) least = asked, least_taken = taken, small = 0;
+        if (asked < least) {
+            least = asked;
+            least_taken = taken;
+            small = 0;
+        }
         small += asked == least;
     }
     if (small < 700 || small > 800) abort();
@@ -103,7 +108,8 @@ int main(void) {
     const char* files[] = {"/usr", "/usr"};
     size_t asked_before = 0, taken_before = 0;
     for (unsigned int n = 0; n < 3; ++n) { /* The first reads the time zone. */
-        asked_before = asked, taken_before = taken;
+        asked_before = asked;
+        taken_before = taken;
         asked = taken = 0;
         szip_free_info(szip_create_info(files, n ? n : 1, "/", ""));
     }

@@ -41,7 +41,10 @@ static void on_deadline(void* arg) {
 }
 
 static int order(void* stored, void* wanted) { return strcmp(stored, wanted); }
-static void no_log(int level, char* format, ...) { (void)level, (void)format; }
+static void no_log(int level, char* format, ...) {
+    (void)level;
+    (void)format;
+}
 
 /* How many of seven parts do their work. */
 static int working_parts(void) {
@@ -69,7 +72,11 @@ static int working_parts(void) {
     const int fd = mkstemp(path);
     count += createPidFile(a, path, 0) > fd;
     const pid_t second = fork();
-    if (second == 0) close(2), (void)createPidFile(a, path, 0), _exit(0);
+    if (second == 0) {
+        close(2);
+        (void)createPidFile(a, path, 0);
+        _exit(0);
+    }
     waitpid(second, &status, 0);
     count += WIFEXITED(status) && WEXITSTATUS(status) == 1;
     unlink(path);
