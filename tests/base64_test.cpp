@@ -44,11 +44,12 @@ TEST(Base64, FastAndSimpleWayDiffer) {
     SCOPED_TRACE(seed);
     std::mt19937 random(seed);
     std::string bytes;
-    for (size_t length = 0; length <= 200; bytes += static_cast<char>(random()), ++length) {
+    for (size_t length = 0; length <= 200; ++length) {
         const std::string text = model_encode(bytes);
         ASSERT_TRUE(encodes_like_model(bytes)) << length;
-        for (size_t room = 0; room <= length + 1; ++room)
+        for (size_t room = 0; room <= length + 1; ++room) {
             ASSERT_TRUE(decodes_like_model(text, room)) << text << ' ' << room;
+        }
         for (size_t place = 0; place < text.size(); ++place) {
             ASSERT_TRUE(decodes_like_model(text.substr(0, place), length)) << text << ' ' << place;
             for (const char bad : {'=', '-', '\0', '\n', static_cast<char>(random())}) {
@@ -58,6 +59,7 @@ TEST(Base64, FastAndSimpleWayDiffer) {
                 ASSERT_TRUE(decodes_like_model(changed, room)) << changed << ' ' << room;
             }
         }
+        bytes += static_cast<char>(random());
     }
 }
 
@@ -71,11 +73,11 @@ TEST(Base64, FailureIsTakenForAnotherOrTouchesWhatItMustNot) {
         EXPECT_EQ(BASE64_INVALID_LEN, base64_encode_alloc(out, inlen, &block, &n));
         EXPECT_TRUE(block == nullptr && n == (inlen + 2) / 3 * 4 + 1);
     }
-    for (const int code : {base64_encode(nullptr, 0, out, &n), base64_encode(out, 1, out, nullptr),
-                           base64_decode(nullptr, 0, out, &n), base64_decode(out, 0, nullptr, &n),
-                           base64_encode_alloc(out, 1, &block, nullptr),
-                           base64_decode_alloc(out, 1, &block, nullptr)})
-        EXPECT_EQ(BASE64_INVALID_ARG, code);
+    const int codes[] = {
+        base64_encode(nullptr, 0, out, &n),           base64_encode(out, 1, out, nullptr),
+        base64_decode(nullptr, 0, out, &n),           base64_decode(out, 0, nullptr, &n),
+        base64_encode_alloc(out, 1, &block, nullptr), base64_decode_alloc(out, 1, &block, nullptr)};
+    for (const int code : codes) EXPECT_EQ(BASE64_INVALID_ARG, code);
     EXPECT_STREQ("~~~~~~~~", reinterpret_cast<char*>(out));
     for (const auto call : {base64_encode_alloc, base64_decode_alloc}) {
         EXPECT_EQ(BASE64_INVALID_ARG, call(nullptr, 4, &block, &n));

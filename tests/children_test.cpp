@@ -63,15 +63,15 @@ ISOLATED_TEST(Children, EndIsMissedOrDecodedWrong) {
 ISOLATED_TEST(Children, StoppedOneIsReportedAsEnded) {
     const pid_t pid = dead_child([] { raise(SIGSTOP); });
     event_process_add(pid, note_process, arg("e"));
-    drive(nullptr,
-          {kSigchld, [pid] {
-               EXPECT_EQ("", trace);
-               kill(pid, SIGKILL);
-               siginfo_t
-                   info;  // The stop has been collected, so that only the end is left to wait for.
-               EXPECT_EQ(0, waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT));
-               raise(SIGCHLD);
-           }});
+    const Step kill_it = [pid] {
+        EXPECT_EQ("", trace);
+        kill(pid, SIGKILL);
+        // The stop has been collected, so only the exit is left to wait for.
+        siginfo_t info;
+        EXPECT_EQ(0, waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT));
+        raise(SIGCHLD);
+    };
+    drive(nullptr, {kSigchld, kill_it});
     EXPECT_EQ("e", trace);
 }
 
@@ -94,10 +94,11 @@ TEST(Children, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
             static Script script;
             static pid_t pids[3];
             script = {'A', row.outer, row.inner, [](char action) {
-                          if (action == '+')
+                          if (action == '+') {
                               event_process_add(dead_child(), note_process, arg("D"));
-                          else
+                          } else {
                               event_process_del(pids[action - 'A']);
+                          }
                       }};
             for (pid_t& pid : pids) {
                 pid = dead_child();
@@ -112,8 +113,9 @@ TEST(Children, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
             }
             drive(nullptr, {kSigchld});
             EXPECT_EQ(row.called, trace);
-            for (int n = 0; n < 3; ++n)
+            for (int n = 0; n < 3; ++n) {
                 EXPECT_EQ(strchr(row.uncollected, 'A' + n) != nullptr, uncollected(pids[n]));
+            }
         });
     }
 }
@@ -165,21 +167,22 @@ TEST(Children, WatchersFireOnTheWrongContext) {
     const auto add = [] { event_process_add(pid, note_process, arg("d")); };
     const auto add_mc = [] { event_process_add_mc(other, pid, note_process, arg("o")); };
     const struct {
-        Step prepare;
+        std::vector<Step> prepare;
         bool run_other;
         const char* called;
     } rows[] = {
-        {[=] { add(), add_mc(); }, false, "d"},
-        {[=] { add_mc(), add(); }, false, "o"},
-        {[=] { add(), add_mc(); }, true, ""},
-        {[=] { add_mc(), add(); }, true, ""},
-        {[=] { add(), event_process_add(pid, note_process, arg("x")); }, false, "d"},
-        {[=] { add(), event_signal_del(SIGCHLD), add(); }, false, ""},
-        {[=] { add(), event_process_del(pid), drive(nullptr), add(); }, false, ""},
+        {{add, add_mc}, false, "d"},
+        {{add_mc, add}, false, "o"},
+        {{add, add_mc}, true, ""},
+        {{add_mc, add}, true, ""},
+        {{add, [] { event_process_add(pid, note_process, arg("x")); }}, false, "d"},
+        {{add, [] { event_signal_del(SIGCHLD); }, add}, false, ""},
+        {{add, [] { event_process_del(pid); }, [] { drive(nullptr); }, add}, false, ""},
         // A first call that fails decides nothing.
-        {[=] { fail_allocation = 2, add_mc(), add(); }, false, "d"},
+        {{[] { fail_allocation = 2; }, add_mc, add}, false, "d"},
         // The context of the first call is freed, and its memory used again.
-        {[=] { add_mc(), event_mc_free(other), other = event_mc_init(), add_mc(), add(); }, false,
+        {{add_mc, [] { event_mc_free(other); }, [] { other = event_mc_init(); }, add_mc, add},
+         false,
          ""},
     };
     for (const auto& row : rows) {
@@ -187,7 +190,7 @@ TEST(Children, WatchersFireOnTheWrongContext) {
         run_isolated([&row] {
             other = event_mc_init();
             pid = dead_child();
-            row.prepare();
+            for (const Step& step : row.prepare) step();
             drive(row.run_other ? other : nullptr, {kSigchld, kSigchld});
             EXPECT_EQ(row.called, trace);
         });

@@ -14,8 +14,8 @@ namespace {
 
 uint32_t crc_by_definition(uint32_t crc, const uint8_t* p, size_t size) {
     crc = ~crc;
-    while (size-- > 0) {
-        crc ^= *p++;
+    for (size_t n = 0; n < size; ++n) {
+        crc ^= p[n];
         for (int bit = 0; bit < 8; ++bit) crc = crc & 1 ? crc >> 1 ^ 0xedb88320 : crc >> 1;
     }
     return ~crc;

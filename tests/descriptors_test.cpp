@@ -83,9 +83,9 @@ TEST(Descriptors, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
         {'A', "A!", "B", "AbcdCD"},  // The successor deletes itself there.
         {'A', "B!", "CD", "Aa"},         {'A', "!B!", "C", "AabdadD"},
     };
-    const auto run = [](const auto& row, int idle_ones) {
+    const auto run = [](const auto& row, int idle_before_first, int idle_before_others) {
         SCOPED_TRACE(std::string() + row.actor + " " + row.outer + " " + row.inner);
-        run_isolated([&row, idle_ones] {
+        run_isolated([&row, idle_before_first, idle_before_others] {
             static Script script;
             static int fds[4];
             script = {row.actor, row.outer, row.inner, [](char action) {
@@ -98,9 +98,10 @@ TEST(Descriptors, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
                               close(fds[action - 'A']);
                           }
                       }};
-            for (int n = 4; n-- > 0;) fds[n] = ready_descriptor();
+            for (int n = 3; n >= 0; --n) fds[n] = ready_descriptor();
             for (int& fd : fds) {
-                for (int n = idle_ones > 0 || &fd == fds ? abs(idle_ones) : 0; n-- > 0;) {
+                const int idle = &fd == fds ? idle_before_first : idle_before_others;
+                for (int n = 0; n < idle; ++n) {
                     event_fd_add(note_fd, arg("?"), ready_descriptor(), EVENT_FD_EXCEPT);
                 }
                 event_fd_add(
@@ -114,8 +115,12 @@ TEST(Descriptors, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
             EXPECT_EQ(row.called, trace);
         });
     };
-    // Those that are ready among many are looked up: of 10 idle ones before each, 40 before all.
-    for (const auto& row : rows) run(row, 0), run(row, 10), run(row, -40);
+    for (const auto& row : rows) {
+        run(row, 0, 0);
+        // Among so many idle ones the loop looks up those that are ready.
+        run(row, 10, 10);
+        run(row, 40, 0);
+    }
 }
 
 // Any few or many ready ones among so many that these are looked up, unless two share a descriptor
@@ -135,7 +140,8 @@ ISOLATED_TEST(Descriptors, CrowdIsCalledInAnotherOrderOrNotAtAll) {
         for (const Watcher& watcher : std::span(watchers, count)) {
             for (int n = 0; n < 3; ++n) {
                 if (!(watcher.answer >> n & 1) || FD_ISSET(watcher.fd, sets[n])) continue;
-                FD_SET(watcher.fd, sets[n]), bits++;
+                FD_SET(watcher.fd, sets[n]);
+                ++bits;
             }
         }
         return bits;
@@ -222,15 +228,21 @@ TEST(Descriptors, ClosedOneGoesUnnoticed) {
         fd = dup2(ready_descriptor(), 900);  // Not where the channel will be.
         event_fd_add(note_fd, arg(""), fd, type);
     };
+    static const auto watch_and_close = [](int type) {
+        watch(type);
+        close(fd);
+    };
     // Closed by a timer, some passes after the last add; then the list changes or not.
-    static bool changes;
-    static const auto close_later = [](int type, bool nested) {
+    static const auto close_later = [](int type, bool changes, bool nested) {
         watch(type);
         static Step last, first;
-        last = [nested] {
+        last = [changes, nested] {
             close(fd);
             if (changes) event_fd_add(note_fd, arg(""), ready_descriptor(), EVENT_FD_EXCEPT);
-            if (nested) do_events(0), puts("survived"), cancel_loop();
+            if (!nested) return;
+            do_events(0);
+            puts("survived");
+            cancel_loop();
         };
         first = [] { event_timer_add(run_timer, &last, 2); };
         event_timer_add(run_timer, &first, 1);
@@ -244,18 +256,18 @@ TEST(Descriptors, ClosedOneGoesUnnoticed) {
                      EVENT_FD_READ);
     };
     const Step rows[] = {
-        [] { add_in_handler(); },
-        [] { watch(EVENT_FD_EXCEPT), close(fd); },
-        [] { watch(0), close(fd); },
+        add_in_handler,
+        [] { watch_and_close(EVENT_FD_EXCEPT); },
+        [] { watch_and_close(0); },
         [] { event_fd_add(note_fd, nullptr, 901, EVENT_FD_READ); },
         [] { event_fd_add(note_fd, nullptr, -1, EVENT_FD_READ); },
         [] { event_fd_add(note_fd, nullptr, INT_MIN, 0); },
-        [] { close_later(EVENT_FD_EXCEPT, false); },
-        [] { close_later(EVENT_FD_READ, true); },
-        [] { close_later(0, false); },
-        [] { close_later(0, true); },
-        [] { changes = true, close_later(EVENT_FD_READ, false); },
-        [] { changes = true, close_later(EVENT_FD_READ, true); },
+        [] { close_later(EVENT_FD_EXCEPT, false, false); },
+        [] { close_later(EVENT_FD_READ, false, true); },
+        [] { close_later(0, false, false); },
+        [] { close_later(0, false, true); },
+        [] { close_later(EVENT_FD_READ, true, false); },
+        [] { close_later(EVENT_FD_READ, true, true); },
         // Tested in an earlier run of the loop, and closed since.
         [] {
             event_loop_ctx_tp own = event_mc_init();
@@ -270,7 +282,10 @@ TEST(Descriptors, ClosedOneGoesUnnoticed) {
         },
     };
     for (const Step& row : rows) {
-        const ChildEnd end = run_child([&row] { row(), et_event_loop(); });
+        const ChildEnd end = run_child([&row] {
+            row();
+            et_event_loop();
+        });
         EXPECT_EQ(255, end.exit_code) << "row " << &row - rows;
         EXPECT_EQ(&row == rows ? "\n" : "", end.output);
     }

@@ -55,9 +55,10 @@ string parsed(const string& message, bool v6) {
     EXPECT_TRUE(got.sin6_port == 0xEEEE && got.sin6_scope_id == 0xEEEEEEEE);
     const bool is_v6 = got.sin6_family == AF_INET6;
     EXPECT_TRUE(!is_v6 || got.sin6_flowinfo == 0xEEEEEEEE);
-    if (v6 ? got.sin6_family != 0xEEEE : in->s_addr != 0xEEEEEEEE)
+    if (v6 ? got.sin6_family != 0xEEEE : in->s_addr != 0xEEEEEEEE) {
         inet_ntop(is_v6 ? AF_INET6 : AF_INET, is_v6 ? static_cast<const void*>(&got.sin6_addr) : in,
                   address, sizeof address);
+    }
     const auto& head = *reinterpret_cast<dns_header_t*>(edge);
     EXPECT_EQ(string("\x34\x12") + message[3] + message[2] + "\1\0"s, string(edge, 6));
     EXPECT_EQ(message.substr(8), string(edge + 8, message.size() - 8));

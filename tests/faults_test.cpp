@@ -55,8 +55,14 @@ struct Unarmed {
     struct fault* armed = std::exchange(fakes.fault, nullptr);
 };
 
-// -1 if an add or the like has told a failure.
-int told() { return errno ? -1 : 0; }
+// The result of a call that reports a failure only in errno.
+int result_by_errno() { return errno ? -1 : 0; }
+
+// Returns a result to a caller that also reads errno, which clean-up may have changed.
+int with_errno(int error, int result) {
+    errno = error;
+    return result;
+}
 
 void expect_unarmed() {
     EXPECT_EQ(0, event_timer_exists(note_timer, nullptr));
@@ -68,10 +74,15 @@ int run_added(const Step& add, const char* expected, const Step& trigger) {
     int result = 0, error = 0;
     trace.clear();
     set_clock(1000);
-    const Step add_and_see = [&] { errno = 0, add(), result = told(), error = errno; };
+    const Step add_and_see = [&] {
+        errno = 0;
+        add();
+        error = errno;
+        result = result_by_errno();
+    };
     if (drive(nullptr, {add_and_see, trigger, trigger}).result != 0) return -1;
     EXPECT_EQ(result ? "" : expected, trace);
-    return errno = error, result;
+    return with_errno(error, result);
 }
 
 int add_timer() {
@@ -94,7 +105,7 @@ int add_descriptor() {
                   });
     const int error = errno;
     if (result && written) EXPECT_EQ(1, read(pipe.in, &byte, 1));
-    return errno = error, result;
+    return with_errno(error, result);
 }
 
 int add_signal() {
@@ -113,7 +124,7 @@ int add_child() {
     const int error = errno;
     done = result == 0;
     waitpid(pid, nullptr, WNOHANG);
-    return errno = error, result;
+    return with_errno(error, result);
 }
 
 int make_context() {
@@ -152,7 +163,7 @@ int run_loop() {
     std::sort(trace.begin(), trace.end());  // A jump of the clock can put the timer first.
     EXPECT_EQ("fst", trace);
     event_mc_free(context);
-    return errno = error, result;
+    return with_errno(error, result);
 }
 
 int run_nested_pass() {
@@ -173,7 +184,7 @@ int run_nested_pass() {
     event_timer_add(run_timer, &nest, 0);
     EXPECT_EQ(0, drive(nullptr).result);
     EXPECT_EQ("n", trace);
-    return errno = error, result;
+    return with_errno(error, result);
 }
 
 int start_thread() {
@@ -210,13 +221,14 @@ int run_command() {
         EXPECT_EQ(before.sa_handler, after.sa_handler) << signal;
     }
     pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
-    for (int signal = 1; signal < 32; ++signal)
+    for (int signal = 1; signal < 32; ++signal) {
         EXPECT_EQ(signal == SIGUSR2, sigismember(&blocked, signal));
+    }
     while (waitpid(-1, nullptr, 0) > 0) {  // After a wait that failed it may still be there.
     }
     const bool no_shell = fakes.fault && fakes.fault->call == FAKE_EXEC;
     EXPECT_TRUE(status == 3 << 8 || status == (no_shell ? 127 << 8 : -1)) << status;
-    return errno = error, status == 3 << 8 ? 0 : -1;
+    return with_errno(error, status == 3 << 8 ? 0 : -1);
 }
 
 int run_task() {
@@ -226,11 +238,11 @@ int run_task() {
     set_clock(100000);
     errno = 0;
     run_bg_task(&task);
-    const int result = told(), error = errno;
+    const int result = result_by_errno(), error = errno;
     if (drive(nullptr).result != 0) return -1;
     while (waitpid(-1, nullptr, 0) > 0) {
     }
-    return errno = error, result;
+    return with_errno(error, result);
 }
 
 int get_output() {
@@ -239,7 +251,7 @@ int get_output() {
     const int error = errno;
     free(output);
     EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));
-    return errno = error, complete ? 0 : -1;
+    return with_errno(error, complete ? 0 : -1);
 }
 
 int find_mount_point() { return is_mountpoint("/proc") - 1; }
@@ -271,7 +283,7 @@ int lock_regions() {
                        regionIsLocked(fd, F_WRLCK, SEEK_SET, 0, 0);
     const int error = errno;
     close(fd);
-    return errno = error, failed;
+    return with_errno(error, failed);
 }
 
 int plan_archive() {
@@ -309,7 +321,7 @@ int stream_archive() {
     szip_free_info(info);
     unlink(name.c_str());
     unlink(to.c_str());
-    return errno = error, results[0];
+    return with_errno(error, results[0]);
 }
 
 int compare_addresses(void* a, void* b) { return a < b ? -1 : a > b; }
@@ -330,11 +342,14 @@ int fill_tree() {
     EXPECT_TRUE(!pairs || pairs->itemcount == inserted);
     while (pairs && pairs->itemcount) free(LL_pop(pairs));
     if (pairs) LL_delete(pairs);
-    if (keys) LL_push(keys, tree), LL_delete(keys);
+    if (keys) {
+        LL_push(keys, tree);
+        LL_delete(keys);
+    }
     if (cursor) BT_enumdelete(cursor);
     free(array);
     BT_delete(tree);
-    return complete ? told() : -1;
+    return complete ? result_by_errno() : -1;
 }
 
 int fill_tables() {
@@ -343,7 +358,8 @@ int fill_tables() {
     char *key, *value;
     {
         const Unarmed ours;
-        key = strdup("key"), value = strdup("value");
+        key = strdup("key");
+        value = strdup("value");
     }
     list_t values;
     if (flags) named_flag_set(flags, "flag");
@@ -351,11 +367,13 @@ int fill_tables() {
     str_hashtable_values(strings, &values);
     EXPECT_EQ(put, str_hashtable_count(strings, "key") == 1);
     list_free_items(&values, nullptr);
-    if (!put) free(key), free(value);
+    if (!put) {
+        for (char* const block : {key, value}) free(block);
+    }
     if (flags) EXPECT_TRUE(named_flag_has(flags, "flag") || errno);
     hashtable_free(flags, nullptr);
     str_hashtable_free(strings);
-    return told();
+    return result_by_errno();
 }
 
 void ignore(int, char*, ...) {}
@@ -368,7 +386,7 @@ int track_blocks() {
     memchk_free(block, __FILE__, 3);
     memchk_free(text, __FILE__, 3);
     dump_allocation_tree(0, ignore);
-    return told();
+    return result_by_errno();
 }
 
 int decode() {
@@ -387,9 +405,8 @@ int decode() {
                          base64_decode_alloc(in, 4, &bytes, &length)};
     for (const int code : codes) EXPECT_TRUE(code == BASE64_OK || code == BASE64_NOMEM) << code;
     const bool complete = name && text && bytes;
-    for (void* block :
-         {static_cast<void*>(name), static_cast<void*>(text), static_cast<void*>(bytes)})
-        free(block);
+    void* const blocks[] = {name, text, bytes};
+    for (void* const block : blocks) free(block);
     return complete ? 0 : -1;
 }
 
@@ -490,10 +507,12 @@ class Faults : public testing::TestWithParam<Operation> {};
 int all_points;
 
 TEST_P(Faults, CrashLeakOrLoseSomething) {
-    if (getenv("TESSRA_EMULATED"))
+    if (getenv("TESSRA_EMULATED")) {
         GTEST_SKIP() << "qemu-user's child of fork() now and then hangs, and this forks a lot";
+    }
     const int points = drive_faults(GetParam());
-    printf("%s: %d faults, %d so far\n", GetParam().name, points, all_points += points);
+    all_points += points;
+    printf("%s: %d faults, %d so far\n", GetParam().name, points, all_points);
     EXPECT_GT(points, 0);
 }
 

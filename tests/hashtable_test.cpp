@@ -57,8 +57,9 @@ TEST(StrHash, DiffersFromLookup2OrReadsBehindTheString) {
 
 TEST(HashTable, SizesThatNoBlockHasAndNothingAtAll) {
     // On 32 bits the last one's block would have 12 bytes.
-    for (const int size : {-1, INT_MIN, INT_MAX, 0x15555556})
+    for (const int size : {-1, INT_MIN, INT_MAX, 0x15555556}) {
         if (size < 0 || sizeof(size_t) == 4) EXPECT_TRUE(!hashtable_alloc(size) && errno == ENOMEM);
+    }
     for (hashtable_t* ht : {hashtable_alloc(0), static_cast<hashtable_t*>(nullptr)}) {
         hashtable_iterate(ht, nullptr, nullptr);
         str_hashtable_filter(ht, nullptr, nullptr, nullptr);
@@ -80,8 +81,9 @@ std::string key_of(char letter) {
 // A key for each letter; the values are "1", "2"..., in blocks. f is alone in its bucket.
 hashtable_t* table_of(const char* letters) {
     hashtable_t* ht = hashtable_alloc(3);
-    for (int n = 0; letters[n]; ++n)
+    for (int n = 0; letters[n]; ++n) {
         str_hashtable_put(ht, strdup(key_of(letters[n]).c_str()), strndup(&"123456"[n], 1));
+    }
     return ht;
 }
 
@@ -93,7 +95,9 @@ void delete_own(char* key, void*, void* ht) {
 }
 int take_even_or_all(void* value, void* seen) {
     if (seen) note_value(nullptr, value, seen);
-    return seen && *text(value) % 2 ? 1 : (free(value), 0);
+    if (seen && *text(value) % 2) return 1;
+    free(value);
+    return 0;
 }
 
 std::string values(hashtable_t* ht) {

@@ -13,7 +13,8 @@ namespace {
 constexpr int kZone = 6;
 
 void set_rules(const char* rules) {
-    rules ? setenv("TESSRA_LOG", rules, 1) : unsetenv("TESSRA_LOG");
+    unsetenv("TESSRA_LOG");
+    if (rules) setenv("TESSRA_LOG", rules, 1);
 }
 
 std::string printed(const std::string& text) {
@@ -49,22 +50,26 @@ TEST(Liblog, RuleIsReadWrong) {
     for (const auto& [rules, highest, other] : rows) {
         set_rules(rules);
         errno = ENOENT;
-        for (const int level : {1, highest, highest == 2147483647 ? 1 : highest + 1})
+        for (const int level : {1, highest, highest == 2147483647 ? 1 : highest + 1}) {
             EXPECT_EQ(level > 0 && level <= highest, logzone_enabled(kZone, level) != 0) << rules;
-        for (const int zone : {-1, 0})
-            for (const int level : {1, other + 1})
+        }
+        for (const int zone : {-1, 0}) {
+            for (const int level : {1, other + 1}) {
                 EXPECT_EQ(level <= other, logzone_enabled(zone, level) != 0) << rules << zone;
+            }
+        }
         EXPECT_EQ(ENOENT, errno) << rules;
     }
 }
 
 TEST(Liblog, MessageIsNotOneWholeLine) {
     set_rules(nullptr);
-    for (const size_t length : {0, 5, 1022, 1023, 5000})
+    for (const size_t length : {0, 5, 1022, 1023, 5000}) {
         for (const char* end : {"", "\n"}) {
             const std::string text(length, 'x'), line = text.substr(0, 1022) + '\n';
             EXPECT_EQ(line, printed(text + end)) << length;
         }
+    }
 }
 
 TEST(Liblog, MessageIsPrintedUnwantedOrSpoilsErrno) {

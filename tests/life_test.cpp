@@ -23,6 +23,15 @@ using Semaphore = std::counting_semaphore<>;
 
 constexpr unsigned long long kHour = 3600000;
 
+// A place where one thread parks until another lets it go on.
+struct Gate {
+    void park() {
+        reached.release();
+        leave.acquire();
+    }
+    Semaphore reached{0}, leave{0};
+};
+
 // A loop on a thread of its own.
 struct Runner {
     explicit Runner(const Step& afterwards = [] {}) {
@@ -56,7 +65,10 @@ ISOLATED_TEST(Free, TakesNoLockOfAnotherContext) {
         Runner* runner;
         Runner worker([&] { event_mc_free(runner->context); });
         runner = &worker;
-        Step stop = [&] { worker.end(), cancel_loop(); };
+        Step stop = [&] {
+            worker.end();
+            cancel_loop();
+        };
         event_fd_add(run_fd, &stop, ready_descriptor(), EVENT_FD_READ);
         EXPECT_EQ(0, et_event_loop());
     }
@@ -93,7 +105,10 @@ ISOLATED_TEST(Free, MayFollowTheLoopsReturnWhateverACancelDoes) {
     }
 }
 
-int run_process(int, void* step, int) { return run_timer(step), 0; }
+int run_process(int, void* step, int) {
+    run_timer(step);
+    return 0;
+}
 
 ISOLATED_TEST(Free, EndsTheWalkOfItsChildrenFromAChildsHandler) {
     event_loop_ctx_tp own = event_mc_init();
@@ -140,22 +155,32 @@ ISOLATED_TEST(Cancelled, ThreadLeavesTheLibraryWhole) {
     };
     // A canceller is inside the channel of the loop that ends, which waits for it.
     const Step end_waits = [] {
-        static Semaphore inside(0), leave(0);
+        static Gate gate;
         Runner runner;
         std::thread canceller([&] {
             fakes.before_message = [](int, size_t) {
                 fakes.before_message = nullptr;
-                inside.release(), leave.acquire();
+                gate.park();
             };
             cancel_loop_mc(runner.context);
         });
-        inside.acquire();
-        Step go_on = [&] { leave.release(); };
-        at_call(FAKE_NANOSLEEP, [&] { pthread_cancel(runner.thread.native_handle()), go_on(); });
+        gate.reached.acquire();
+        at_call(FAKE_NANOSLEEP, [&] {
+            pthread_cancel(runner.thread.native_handle());
+            gate.leave.release();
+        });
         event_timer_del_mc(runner.context, note_timer, nullptr);
         canceller.join();
         runner.thread.join();
         pthread_cancel(pthread_self());
+    };
+    const Step catch_signal = [] {
+        raise(SIGUSR1);
+        signalled.acquire();
+    };
+    const Step start_and_stop = [] {
+        event_loop_async_start();
+        event_loop_async_stop();
     };
     const struct {
         int call;
@@ -166,10 +191,10 @@ ISOLATED_TEST(Cancelled, ThreadLeavesTheLibraryWhole) {
         {FAKE_CLOSE, loop},
         {FAKE_WRITE, loop},
         {FAKE_WRITE, [&] { event_timer_add_mc(other.context, note_timer, nullptr, kHour); }},
-        {FAKE_WRITE, [] { raise(SIGUSR1), signalled.acquire(); }},
-        {FAKE_PTHREAD_CREATE, [] { event_loop_async_start(), event_loop_async_stop(); }},
-        {FAKE_COND_WAIT, [] { event_loop_async_start(), event_loop_async_stop(); }},
-        {FAKE_PTHREAD_JOIN, [] { event_loop_async_start(), event_loop_async_stop(); }},
+        {FAKE_WRITE, catch_signal},
+        {FAKE_PTHREAD_CREATE, start_and_stop},
+        {FAKE_COND_WAIT, start_and_stop},
+        {FAKE_PTHREAD_JOIN, start_and_stop},
         {FAKE_CALLS, end_waits},
     };
     for (const auto& row : rows) {
@@ -182,7 +207,10 @@ ISOLATED_TEST(Cancelled, ThreadLeavesTheLibraryWhole) {
             pthread_testcancel();
         };
         pthread_t thread;
-        const auto run = [](void* step) -> void* { return run_timer(step), nullptr; };
+        const auto run = [](void* step) -> void* {
+            run_timer(step);
+            return nullptr;
+        };
         ASSERT_EQ(0, pthread_create(&thread, nullptr, run, const_cast<Step*>(&body)));
         void* result;
         pthread_join(thread, &result);
@@ -193,11 +221,16 @@ ISOLATED_TEST(Cancelled, ThreadLeavesTheLibraryWhole) {
     event_mc_free(other.context);
 }
 
+void lock_and_unlock(recursive_mutex* mutex) {
+    recursive_mutex_lock(mutex);
+    recursive_mutex_unlock(mutex);
+}
+
 // What a child of fork() may do with the library, and it has nobody to wait for.
 void use_in_child(event_loop_ctx_tp idle) {
     alarm(20);
     for (event_loop_ctx_tp context : {event_loop_ctx_tp(), idle, event_mc_init()}) {
-        Step cancel = [=] { context ? cancel_loop_mc(context) : cancel_loop(); };
+        Step cancel = [=] { cancel_loop_of(context); };
         Step timer = [&] { raise(SIGUSR1); };
         if (context) {
             event_timer_add_mc(context, run_timer, &timer, 0);
@@ -211,13 +244,12 @@ void use_in_child(event_loop_ctx_tp idle) {
         }
     }
 #if !defined(__SANITIZE_THREAD__)  // It knows no threads in such a child, and qemu-user aborts.
-    if (!getenv("TESSRA_EMULATED") &&
-        (event_loop_async_start() != 0 || event_loop_async_stop() != 0))
-        _exit(3);
+    if (!getenv("TESSRA_EMULATED")) {
+        if (event_loop_async_start() != 0 || event_loop_async_stop() != 0) _exit(3);
+    }
 #endif
     recursive_mutex own = RECURSIVE_MUTEX_INITIALIZER;
-    recursive_mutex_lock(&own);
-    recursive_mutex_unlock(&own);
+    lock_and_unlock(&own);
 }
 
 // A thread is parked inside the library. It goes on after the fork, or if the fork waits for the
@@ -225,15 +257,14 @@ void use_in_child(event_loop_ctx_tp idle) {
 TEST(Fork, ChildCanUseWhatAnotherThreadWasChanging) {
     static event_loop_ctx_tp idle, other;
     static recursive_mutex mutex = RECURSIVE_MUTEX_INITIALIZER, own = RECURSIVE_MUTEX_INITIALIZER;
-    static const auto use_own = [] { recursive_mutex_lock(&own), recursive_mutex_unlock(&own); };
+    static const auto use_own = [] { lock_and_unlock(&own); };
     const Step loop = [] { et_event_loop_mc(other); };
     const struct {
         int call;
         bool fork_waits;
         Step body;
     } rows[] = {
-        {FAKE_MUTEX_TRYLOCK, false,
-         [] { recursive_mutex_lock(&mutex), recursive_mutex_unlock(&mutex); }},
+        {FAKE_MUTEX_TRYLOCK, false, [] { lock_and_unlock(&mutex); }},
         {FAKE_MKFIFO, true, loop},
         {FAKE_CLOSE, true, loop},
         {FAKE_FREE, true, [] { event_timer_del_mc(idle, note_timer, nullptr); }},
@@ -242,18 +273,19 @@ TEST(Fork, ChildCanUseWhatAnotherThreadWasChanging) {
     for (const auto& row : rows) {
         SCOPED_TRACE(&row - rows);
         run_isolated([&row] {
-            Semaphore parked(0), resume(0);
+            Gate gate;
             Step cancel = [] { cancel_loop_mc(other); };
-            idle = event_mc_init(), other = event_mc_init();
+            idle = event_mc_init();
+            other = event_mc_init();
             pthread_atfork(nullptr, nullptr, use_own);  // After the library's first call.
             event_timer_add_mc(idle, note_timer, nullptr, kHour);
             event_timer_add_mc(other, run_timer, &cancel, 0);
-            at_call(row.call, [&] { parked.release(), resume.acquire(); });
+            at_call(row.call, [&] { gate.park(); });
             std::thread parked_thread(row.body);
-            parked.acquire();
-            if (row.fork_waits) at_call(FAKE_FORK, [&] { resume.release(); });
+            gate.reached.acquire();
+            if (row.fork_waits) at_call(FAKE_FORK, [&] { gate.leave.release(); });
             const pid_t pid = fork_process([] { use_in_child(idle); });
-            resume.release();
+            gate.leave.release();
             EXPECT_EQ(0, status_of(pid));
             parked_thread.join();
             EXPECT_EQ(0, drive(other).result);
@@ -267,11 +299,11 @@ ISOLATED_TEST(Fork, ChildHasNoLoopAndWritesToNoChannel) {
     static int messages;
     Runner runner;
     other = runner.context;
-    Semaphore in_handler(0), leave(0);
-    Step wait = [&] { in_handler.release(), leave.acquire(); };
+    Gate handler;
+    Step wait = [&] { handler.park(); };
     event_signal_add_mc(other, run_signal, &wait, SIGUSR2);
     raise(SIGUSR2);
-    in_handler.acquire();
+    handler.reached.acquire();
     Step fork_and_look = [&] {
         const pid_t pid = fork_process([] {
             fakes.before_message = [](int, size_t) { ++messages; };
@@ -292,8 +324,15 @@ ISOLATED_TEST(Fork, ChildHasNoLoopAndWritesToNoChannel) {
         trace += "h";
     };
     const int fd = ready_descriptor();
-    Step by_descriptor = [&] { event_fd_del(fd), fork_and_look(), raise(SIGUSR1); };
-    Step by_signal = [&] { fork_and_look(), event_timer_add(run_timer, &fork_and_look, 0); };
+    Step by_descriptor = [&] {
+        event_fd_del(fd);
+        fork_and_look();
+        raise(SIGUSR1);
+    };
+    Step by_signal = [&] {
+        fork_and_look();
+        event_timer_add(run_timer, &fork_and_look, 0);
+    };
     event_fd_add(run_fd, &by_descriptor, fd, EVENT_FD_READ);
     event_signal_add(run_signal, &by_signal, SIGUSR1);
     EXPECT_EQ(0, drive(nullptr).result);
@@ -306,7 +345,7 @@ ISOLATED_TEST(Fork, ChildHasNoLoopAndWritesToNoChannel) {
     const int result = et_event_loop();
     if (trace == "child") _exit(result == -1 && errno == ECANCELED ? 0 : 5);
     EXPECT_EQ(0, status_of(-1));
-    leave.release();
+    handler.leave.release();
     runner.end();
 }
 
@@ -345,7 +384,10 @@ TEST(Fork, ChildThatReturnsFromAHandlerLeavesThePass) {
             for (pid_t& child : dead) child = dead_child();
             for (int& fd : fds) fd = ready_descriptor();
             pid = -1;
-            end = [] { trace += "e", cancel_loop(); };
+            end = [] {
+                trace += "e";
+                cancel_loop();
+            };
             fork_it = [] {
                 trace += "f";
                 if (pid != -1) return;
@@ -376,12 +418,12 @@ TEST(Fork, ChildThatReturnsFromAHandlerLeavesThePass) {
 }
 
 ISOLATED_TEST(Fork, ChildOfAProcessWhoseFirstCallIsUnderWay) {
-    Semaphore parked(0), resume(0);
-    at_call(FAKE_ATFORK, [&] { parked.release(), resume.acquire(); });
+    Gate gate;
+    at_call(FAKE_ATFORK, [&] { gate.park(); });
     std::thread first([] { event_timer_add(note_timer, nullptr, kHour); });
-    parked.acquire();
+    gate.reached.acquire();
     EXPECT_EQ(0, status_of(fork_process([] { use_in_child(event_mc_init()); })));
-    resume.release();
+    gate.leave.release();
     first.join();
 }
 
@@ -407,7 +449,11 @@ ISOLATED_TEST(StartStop, StartBesideACancelledLoopIsBusy) {
         EXPECT_EQ(-1, event_loop_async_start());
         EXPECT_EQ(EBUSY, errno);
     };
-    Step cancel_and_start = [&] { cancel_loop(), start(), std::thread(start).join(); };
+    Step cancel_and_start = [&] {
+        cancel_loop();
+        start();
+        std::thread(start).join();
+    };
     event_timer_add(run_timer, &cancel_and_start, 0);
     EXPECT_EQ(0, et_event_loop());
     EXPECT_EQ(0, fakes.threads);
@@ -427,28 +473,30 @@ void expect_start(int error) {
 // which waits in a lock: nobody can see it there, so it has its chance to return before the handler
 // ends.
 ISOLATED_TEST(StartStop, BothWaitForTheLastHandler) {
-    for (const bool start : {false, true}) {
-        Semaphore in_handler(0), joining(0), leave(0);
+    const Step stop = [] { EXPECT_EQ(0, event_loop_async_stop()); };
+    const Step start = [] { expect_start(0); };
+    for (const Step& second_call : {stop, start}) {
+        Gate handler;
+        Semaphore joining(0);
         std::atomic<bool> left(false);
         Step slow = [&] {
-            in_handler.release(), leave.acquire();
+            handler.park();
             left = true;
         };
         expect_start(0);
         event_timer_add(run_timer, &slow, 0);
-        in_handler.acquire();
-        const auto stop = [&] {
-            EXPECT_EQ(0, event_loop_async_stop());
-            EXPECT_TRUE(left);
-        };
+        handler.reached.acquire();
         at_call(FAKE_PTHREAD_JOIN, [&] { joining.release(); });
-        std::thread first(stop);
-        joining.acquire();
-        at_call(FAKE_CANCELSTATE, [&] { leave.release(); });
-        std::thread second([&] {
-            start ? expect_start(0) : stop();
+        std::thread first([&] {
+            stop();
             EXPECT_TRUE(left);
-            leave.release();
+        });
+        joining.acquire();
+        at_call(FAKE_CANCELSTATE, [&] { handler.leave.release(); });
+        std::thread second([&] {
+            second_call();
+            EXPECT_TRUE(left);
+            handler.leave.release();
         });
         first.join();
         second.join();
@@ -458,13 +506,14 @@ ISOLATED_TEST(StartStop, BothWaitForTheLastHandler) {
 
 // The stop finds a thread that has been made and hasn't begun.
 ISOLATED_TEST(StartStop, StopEndsTheLoopThatIsBeingStarted) {
-    Semaphore made(0), begin(0);
-    at_call(FAKE_MKFIFO, [&] { made.release(), begin.acquire(); });
-    at_call(FAKE_COND_WAIT, [&] { made.release(); });
+    Gate begin;
+    at_call(FAKE_MKFIFO, [&] { begin.park(); });
+    at_call(FAKE_COND_WAIT, [&] { begin.reached.release(); });
     std::thread starter([] { event_loop_async_start(); });
-    for (int n = 0; n < 2; ++n) made.acquire();
-    for (const int call : {FAKE_PTHREAD_JOIN, FAKE_CANCELSTATE})
-        at_call(call, [&] { begin.release(); });
+    for (int n = 0; n < 2; ++n) begin.reached.acquire();
+    for (const int call : {FAKE_PTHREAD_JOIN, FAKE_CANCELSTATE}) {
+        at_call(call, [&] { begin.leave.release(); });
+    }
     EXPECT_EQ(0, event_loop_async_stop());
     starter.join();
     EXPECT_EQ(0, event_loop_async_stop());
@@ -540,7 +589,8 @@ ISOLATED_TEST(Channel, LoggerMayRunALoop) {
 ISOLATED_TEST(Channel, LeavesTheStandardDescriptorsFree) {
     const int numbers[] = {0, 1, 2};
     int saved[3];
-    for (const int fd : numbers) saved[fd] = fcntl(fd, F_DUPFD, 10), close(fd);
+    for (const int fd : numbers) saved[fd] = fcntl(fd, F_DUPFD, 10);
+    for (const int fd : numbers) close(fd);
     bool is_free = true;
     Step print = [&] {
         for (const int fd : numbers) is_free &= write(fd, "Test", 4) == -1 && errno == EBADF;
@@ -555,7 +605,8 @@ ISOLATED_TEST(Channel, LeavesTheStandardDescriptorsFree) {
         EXPECT_EQ(sizeof message, write(STDOUT_FILENO, message, sizeof message));
     });
     const int result = et_event_loop();
-    for (const int fd : numbers) dup2(saved[fd], fd), close(saved[fd]);
+    for (const int fd : numbers) dup2(saved[fd], fd);
+    for (const int fd : saved) close(fd);
     EXPECT_TRUE(result == 0 && is_free);
     EXPECT_EQ("", trace);
 }
@@ -568,13 +619,13 @@ ISOLATED_TEST(Channel, CannotBeOpenedByItsName) {
     });
     char message[1 + sizeof(siginfo_t)] = {'S' + SIGTERM};
     event_signal_add(note_signal, arg("forged"), SIGTERM);
-    EXPECT_EQ(0, drive(nullptr, {[&] {
-                           EXPECT_EQ(sizeof message, write(stolen, message, sizeof message));
-                           EXPECT_EQ(sizeof message, read(stolen, message, sizeof message));
-                           event_timer_del(note_timer, nullptr);
-                           EXPECT_EQ(-1, read(stolen, message, sizeof message));
-                       }})
-                     .result);
+    const Step forge = [&] {
+        EXPECT_EQ(sizeof message, write(stolen, message, sizeof message));
+        EXPECT_EQ(sizeof message, read(stolen, message, sizeof message));
+        event_timer_del(note_timer, nullptr);
+        EXPECT_EQ(-1, read(stolen, message, sizeof message));
+    };
+    EXPECT_EQ(0, drive(nullptr, {forge}).result);
     EXPECT_EQ("", trace);
 }
 

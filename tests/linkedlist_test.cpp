@@ -45,16 +45,22 @@ TEST(LinkedList, ValueIsLostReorderedOrLeakedOrCursorGoesAstray) {
             const bool tail = random() % 2;
             expected = value_at(tail ? model.size() : !model.empty());
             got = tail ? LL_pop(list) : LL_dequeue(list);
-            if (!model.empty()) tail ? model.pop_back() : model.pop_front();
-            at = (LL_reset(cursor), 0);
+            if (!model.empty()) model.erase(tail ? model.end() - 1 : model.begin());
+            LL_reset(cursor);
+            at = 0;
         } else if (action == 2) {
-            expected = value_at(at -= at > 0);
+            if (at > 0) --at;
+            expected = value_at(at);
             got = LL_previous(cursor);
         } else if (action == 3 && random() % 4 == 0) {
-            expected = value_at(at = model.size());
+            at = model.size();
+            expected = value_at(at);
             got = LL_end(cursor);
         } else {
-            if (at < model.size()) expected = value_at(++at);
+            if (at < model.size()) {
+                ++at;
+                expected = value_at(at);
+            }
             got = LL_next(cursor);
         }
         ASSERT_EQ(expected, got) << step;

@@ -68,14 +68,18 @@ ISOLATED_TEST(Loop, ChangeDoesNotWakeItOrWakesItTwice) {
         {[] { event_signal_del(SIGUSR2); }},
         {[] { event_process_add(getpid(), nullptr, nullptr); }, 2},  // The first adds SIGCHLD.
         {[] { event_process_del(1); }},
-        {[] { event_fd_del(777), event_fd_del(777); }, 2},
+        {[] { change(2); }, 2},
         // More than the loop reads at once, than it lets into the channel, than a channel takes.
         {[] { change(1000); }, 1000},
         {[] { change(3000); }, 3000},
         {[] { change(70000); }, 70000},
         {[] { std::thread(change, 70000).join(); }, 70000},
         // Each of a nested pass takes one, too.
-        {[] { change(10), event_timer_add(run_timer, &nest, 0); }, 11},
+        {[] {
+             change(10);
+             event_timer_add(run_timer, &nest, 0);
+         },
+         11},
     };
     for (const auto& row : rows) {
         const Drive run = drive(nullptr, {row.change});
@@ -88,11 +92,11 @@ ISOLATED_TEST(Loop, SecondStartDisturbsTheRunningOne) {
     for (event_loop_ctx_tp context : {event_loop_ctx_tp(), event_mc_init()}) {
         Step start = [&] { EXPECT_EQ(-1, context ? et_event_loop_mc(context) : et_event_loop()); };
         Step start_when_stopping = [&] {
-            context ? cancel_loop_mc(context) : cancel_loop();
+            cancel_loop_of(context);
             start();
             std::thread(start).join();
         };
-        context ? cancel_loop_mc(context) : cancel_loop();  // Idle: without a lasting effect.
+        cancel_loop_of(context);  // Idle: without a lasting effect.
         EXPECT_EQ(0, drive(context, {start, start_when_stopping}).result);
         event_mc_free(context);
     }
@@ -178,7 +182,12 @@ TEST(Start, PlantedNameIsUsed) {
         {"none can be made", [] { fakes.fail[FAKE_MKFIFO] = EACCES; }, making, EACCES},
         {"a file", [=] { file(path); }, reading, EPERM},
         {"a directory", [] { ASSERT_EQ(0, mkdir(path.c_str(), 0700)); }, reading, EPERM},
-        {"a link to a FIFO", [=] { fifo(other), link(other.c_str()); }, reading, ELOOP},
+        {"a link to a FIFO",
+         [=] {
+             fifo(other);
+             link(other.c_str());
+         },
+         reading, ELOOP},
         {"a link to a device", [=] { link("/dev/null"); }, reading, ELOOP},
         {"a link to nothing", [=] { link(other.c_str()); }, reading, ELOOP},
         {"a FIFO of somebody else",
@@ -287,6 +296,11 @@ ISOLATED_TEST(Descriptors, OneIsInheritedOrLeftOpen) {
     unlink(name);
 }
 
+void delete_and_close(int fd) {
+    event_fd_del(fd);
+    close(fd);
+}
+
 // As another thread may do just before select() looks.
 ISOLATED_TEST(Loop, DescriptorDeletedAndClosedMeanwhileEndsTheProcess) {
     const Pipe pipe;
@@ -294,8 +308,7 @@ ISOLATED_TEST(Loop, DescriptorDeletedAndClosedMeanwhileEndsTheProcess) {
     event_fd_add(note_fd, arg("wrong"), fd, EVENT_FD_READ);
     event_timer_add(note_timer, arg("t"), 5);
     set_clock(1000);
-    const Step take_away = [fd] { event_fd_del(fd), close(fd); };
-    EXPECT_EQ(0, drive(nullptr, {take_away}).result);
+    EXPECT_EQ(0, drive(nullptr, {[fd] { delete_and_close(fd); }}).result);
     EXPECT_EQ("t", trace);
 }
 
@@ -309,7 +322,7 @@ ISOLATED_TEST(NestedPass, GoesOnWithoutWhatIsDeletedMeanwhile) {
     Step nest = [] {
         fakes.on_select = [](int nfds, fd_set* rset, fd_set* wset, fd_set* eset, timeval* tv) {
             fakes.on_select = nullptr;
-            std::thread([] { event_fd_del(fd), close(fd); }).join();
+            std::thread(delete_and_close, fd).join();
             return real_select(nfds, rset, wset, eset, tv);
         };
         trace = "";
@@ -380,7 +393,8 @@ int scripted_select(int, fd_set* rset, fd_set* wset, fd_set* eset, timeval* tv) 
     EXPECT_TRUE(script.calls == 0 || script.usec == usec);
     script.usec = usec;
     for (fd_set* set : {rset, wset, eset}) FD_ZERO(set);
-    errno = script.errors[std::min(script.calls++, script.errors.size() - 1)];
+    errno = script.errors[std::min(script.calls, script.errors.size() - 1)];
+    ++script.calls;
     return errno ? -1 : 0;
 }
 

@@ -50,27 +50,36 @@ std::string listed(unsigned count, const char* file, unsigned line) {
            std::to_string(line) + "\t] \n";
 }
 
-void add(int place, int name, unsigned line) {
-    add_allocation(places + place, names[name], line, 1);
+struct Allocation {
+    int place, name;
+    unsigned line;
+};
+void add(std::initializer_list<Allocation> allocations) {
+    for (const auto& [place, name, line] : allocations) {
+        add_allocation(places + place, names[name], line, 1);
+    }
 }
-void remove(int place) { remove_allocation(places + place); }
+void remove(std::initializer_list<int> removed) {
+    for (const int place : removed) remove_allocation(places + place);
+}
 
 ISOLATED_TEST(Memchk, FiveDumps) {
-    remove(0);  // Nothing is tracked yet.
-    add(0, 0, 5), add(1, 0, 6);
+    remove({0});  // Nothing is tracked yet.
+    add({{0, 0, 5}, {1, 0, 6}});
     EXPECT_EQ("", dump());
-    for (int place : {10, 20, 11}) add(place, 0, 30);
-    add(12, 0, 10), add(13, 1, 30), add(14, 2, 7), add(15, 2, 8), add(16, 2, UINT_MAX);
-    add(12, 2, 99);                             // Tracked already: keeps its site.
+    add({{10, 0, 30}, {20, 0, 30}, {11, 0, 30}, {12, 0, 10}, {13, 1, 30}});
+    add({{14, 2, 7}, {15, 2, 8}, {16, 2, UINT_MAX}});
+    add({{12, 2, 99}});                         // Tracked already: keeps its site.
     add_allocation(nullptr, names[2], 999, 1);  // No block, so it can't be a leak.
     EXPECT_EQ("", dump());
-    remove(15), remove(40), add(17, 2, 9);
+    remove({15, 40});
+    add({{17, 2, 9}});
     const std::string b = listed(1, "b.c", UINT_MAX) + listed(1, "b.c", 7),
                       a10 = listed(1, "a.c", 10);
     EXPECT_EQ(b + listed(1, "a.c", 30) + listed(3, "a.c", 30) + a10, dump());
-    remove(16), remove(13), remove(20);
-    remove(1), add(1, 1, 40);    // In the place of an excused block: never listed.
-    remove(14), add(14, 2, 50);  // In the place of a noted one: one dump early.
+    remove({16, 13, 20, 1, 14});
+    add({{1, 1, 40}});   // In the place of an excused block: never listed.
+    add({{14, 2, 50}});  // In the place of a noted one: one dump early.
     EXPECT_EQ(listed(1, "b.c", 50) + listed(1, "b.c", 9) + listed(2, "a.c", 30) + a10, dump());
     memset(names[2], 'n', sizeof names[2] - 1);  // The text may change, the address counts.
     const std::string cut = listed(1, names[2], 0).substr(0, 2 + 253) + "\n";
@@ -90,10 +99,13 @@ void compare_with_model(int first_round) {
             const int place = int(random() % 64), name = int(random() % 3);
             const unsigned line = unsigned(random() % 3);
             std::lock_guard lock(mutex);
-            if (random() % 2)
-                add(place, name, line), live.insert({place, {name, line}});
-            else
-                remove(place), live.erase(place);
+            if (random() % 2) {
+                add({{place, name, line}});
+                live.insert({place, {name, line}});
+            } else {
+                remove({place});
+                live.erase(place);
+            }
         }
     };
     for (int round = 0; round < 20; ++round) {
@@ -101,11 +113,13 @@ void compare_with_model(int first_round) {
         for (int t = 0; t < (round < first_round ? 0 : 3); ++t) threads.emplace_back(work, seed++);
         for (std::thread& thread : threads) thread.join();
         std::map<std::pair<int, unsigned>, unsigned, std::greater<>> groups;
-        for (const auto& [place, site] : live)
+        for (const auto& [place, site] : live) {
             if (noted.count(place) && !excused.count(place)) ++groups[site];
+        }
         std::string expected;
-        for (const auto& [site, count] : groups)
+        for (const auto& [site, count] : groups) {
             expected += listed(count, names[site.first], site.second);
+        }
         EXPECT_EQ(expected, dump());
         if (round == 0) excused = live;
         noted = live;
@@ -121,7 +135,8 @@ ISOLATED_TEST(Memchk, Wrappers) {
     memchk_free(malloc(1), names[0], 1);  // Nothing is tracked yet.
     // Without the block a wrapper returns NULL; without tree or node the block, untracked.
     for (int n : {1, 2, 3, 2}) {
-        fail_allocation = n, errno = 0;
+        fail_allocation = n;
+        errno = 0;
         void* block = memchk_calloc(1, 1, names[0], 1);
         fail_allocation = 0;
         EXPECT_TRUE((n > 1) == (block != nullptr) && errno == ENOMEM) << n;

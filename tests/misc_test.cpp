@@ -54,16 +54,18 @@ FILE* setmntent(const char* path, const char*) __THROW {
 }
 int endmntent(FILE* table) __THROW {
     mount_table_flags = fcntl(fileno(table), F_GETFD);
-    return fclose(table), 1;
+    fclose(table);
+    return 1;
 }
 }
 
 namespace {
 
 TEST(SystemOutput, OutputIsCutOrChanged) {
-    for (const int size : {0, 1023, 1024, 1025, 2048})
+    for (const int size : {0, 1023, 1024, 1025, 2048}) {
         EXPECT_EQ(std::string(static_cast<size_t>(size), 'x'),
                   owned(system_output("head -c %d /dev/zero | tr '\\0' x", size)));
+    }
     const std::string x(2000, 'x');
     const std::string rows[][2] = {
         {"printf 'a\\nb\\n\\n'", "a\nb\n"}, {"printf '\\n'", ""},    {"printf 'a\\0b'", "a"},
@@ -203,13 +205,20 @@ TEST(Errors, LineOrEndIsWrong) {
 
 // A process that has done something, told of it by one byte, and waits for its end.
 struct Holder {
-    explicit Holder(const std::function<void(int)>& body)
-        : pid(fork_process([&] { body(done.out), pause(); })), told(read(done.in, &answer, 1)) {}
-    ~Holder() { kill(pid, SIGKILL), waitpid(pid, nullptr, 0); }
+    explicit Holder(const std::function<void(int)>& body) {
+        pid = fork_process([&] {
+            body(done.out);
+            pause();
+        });
+        (void)!read(done.in, &answer, 1);
+    }
+    ~Holder() {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
     Pipe done;
     char answer = 0;
     pid_t pid;
-    ssize_t told;
 };
 
 ISOLATED_TEST(PidFile, SecondInstanceStartsOrOldNumberStays) {
@@ -225,7 +234,10 @@ ISOLATED_TEST(PidFile, SecondInstanceStartsOrOldNumberStays) {
         const std::string number = std::to_string(first.pid) + "\n";
         EXPECT_EQ(number, file.text());
         const ChildEnd second = run_child([&] { createPidFile("prog", file.name(), 6); });
-        run_child([&] { close(STDERR_FILENO), createPidFile("prog", file.name(), 0); });
+        run_child([&] {
+            close(STDERR_FILENO);
+            createPidFile("prog", file.name(), 0);
+        });
         EXPECT_EQ(flags == 0 ? locked : "", second.output);
         EXPECT_EQ(flags == 0, second.exit_code == 1 && file.text() == number);
     }
@@ -245,8 +257,9 @@ TEST(PidFile, FailureHasAnotherMessage) {
          "ERROR [ENOENT No such file or directory] Could not open PID file /none/such\n"},
         {"/dev/full", "ERROR [EINVAL Invalid argument] Could not truncate PID file '/dev/full'\n"},
         {sealed, "ERROR: Writing to PID file '" + sealed + "'\n"}};
-    for (const auto& [path, output] : rows)
+    for (const auto& [path, output] : rows) {
         EXPECT_EQ(output, run_child([&p = path] { createPidFile("", p.c_str(), 1); }).output);
+    }
 }
 
 void limit_descriptors(rlim_t limit) {
@@ -266,12 +279,14 @@ void leave_descriptors(int closed, rlim_t limit) {
 TEST(PidFile, StandardNumberIsNeverTaken) {
     const TempFile file("old\n");
     const std::string none = file.path + "-none";
-    for (const std::string& path : {file.path, none})
+    for (const std::string& path : {file.path, none}) {
+        const ChildEnd end = run_child([&] {
+            leave_descriptors(1, 3);
+            createPidFile("", path.c_str(), 0);
+        });
         EXPECT_EQ("ERROR [EMFILE Too many open files] Could not open PID file " + path + '\n',
-                  run_child([&] {
-                      leave_descriptors(1, 3);
-                      createPidFile("", path.c_str(), 0);
-                  }).output);
+                  end.output);
+    }
     EXPECT_EQ("old\n", file.text());
     EXPECT_EQ(-1, access(none.c_str(), F_OK));
     const ChildEnd last = run_child([&] {

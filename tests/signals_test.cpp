@@ -153,7 +153,7 @@ void storm_over_a_full_channel() {
     }
     event_timer_add(next_round, nullptr, 0);
     std::vector<std::thread> senders;
-    for (int n = 0; n < kSenders; ++n)
+    for (int n = 0; n < kSenders; ++n) {
         senders.emplace_back([n] {
             for (int seen = 0; seen < kRounds; std::this_thread::yield()) {
                 queue_signal(0, 0);
@@ -163,6 +163,7 @@ void storm_over_a_full_channel() {
                 ++bursts;
             }
         });
+    }
     EXPECT_EQ(0, et_event_loop());
     for (std::thread& sender : senders) sender.join();
     EXPECT_EQ(kRounds, round);
@@ -181,11 +182,13 @@ ISOLATED_TEST(Signals, NoneWaitsBehindWakeUps) {
     };
     const signal_handler_t in_order = [](int, siginfo_t* info, void*) {
         EXPECT_EQ(handled, info->si_value.sival_int);
-        EXPECT_EQ(first + static_cast<size_t>(handled++), selects());
+        EXPECT_EQ(first + static_cast<size_t>(handled), selects());
+        ++handled;
         for (int n = 0; n < 9; ++n) event_timer_del(note_timer, nullptr);
     };
     for (const int changes : {0, 10, 1000, 50000}) {
-        SCOPED_TRACE(before = changes);
+        SCOPED_TRACE(changes);
+        before = changes;
         handled = 0;
         event_signal_add(in_order, nullptr, SIGUSR1);
         event_timer_add(run_timer, &raise_all, 0);
@@ -212,9 +215,10 @@ ISOLATED_TEST(Signals, KeptOnesTakeTurns) {
 }
 
 TEST(Signals, StormOverAFullChannelLosesOrInventsAKind) {
-    if (getenv("TESSRA_EMULATED"))
+    if (getenv("TESSRA_EMULATED")) {
         GTEST_SKIP()
             << "qemu-user spoils the record of SIGIO, and crashes of SIGSEGV and of storms";
+    }
     run_isolated(storm_over_a_full_channel);
 }
 

@@ -19,6 +19,7 @@
 #include <deque>
 #include <mutex>
 #include <random>
+#include <span>
 #include <thread>
 #include <vector>
 
@@ -50,8 +51,11 @@ unsigned below(unsigned bound) { return static_cast<unsigned>(random_numbers() %
 
 template <class Holds>
 void await(Holds holds, const char* what) {
-    for (const time_t end = time(nullptr) + kPatienceSeconds; !holds(); usleep(100))
+    const time_t end = time(nullptr) + kPatienceSeconds;
+    while (!holds()) {
         check(time(nullptr) < end, what);
+        usleep(100);
+    }
 }
 
 event_loop_ctx_tp contexts[kContexts];
@@ -81,8 +85,19 @@ void on_timer(void* arg) {
 
 void arm(Timer* timer, int context) {
     timer->context = context;
-    context ? event_timer_add_mc(contexts[context], on_timer, timer, below(3))
-            : event_timer_add(on_timer, timer, below(3));
+    if (context) {
+        event_timer_add_mc(contexts[context], on_timer, timer, below(3));
+    } else {
+        event_timer_add(on_timer, timer, below(3));
+    }
+}
+
+void disarm(Timer* timer) {
+    if (timer->context) {
+        event_timer_del_mc(contexts[timer->context], on_timer, timer);
+    } else {
+        event_timer_del(on_timer, timer);
+    }
 }
 
 // What a handler does, in its own context: another's lists may be locked by a handler there.
@@ -105,7 +120,9 @@ void act(int context) {
 // Descriptors. Each byte is read while its watcher lives, and no handler runs after the delete.
 struct Watched {
     Watched() { check(pipe2(ends, O_CLOEXEC | O_NONBLOCK) == 0, "pipe"); }
-    ~Watched() { close(ends[0]), close(ends[1]); }
+    ~Watched() {
+        for (const int end : ends) close(end);
+    }
     Watched(const Watched&) = delete;
     int ends[2];
     int context = 0;
@@ -119,7 +136,10 @@ void on_byte(int fd, void* arg) {
     auto* const watched = static_cast<Watched*>(arg);
     check(!watched->dead && fd == watched->ends[0], "a deleted watcher runs");
     char byte;
-    if (read(fd, &byte, 1) == 1) watched->got++, figures->bytes++;
+    if (read(fd, &byte, 1) == 1) {
+        ++watched->got;
+        ++figures->bytes;
+    }
     act(watched->context);
     check(!watched->dead, "a watcher is deleted while it runs");
 }
@@ -140,8 +160,9 @@ void on_signal(int signal, siginfo_t* info, void* arg) {
 }
 
 bool everywhere(int value) {
-    for (int n = 0; n < kContexts; ++n)
+    for (int n = 0; n < kContexts; ++n) {
         if (is_steady(n) && !delivered[n][value]) return false;
+    }
     return true;
 }
 
@@ -162,8 +183,11 @@ void await_signal(int value) {
         if (time(nullptr) < end) continue;
         for (int context = 0; context < kContexts; ++context) {
             int newest = -1, count = 0;
-            for (int each = 0; each < sent_signals; ++each)
-                if (delivered[context][each]) newest = each, count++;
+            for (int each = 0; each < sent_signals; ++each) {
+                if (!delivered[context][each]) continue;
+                newest = each;
+                ++count;
+            }
             fprintf(stderr, "context %d: signal %d of %d came %d times; %d came, the newest %d\n",
                     context, value, sent_signals.load(), int(delivered[context][value]), count,
                     newest);
@@ -206,7 +230,11 @@ void start_child(Child* child) {
         _exit(child->code);
     }
     event_process_add(child->pid, on_child, child);
-    if (stops) kill(child->pid, SIGSTOP), usleep(below(200)), kill(child->pid, SIGCONT);
+    if (stops) {
+        kill(child->pid, SIGSTOP);
+        usleep(below(200));
+        kill(child->pid, SIGCONT);
+    }
     if (below(8)) return;
     event_process_del(child->pid);
     const bool reported = child->reports == 1;
@@ -263,29 +291,29 @@ struct Worker {
         Timer& old = timers[below(static_cast<unsigned>(timers.size()))];
         int armed = Timer::kArmed;
         if (below(4) || !old.state.compare_exchange_strong(armed, Timer::kDeleted)) return;
-        event_loop_ctx_tp of_old = contexts[old.context];
-        of_old ? event_timer_del_mc(of_old, on_timer, &old) : event_timer_del(on_timer, &old);
+        disarm(&old);
     }
     void operate() {
         const unsigned action = below(200);
         const int other = 2 + static_cast<int>(below(kContexts - 2));
-        if (action < 80)
+        if (action < 80) {
             change_timers();
-        else if (action < 160)
+        } else if (action < 160) {
             change_watched(watched[below(4)]);
-        else if (action < 180)
+        } else if (action < 180) {
             send_signal();
-        else if (action < 188)
+        } else if (action < 188) {
             cancel_loop_mc(contexts[other]);
-        else if (action < 190)
+        } else if (action < 190) {
             run_own_context();
-        else if (action < 191 && has_processes)
+        } else if (action < 191 && has_processes) {
             run_command();
-        else if (action < 196 && has_processes && default_is_steady)
+        } else if (action < 196 && has_processes && default_is_steady) {
             start_child(&children.emplace_back());
-        else
-            event_signal_add_mc(contexts[other], on_signal, nullptr, SIGHUP),
-                event_signal_del_mc(contexts[other], SIGHUP);
+        } else {
+            event_signal_add_mc(contexts[other], on_signal, nullptr, SIGHUP);
+            event_signal_del_mc(contexts[other], SIGHUP);
+        }
     }
     void run() {
         for (int n = 0; n < kOperations; ++n) {
@@ -297,18 +325,23 @@ struct Worker {
         }
     }
     void finish() {
-        for (Timer& timer : timers)
+        for (Timer& timer : timers) {
             await([&] { return timer.state != Timer::kArmed; }, "a timer is lost");
-        for (Watched& it : watched)
+        }
+        for (Watched& it : watched) {
             await([&] { return !it.live || it.got == it.sent; }, "a byte is lost");
-        for (Child& child : children)
-            await(
-                [&] {
+        }
+        for (Child& child : children) {
+            const auto is_reported = [&] {
+                if (child.reports == 0) {
                     // What ended while a command ran comes up with the next SIGCHLD.
-                    if (!child.reports) kill(getpid(), SIGCHLD), usleep(1000);
-                    return child.reports == 1;
-                },
-                "a child is lost");
+                    kill(getpid(), SIGCHLD);
+                    usleep(1000);
+                }
+                return child.reports == 1;
+            };
+            await(is_reported, "a child is lost");
+        }
     }
 };
 
@@ -346,24 +379,29 @@ void run_round(unsigned seed) {
     const int descriptors_before = descriptors();
     default_is_steady = seed % 2 == 0;
     std::vector<std::thread> threads;
-    for (int n = 0; n < kContexts; ++n) {
-        if (n) contexts[n] = event_mc_init();
-        for (const int signal : {SIGUSR1, SIGUSR2})
-            if (n || default_is_steady)
-                n ? event_signal_add_mc(contexts[n], on_signal,
-                                        reinterpret_cast<void*>(intptr_t{n}), signal)
-                  : event_signal_add(on_signal, nullptr, signal);
+    for (int n = 1; n < kContexts; ++n) {
+        contexts[n] = event_mc_init();
+        for (const int signal : {SIGUSR1, SIGUSR2}) {
+            void* const number = reinterpret_cast<void*>(intptr_t{n});
+            event_signal_add_mc(contexts[n], on_signal, number, signal);
+        }
         // In every other round many are idle, so that those that are ready are looked up.
-        for (int idle = 0; n && seed % 4 < 2 && idle < 40; ++idle)
-            event_fd_add_mc(contexts[n], on_byte, nullptr, idle_fds[idle], EVENT_FD_EXCEPT);
-        if (n) threads.emplace_back(run_context, n, seed + static_cast<unsigned>(n));
+        for (const int fd : std::span(idle_fds, seed % 4 < 2 ? std::size(idle_fds) : 0)) {
+            event_fd_add_mc(contexts[n], on_byte, nullptr, fd, EVENT_FD_EXCEPT);
+        }
+        threads.emplace_back(run_context, n, seed + static_cast<unsigned>(n));
     }
-    if (default_is_steady) check(event_loop_async_start() == 0, "the default loop starts");
+    if (default_is_steady) {
+        for (const int signal : {SIGUSR1, SIGUSR2}) event_signal_add(on_signal, nullptr, signal);
+        check(event_loop_async_start() == 0, "the default loop starts");
+    }
 #ifdef __SANITIZE_THREAD__
     // Its sigaction() reads and writes in two steps, between which a command's end would take the
     // catcher of a first child away: 446 times of 20,000 in a program with these calls alone.
-    if (default_is_steady)
-        event_process_add(getpid(), nullptr, nullptr), event_process_del(getpid());
+    if (default_is_steady) {
+        event_process_add(getpid(), nullptr, nullptr);
+        event_process_del(getpid());
+    }
 #endif
     Timer running;
     arm(&running, kSteady);
@@ -374,11 +412,12 @@ void run_round(unsigned seed) {
         std::atomic<bool> done{false};
         std::thread restarter;
         if (!default_is_steady) restarter = std::thread([&] { restart_default(seed, done); });
-        for (unsigned n = 0; n < kWorkers; ++n)
+        for (unsigned n = 0; n < kWorkers; ++n) {
             working.emplace_back([n, seed, &workers] {
                 random_numbers.seed(seed * 16 + n);
                 workers[n].run();
             });
+        }
         for (std::thread& each : working) each.join();
         for (Worker& worker : workers) worker.finish();
         done = true;
@@ -388,7 +427,10 @@ void run_round(unsigned seed) {
         for (int n = 1; n < kContexts; ++n) {
             std::atomic<bool> ended{false};
             std::thread canceller([&] {
-                while (!ended) cancel_loop_mc(contexts[n]), usleep(100);
+                while (!ended) {
+                    cancel_loop_mc(contexts[n]);
+                    usleep(100);
+                }
             });
             threads[static_cast<size_t>(n - 1)].join();
             ended = true;
@@ -413,7 +455,10 @@ int main(int argc, char** argv) {
     fflush(stdout);
     for (unsigned seed = first;; ++seed) {
         const pid_t pid = fork();
-        if (pid == 0) run_round(seed), exit(0);
+        if (pid == 0) {
+            run_round(seed);
+            exit(0);
+        }
         int status = 0;
         waitpid(pid, &status, 0);
         if (status != 0) {

@@ -86,8 +86,10 @@ struct Sink {
 // Little-endian numbers of these widths.
 std::string record(const char* widths, std::initializer_list<uint64_t> values) {
     std::string bytes;
-    for (const uint64_t value : values)
-        for (int i = 0, width = *widths++ - '0'; i < width; ++i) bytes += char(value >> 8 * i);
+    for (const uint64_t value : values) {
+        for (int i = 0; i < *widths - '0'; ++i) bytes += char(value >> 8 * i);
+        ++widths;
+    }
     return bytes;
 }
 
@@ -148,12 +150,14 @@ void expect_archive(const std::vector<Entry>& entries, bool zip64, unsigned chun
     const Tree tree;
     Pieces names;
     for (const Entry& entry : entries) {
-        if (names.empty() || names.back() != entry.name)
+        if (names.empty() || names.back() != entry.name) {
             tree.put(entry.name, entry.data, entry.size);
+        }
         names.push_back(entry.name);
     }
-    for (const std::string& name : std::set<std::string>(names.begin(), names.end()))
+    for (const std::string& name : std::set<std::string>(names.begin(), names.end())) {
         tree.stamp(name);
+    }
     const Plan plan = tree.plan(names);
     ASSERT_NE(nullptr, plan) << strerror(errno);
     const Pieces expected = archive(entries, zip64, chunk_size);
@@ -162,8 +166,9 @@ void expect_archive(const std::vector<Entry>& entries, bool zip64, unsigned chun
         ASSERT_EQ(1, sink.stream(plan, chunk_size));
         EXPECT_EQ(sink.bytes, szip_calc_size(plan.get(), 0));
         ASSERT_EQ(expected.size(), sink.pieces.size());
-        for (size_t i = 0; i < expected.size(); ++i)
+        for (size_t i = 0; i < expected.size(); ++i) {
             ASSERT_EQ(expected[i], sink.pieces[i]) << "piece " << i;
+        }
     }
 }
 
@@ -252,9 +257,9 @@ TEST(Szip, TimeStampsAreLocalAndEven) {
         tree.stamp("f", stamp);
         Sink sink;
         ASSERT_EQ(1, sink.stream(tree.plan({"f"}), 1));
-        for (const std::string& bytes :
-             {sink.pieces[0].substr(10, 4), sink.pieces[3].substr(12, 4)})
-            EXPECT_EQ(record("22", {time, date}), bytes);
+        const std::string expected = record("22", {time, date});
+        EXPECT_EQ(expected, sink.pieces[0].substr(10, 4));
+        EXPECT_EQ(expected, sink.pieces[3].substr(12, 4));
     }
     setenv("TZ", "UTC", 1);
 }
@@ -412,10 +417,8 @@ ssize_t write_all(void* arg, const void* buf, size_t count) {
     for (size_t done = 0; done < count;) {
         const ssize_t taken =
             write(*static_cast<int*>(arg), static_cast<const char*>(buf) + done, count - done);
-        if (taken >= 0)
-            done += size_t(taken);
-        else if (errno != EINTR)
-            return -1;
+        if (taken < 0 && errno != EINTR) return -1;
+        if (taken > 0) done += size_t(taken);
     }
     return ssize_t(count);
 }
@@ -454,8 +457,9 @@ TEST(Szip, HandledSignalCutsAStreamShort) {
         while (!row.blocked && !handled) sched_yield();
         uint64_t arrived = 0;
         std::vector<char> bytes(65536);
-        for (ssize_t got; (got = read(ends[0], bytes.data(), bytes.size())) > 0;)
+        for (ssize_t got; (got = read(ends[0], bytes.data(), bytes.size())) > 0;) {
             arrived += uint64_t(got);
+        }
         stream.join();
         close(ends[0]);
         EXPECT_TRUE(handled);

@@ -267,8 +267,10 @@ ISOLATED_TEST(Shell, DispositionSetMeanwhileStays) {
     };
     for (; row < std::end(rows); ++row) {
         for (const int each : {SIGINT, SIGQUIT, SIGCHLD}) {
-            ::signal(signal = each, older);
-            newer_is_set = false, armed = true;
+            signal = each;
+            ::signal(signal, older);
+            newer_is_set = false;
+            armed = true;
             EXPECT_EQ(0, event_system(":"));
             EXPECT_FALSE(armed);
             if (elsewhere.joinable()) elsewhere.join();
@@ -324,7 +326,8 @@ ISOLATED_TEST(Shell, SignalBeforeTheExecRunsNoHandler) {
         if (getpid() != daemon && signal) kill(getpid(), std::exchange(signal, 0));
     };
     for (const int each : {SIGUSR1, SIGUSR2, SIGRTMIN + 1}) {
-        ::signal(signal = each, [](int) { ++*ran; });
+        signal = each;
+        ::signal(signal, [](int) { ++*ran; });
         EXPECT_EQ(each, event_system("exit 1"));
     }
     EXPECT_EQ(0, *ran);

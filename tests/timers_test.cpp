@@ -113,8 +113,9 @@ ISOLATED_TEST(Timers, PinLeftBehindBringsADeletedTimerBack) {
         const char texts[][2] = {"1", "2", "3", "4"};
         set_clock(kNow);
         trace = "";
-        for (unsigned n = 0; n < 4; ++n)
+        for (unsigned n = 0; n < 4; ++n) {
             event_timer_add_mc(context, note_timer, arg(texts[n]), 100 * (n + 1));
+        }
         drive(context, {[] {}, [&] { cancel_loop_mc(context); }});
         del(texts[1]);
         del(texts[2]);
@@ -136,8 +137,9 @@ ISOLATED_TEST(Timers, TableOfABurstStays) {
     for (const size_t staying : {0, 10}) {
         event_loop_ctx_tp context = event_mc_init();
         const auto burst = std::span(args).subspan(staying);
-        for (char& one : std::span(args, staying))
+        for (char& one : std::span(args, staying)) {
             event_timer_add_mc(context, note_timer, &one, 1000);
+        }
         const long blocks = fakes.blocks;
         for (char& one : burst) event_timer_add_mc(context, note_timer, &one, 1000);
         EXPECT_EQ(blocks + std::ssize(burst) + 1, fakes.blocks);

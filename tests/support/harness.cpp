@@ -60,10 +60,8 @@ void instead_of_sleep(const timeval* tv) {
     } else if (tv && fakes.clock_ns != 0) {
         // Not a day at once, which would be taken for a jump of the clock.
         advance_clock(std::min(tv->tv_sec * 1000LL + tv->tv_usec / 1000, 43200000LL));
-    } else if (driver->context) {
-        cancel_loop_mc(driver->context);
     } else {
-        cancel_loop();
+        cancel_loop_of(driver->context);
     }
 }
 
@@ -186,6 +184,14 @@ void Script::called(char name) {
         nested = true;
         EXPECT_EQ(0, do_events(0));
         nested = false;
+    }
+}
+
+void cancel_loop_of(event_loop_ctx_tp context) {
+    if (context) {
+        cancel_loop_mc(context);
+    } else {
+        cancel_loop();
     }
 }
 

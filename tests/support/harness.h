@@ -86,6 +86,9 @@ struct Script {
     void called(char name);
 };
 
+// Cancels the loop of a context (null: the default one).
+void cancel_loop_of(event_loop_ctx_tp context);
+
 constexpr long long kEndless = -1;
 
 struct Drive {
