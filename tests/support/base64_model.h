@@ -1,4 +1,4 @@
-// A Base64 codec that is too simple to be wrong, compared with the library's by test and fuzzer.
+// A Base64 codec that is too simple to be wrong. Test and fuzzer compare it with the library's.
 #ifndef TESSRA_TESTS_BASE64_MODEL_H
 #define TESSRA_TESTS_BASE64_MODEL_H
 
@@ -44,7 +44,7 @@ inline int model_decode(const std::string& in, size_t room, std::string* out) {
     return in.size() % 4 == 0 ? BASE64_OK : BASE64_INVALID_PACKET;
 }
 
-// Code, length and every byte of a buffer of this room are the model's.
+// Returns whether code, length and every byte of a buffer of this room are those of the model.
 inline bool decodes_like_model(const std::string& in, size_t room) {
     std::string expected, out(room, '~');
     const int code = model_decode(in, room, &expected);

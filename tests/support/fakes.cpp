@@ -1,5 +1,6 @@
-// Definitions in the program take the place of the C library's for the library under test, too.
-// The real ones are the next in the loader's order, below the sanitizers' if there are any.
+// The loader finds a definition in the program before that of the C library, so the library under
+// test calls these functions, too. dlsym(RTLD_NEXT) finds the next one: that of a sanitizer, or the
+// real one.
 #include "fakes.h"
 
 #include <dlfcn.h>
@@ -21,7 +22,7 @@
 #include <cstdlib>
 #include <cstring>
 
-// What runs before the sanitizers are set up must not be instrumented.
+// Sanitizers must not instrument a function that runs before they are set up.
 #define PLAIN __attribute__((no_sanitize("thread"), no_sanitize("address")))
 
 #define REAL_AS(call, name)                                                           \
@@ -39,7 +40,7 @@
 #define TIME64(plain, renamed) plain
 #endif
 
-// Older headers take a void* there, for the sake of an older type.
+// Older headers declare wait4() with this type, newer ones with int*.
 #ifndef __WAIT_STATUS
 #define __WAIT_STATUS int*
 #endif
@@ -47,8 +48,8 @@
 struct fakes fakes;
 __thread int fail_allocation;
 
-// Where the code of the library and of the C library lies. Their calls are the ones that count:
-// GoogleTest and the C++ runtime have no answer to a fault.
+// The addresses of the code of the library and of the C library. Only calls from there meet faults,
+// since GoogleTest and the C++ runtime can't handle one.
 static struct Code { uintptr_t begin, end; } code_of[2];
 
 static int note_code(dl_phdr_info* object, size_t, void*) {
@@ -97,7 +98,7 @@ static PLAIN void* counted(void* block) {
     return block;
 }
 
-// ENOMEM, if this allocation is to fail.
+// Returns whether this allocation has to fail, and sets errno to ENOMEM if so.
 static PLAIN bool allocation_fails(const void* caller) {
     const bool nth = fail_allocation == 1;
     if (fail_allocation != 0) --fail_allocation;
@@ -127,10 +128,11 @@ PLAIN int* __errno_location() __THROW {
     return REAL(__errno_location)();
 }
 
-// pthread_cancel() opens a library, and the loader keeps memory where LeakSanitizer doesn't look.
+// pthread_cancel() loads a library, and the loader keeps memory where LeakSanitizer doesn't look.
 const char* __lsan_default_suppressions() { return "leak:ld-linux"; }
 
-// What calloc() and realloc() of some C libraries call is neither counted nor made to fail.
+// calloc() and realloc() of some C libraries call malloc() and free(). These calls don't count and
+// don't fail.
 static __thread bool inside_allocator;
 
 PLAIN void* malloc(size_t size) __THROW {
@@ -178,7 +180,7 @@ PLAIN int select(int nfds, fd_set* rset, fd_set* wset, fd_set* eset, timeval* tv
 
 PLAIN ssize_t real_read(int fd, void* bytes, size_t count) { return REAL(read)(fd, bytes, count); }
 
-// Half of what a short read or write is asked for; one byte is all or nothing.
+// A short read or write transfers half of the bytes; one byte stays one byte.
 static PLAIN size_t cut(int error, size_t count) {
     return error == FAKE_SHORT && count > 1 ? count / 2 : count;
 }
@@ -238,7 +240,7 @@ PLAIN long syscall(long number, ...) __THROW {
     return REAL(syscall)(number, arg[0], arg[1], arg[2], arg[3], arg[4], arg[5]);
 }
 
-// The names with 64 are what the library's calls become with 64-bit offsets.
+// With 64-bit offsets the compiler renames the library's calls to names with 64.
 PLAIN int open64(const char* path, int flags, ...) {
     va_list args;
     va_start(args, flags);
@@ -328,7 +330,7 @@ static PLAIN void prepare_and_tell() {
     prepare_library();
 }
 
-// The name that pthread_atfork() calls, which each library has a copy of its own of.
+// Each library has its own copy of pthread_atfork(), and all these copies call this function.
 PLAIN int __register_atfork(void (*prepare)(void), void (*parent)(void), void (*child)(void),
                             void* library) {
     if (prepare != nullptr && is_in(code_of[0], __builtin_return_address(0))) {
@@ -365,7 +367,7 @@ __attribute__((format(printf, 2, 3))) void syslog(int priority, const char* form
     va_end(args);
 }
 
-// What syslog() becomes where _FORTIFY_SOURCE is set.
+// With _FORTIFY_SOURCE the compiler calls this instead of syslog().
 void __syslog_chk(int priority, int, const char* format, ...) {
     va_list args;
     va_start(args, format);

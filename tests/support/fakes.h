@@ -1,6 +1,6 @@
-// Calls of the C library and of liblog that the test program answers in their place.
-// Everything passes through to the real call until a test asks for something else. Set the fields
-// before the threads that meet them start.
+// Replacements of calls of the C library and of liblog, in the test program. Each passes on to the
+// real call until a test asks for something else. Set the fields before you start a thread that
+// makes such calls.
 #ifndef TESSRA_TESTS_FAKES_H
 #define TESSRA_TESTS_FAKES_H
 
@@ -11,7 +11,7 @@
 
 extern "C" {
 
-// The calls that can be made to fail.
+// The calls that a test can make fail, or at which it can run a step.
 enum fake_call {
     FAKE_ALLOC,  // malloc(), calloc() and realloc().
     FAKE_MKFIFO,
@@ -22,7 +22,7 @@ enum fake_call {
     FAKE_FTRUNCATE,
     FAKE_READ,
     FAKE_WRITE,
-    FAKE_CLOSE,  // Closes all the same.
+    FAKE_CLOSE,  // Closes the descriptor even if it fails.
     FAKE_UNLINK,
     FAKE_SELECT,
     FAKE_CLOCK,  // The error is a jump of the fake clock in minutes.
@@ -32,8 +32,8 @@ enum fake_call {
     FAKE_WAIT4,
     FAKE_SIGACTION,
     FAKE_SIGMASK,
-    FAKE_SYSCALL,  // The way to calls that the C library may not have.
-    FAKE_VFORK,    // This and the next two only where the program asks fault_hits() itself.
+    FAKE_SYSCALL,  // Makes the calls for which the C library may have no function.
+    FAKE_VFORK,    // This and the next two work only where the program itself calls fault_hits().
     FAKE_EXEC,
     FAKE_SETMNTENT,
     FAKE_POPEN,
@@ -46,60 +46,61 @@ enum fake_call {
     FAKE_COND_SIGNAL,
     FAKE_PIPE,
     FAKE_ATFORK,
-    FAKE_PARK_ONLY,  // From here on none that fails.
+    FAKE_PARK_ONLY,  // The calls from here on can't be made to fail.
     FAKE_FREE = FAKE_PARK_ONLY,
-    FAKE_ERRNO,  // A look at errno.
+    FAKE_ERRNO,  // The library reads or writes errno.
     FAKE_NANOSLEEP,
     FAKE_MUTEX_TRYLOCK,
     FAKE_CANCELSTATE,
     FAKE_PTHREAD_JOIN,
     FAKE_COND_WAIT,
-    FAKE_FORK,  // Before the library's own handler of a fork().
+    FAKE_FORK,  // In a fork(), before the library's own handler.
     FAKE_CALLS
 };
 
-// The error of a read or write that comes up short.
+// The error number of a read or write that transfers a part.
 enum { FAKE_SHORT = -1 };
 
-// A call that fails. Only calls that the library or the C library makes count.
+// A call that fails. Only calls of the library and of the C library count.
 struct fault {
     int call, nth, error;       // The nth of these calls from now on, and its error number.
-    int lasts;                  // All after it fail, too.
-    int calls[FAKE_CALLS + 1];  // Made so far, also by children of fork() if it is shared.
+    int lasts;                  // If not 0, all calls after it fail, too.
+    int calls[FAKE_CALLS + 1];  // Calls so far; in shared memory also those of children.
 };
 
 typedef ssize_t read_call(int fd, void* bytes, size_t count);
 typedef int select_call(int nfds, fd_set* rset, fd_set* wset, fd_set* eset, struct timeval* tv);
 
 extern struct fakes {
-    int fail[FAKE_CALLS];       // Error number that the call fails with; 0 lets it through.
-    struct fault* fault;        // The fault that is armed, if not null.
-    void (*on_call)(int call);  // Called before each of these calls of the library, if not null.
-    long blocks;                // Of the heap, that malloc() and its likes have made and not freed.
-    select_call* on_select;     // Stands for select(), if not null.
-    read_call* on_read;         // Stands for read(), if not null.
-    // Called before a message of this size is written, a signal or a wake-up, if not null.
+    int fail[FAKE_CALLS];       // Error number of the call; 0 passes it on.
+    struct fault* fault;        // The armed fault, if not null.
+    void (*on_call)(int call);  // Runs before each of these calls of the library, if not null.
+    long blocks;                // Blocks from malloc() and its like that aren't freed yet.
+    select_call* on_select;     // Replaces select(), if not null.
+    read_call* on_read;         // Replaces read(), if not null.
+    // Runs before a write of a message, a signal or a wake-up, of this size, if not null.
     void (*before_message)(int fd, size_t size);
-    // Called after a sigaction() of the library, if not null. `action` is null for a query.
+    // Runs after a sigaction() of the library, if not null. `action` is null for a query.
     void (*after_sigaction)(int signal, const struct sigaction* action);
-    // Called after a stat() that was successful, if not null.
+    // Runs after a successful stat(), if not null.
     void (*after_stat)(const char* path, struct stat64* info);
-    void (*before_open)(int nth);  // Called before the nth open() of the library, if not null.
-    int opens;                     // Made by the library so far.
-    unsigned long long clock_ns;   // CLOCK_MONOTONIC_RAW, and the uptime; 0 for the real ones.
+    void (*before_open)(int nth);  // Runs before the nth open() of the library, if not null.
+    int opens;                     // Calls of before_open() so far.
+    unsigned long long clock_ns;   // CLOCK_MONOTONIC_RAW and the uptime; 0: the real ones.
     unsigned clock_reads;          // Readings of that clock.
-    int core_dumped_by;            // waitpid() tells of a core that this signal left.
-    int threads;                   // Created and not yet joined.
-    int log_off;                   // What the library logs isn't wanted.
-    void (*on_log)(void);          // Called for each line of the library's log, if not null.
-    char syslog_text[1000];        // "PRIORITY TEXT\n" for each syslog() call; the last ones.
+    int core_dumped_by;            // For this signal waitpid() reports a core dump.
+    int threads;                   // Threads that are created and not yet joined.
+    int log_off;                   // If not 0, nobody wants the library's log.
+    void (*on_log)(void);          // Runs for each line of the library's log, if not null.
+    char syslog_text[1000];        // "PRIORITY TEXT\n" of the last syslog() calls.
 } fakes;
 
-// Whether a call that `caller`, an address of code, makes is to fail now; sets errno if it is.
+// Returns 0, or the error of a call that has to fail now; a positive one is in errno, too. The call
+// returns to the address `caller`.
 int fault_hits(int call, const void* caller);
 #define FAULT_HITS(call) fault_hits(call, __builtin_return_address(0))
 
-// The n-th allocation of this thread from now on fails, whoever makes it; 0 for none.
+// The n-th allocation of this thread from now on fails, whoever makes it; 0: none.
 extern __thread int fail_allocation;
 
 // The C library's own select().

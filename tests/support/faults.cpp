@@ -18,12 +18,12 @@ constexpr int kMostFaults = 400;
 constexpr unsigned kSecondsEach = 20;
 constexpr int kDayAndMinute = 1441, kHourBack = -60;
 
-// The errors that a call can give, after its manual page.
+// The errors of a call, from its manual page.
 struct Errors {
     int call;
     const char* name;
     std::vector<int> errors;
-    int lasts = 0;  // From the one that fails first to the end of the operation.
+    int lasts = 0;  // If not 0, all later calls in the operation fail, too.
 };
 const Errors kErrors[] = {
     {FAKE_ALLOC, "allocation", {ENOMEM}},
@@ -88,7 +88,7 @@ void limit_descriptors(int more) {
     setrlimit(RLIMIT_NOFILE, &now);
 }
 
-// What the C library allocates once in a process.
+// Makes the C library allocate the blocks that it keeps for the life of the process.
 void warm_up(const Operation& operation) {
     const time_t now = 0;
     tm local;
@@ -100,7 +100,7 @@ void warm_up(const Operation& operation) {
     if (operation.warm) EXPECT_EQ(0, operation.run());
 }
 
-// One fault, in its process.
+// Runs the operation with one fault, in its process.
 void meet(const Operation& operation, Outcome outcome, struct fault* fault) {
     alarm(kSecondsEach);
     warm_up(operation);
@@ -123,12 +123,13 @@ void meet(const Operation& operation, Outcome outcome, struct fault* fault) {
     EXPECT_LT(outcome, Outcome::kExits1) << "the process goes on";
     errno = 0;
     EXPECT_EQ(0, operation.run()) << "once more";
-    (void)unlink(("/tmp/evtloop" + std::to_string(getpid())).c_str());  // If it had to stay.
+    (void)unlink(
+        ("/tmp/evtloop" + std::to_string(getpid())).c_str());  // A failed unlink() has left it.
     EXPECT_EQ(descriptors, open_descriptors());
     EXPECT_LE(fakes.blocks, blocks);
 }
 
-// Whether the fault was there to be met.
+// Returns whether the operation met the fault.
 bool met(const Operation& operation, Outcome outcome, struct fault* fault) {
     const ChildEnd end = run_child([&] { meet(operation, outcome, fault); });
     const bool hit = fault->calls[fault->call] >= fault->nth;

@@ -1,4 +1,4 @@
-// Drives an operation through every fault that the calls it makes can give.
+// Runs an operation once with every fault of every call that it makes.
 #ifndef TESSRA_TESTS_FAULTS_H
 #define TESSRA_TESTS_FAULTS_H
 
@@ -10,11 +10,11 @@
 
 namespace tessra_test {
 
-// What must come of a fault.
+// The effect that a fault must have.
 enum class Outcome {
     kFails,          // The documented failure, and errno is the fault's.
     kFailsSilently,  // The documented failure, whatever errno is.
-    kGoesOn,         // As if nothing had been.
+    kGoesOn,         // Success, as without the fault.
     kEither,         // One of the two above.
     kExits1,
     kExits255,
@@ -22,29 +22,29 @@ enum class Outcome {
     kCannotBe  // The kernel doesn't give this error here.
 };
 
-// Beside the calls: the nth descriptor can't be made.
+// A fault beside those of the calls: the limit refuses the nth descriptor.
 constexpr int FAKE_DESCRIPTORS = FAKE_CALLS;
 
-// An operation of the public interface, with its checks and everything that ends it.
+// An operation of the public interface, with its checks and its clean-up.
 struct Operation {
     const char* name;
-    // Returns 0 if it was done, -1 if it failed as documented; what else is seen it reports.
+    // Returns 0 after success, -1 after a documented failure; reports all else as a failed test.
     int (*run)();
     struct Exception {
         int call;
         Outcome outcome;
-        std::vector<int> errors = {};  // All if empty.
-        int from = 1;                  // The first of these calls for which this counts.
+        std::vector<int> errors = {};  // Empty: all.
+        int from = 1;                  // The exception holds from this call on, counted from 1.
     };
-    std::vector<Exception> exceptions;  // From Outcome::kFails; later ones count for more.
-    bool warm = true;                   // Its first run may leave blocks for the process's life.
+    std::vector<Exception> exceptions;  // From Outcome::kFails. The last one that fits counts.
+    bool warm = true;                   // Runs once before, since the first run may keep blocks.
     friend void PrintTo(const Operation& it, std::ostream* to) { *to << it.name; }
 };
 
-// Runs the operation in a process of its own for each call that it makes and each error of that
-// call, with all memory gone from each allocation on, and with 0, 1... descriptors left. Afterwards
-// it must succeed when it is run again, with no block and no descriptor left behind. Returns the
-// number of faults that were hit.
+// Runs the operation in a process of its own for each fault: each error of each call that it makes,
+// no memory from each allocation on, and 0, 1... descriptors left. Then the operation runs again,
+// and must succeed and leave no block and no descriptor behind. Returns the number of faults that
+// the operation met.
 int drive_faults(const Operation& operation);
 
 }  // namespace tessra_test

@@ -20,7 +20,7 @@ namespace {
 
 constexpr unsigned kTimeLimitSeconds = 100;
 
-// Reads back what a child wrote, without the line that qemu-user adds to an abort.
+// Reads a child's output, without the line that qemu-user adds to an abort.
 std::string read_output(FILE* file) {
     std::string text;
     char line[4096];
@@ -53,12 +53,12 @@ struct Driver {
 };
 Driver* driver;
 
-// Does what stands for sleeping: the next step, the passing of time, or the end of the loop.
+// Instead of sleeping, runs the next step, advances the clock, or cancels the loop.
 void instead_of_sleep(const timeval* tv) {
     if (driver->next_step < driver->steps.size()) {
         driver->steps[driver->next_step++]();
     } else if (tv && fakes.clock_ns != 0) {
-        // Not a day at once, which would be taken for a jump of the clock.
+        // Half a day at most: the loop takes more than a day for a jump of the clock.
         advance_clock(std::min(tv->tv_sec * 1000LL + tv->tv_usec / 1000, 43200000LL));
     } else {
         cancel_loop_of(driver->context);
@@ -83,7 +83,8 @@ int driven_select(int nfds, fd_set* rset, fd_set* wset, fd_set* eset, timeval* t
     return ready;
 }
 
-// Who takes a step clears its flag first. No lock, which a child of fork() might find taken.
+// A thread that takes a step clears its flag first. There is no lock, since a child of fork() might
+// find it locked.
 Step steps_at[FAKE_CALLS];
 std::atomic<bool> has_step[FAKE_CALLS];
 
@@ -136,7 +137,8 @@ pid_t fork_process(const Step& body) {
     if (pid != 0) return pid;
     alarm(kTimeLimitSeconds);
     body();
-    syscall(SYS_exit_group, 0);  // Not through a sanitizer, which misses threads of the parent.
+    syscall(SYS_exit_group,
+            0);  // A sanitizer's _exit() misses the parent's threads.
     return 0;
 }
 

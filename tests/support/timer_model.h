@@ -1,5 +1,5 @@
-// The timers of the default context as a sorted vector, for a loop on a fake clock whose waits end
-// as the numbers have it that the user chooses.
+// The timers of the default context as a sorted vector, for a loop on a fake clock. Numbers of the
+// user decide on the changes and on the end of each wait.
 #ifndef TESSRA_TESTS_TIMER_MODEL_H
 #define TESSRA_TESTS_TIMER_MODEL_H
 
@@ -16,10 +16,10 @@ class TimerModel {
 public:
     std::function<unsigned(unsigned)> below;        // The next number below this one.
     std::function<void(unsigned long long)> clock;  // Sets the loop's clock, in milliseconds.
-    std::function<void(bool, const char*)> check;   // Whether something holds, and what not.
+    std::function<void(bool, const char*)> check;   // Reports the text if the condition is false.
     int fired = 0;
     static constexpr unsigned kMaxArgs = 64;
-    unsigned most = 12, args = 4, spread = 20;  // How many timers, arguments, timeouts.
+    unsigned most = 12, args = 4, spread = 20;  // Limits of timers, arguments, timeouts.
     std::size_t largest = 0;
 
     void begin(unsigned long long now) {
@@ -28,7 +28,7 @@ public:
         clock(now_);
     }
 
-    // Stands for select(): checks the wait, changes timers as another thread would, sleeps.
+    // Replaces select(): checks the wait, changes timers as another thread would, sleeps.
     int wait(const timeval* tv) {
         const long long sleep_ms = tv ? tv->tv_sec * 1000LL + tv->tv_usec / 1000 : below(50);
         if (!timers_.empty()) {
