@@ -1,4 +1,4 @@
-// Built twice: with the library's tables, and with the small ones of the device.
+// This file is built twice: with the library's tables, and with the small tables of the device.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -10,7 +10,7 @@ using namespace tessra_test;
 
 namespace {
 
-// Result, length and first bytes of the buffer of a call with a suffix _alloc.
+// Returns result, length and first bytes of the block of a call with the suffix _alloc.
 template <typename Call>
 std::string allocated(Call call, const std::string& in, size_t size) {
     uint8_t* out = nullptr;
@@ -21,7 +21,7 @@ std::string allocated(Call call, const std::string& in, size_t size) {
     return std::to_string(code) + ' ' + std::to_string(outlen) + ' ' + bytes;
 }
 
-// RFC 4648, section 10, and the characters that it doesn't have.
+// The vectors of RFC 4648, section 10, and one with the characters that these lack.
 TEST(Base64, PublishedVectorsComeOutOtherwise) {
     const std::string rows[][2] = {{"", ""},
                                    {"f", "Zg=="},

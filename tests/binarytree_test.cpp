@@ -1,4 +1,4 @@
-// The balanced tree against std::map, with all invariants checked after every step.
+// Compares the balanced tree with std::map, and checks all invariants after every step.
 #include "tessra/binarytree.h"
 
 #include <algorithm>
@@ -13,7 +13,7 @@
 
 namespace {
 
-// An ordinary comparison, under which a walk descends.
+// An ordinary comparison. With it, a walk visits the keys in descending order.
 int compare(void* stored, void* wanted) {
     const auto a = reinterpret_cast<uintptr_t>(stored), b = reinterpret_cast<uintptr_t>(wanted);
     return a < b ? INT_MIN : a > b;
@@ -22,7 +22,7 @@ void* number(uintptr_t n) { return reinterpret_cast<void*>(n); }
 
 using Model = std::map<void*, void*, std::greater<>>;
 
-// Checks the nodes from this one down against their slots; returns their height.
+// Compares the nodes from this one down with their slots; returns their height.
 unsigned check(BinaryTreeNode* node, BinaryTreeNode* parent, void** slots, size_t i) {
     if (!node) return 0;
     EXPECT_TRUE(node->parent == parent && slots[2 * i] == node->key);
@@ -54,7 +54,8 @@ void expect_tree(BinaryTree* tree, const Model& model) {
     for (LinkedList* list : {keys, values, pairs}) LL_delete(list);
 }
 
-// The fuzzer's corpus looks at each step; here is what is made of a whole tree, and its ends.
+// The fuzzer's corpus checks each step. This checks the array and the lists of a whole tree, and
+// the walk back from its end.
 TEST(BinaryTree, ArrayOrListsDifferFromTheTree) {
     const unsigned seed = std::random_device()();
     SCOPED_TRACE(seed);
@@ -93,7 +94,7 @@ TEST(BinaryTree, ArrayThatNoMemoryHolds) {
     BT_delete(tree);
 }
 
-// A node with its height and its children.
+// Returns a node with its height and its children as text.
 std::string shape_of(const BinaryTreeNode* node) {
     if (!node) return "-";
     return std::to_string(reinterpret_cast<uintptr_t>(node->key)) + ':' +
@@ -104,7 +105,7 @@ void insert_or_remove(BinaryTree* tree, void* key) {
     if (!BT_insert(tree, key, key)) BT_remove(tree, key);
 }
 
-// The same, step by step and each time up to the root.
+// Does the same with the building blocks, and rebalances up to the root each time.
 void by_building_blocks(BinaryTree* tree, void* key) {
     int side;
     BinaryTreeNode* node = findinsertionpoint(tree, key, &side);
@@ -122,11 +123,11 @@ void by_building_blocks(BinaryTree* tree, void* key) {
     DeleteLeafNode(tree, node);
 }
 
-using Order = std::vector<uintptr_t>;  // Of insertions.
+using Order = std::vector<uintptr_t>;  // The order of insertions.
 using Change = void (*)(BinaryTreeNode*);
 using Work = void (*)(BinaryTree*, void* key);
 
-// What an insertion or removal makes of a tree whose node n is changed by hand, for each key.
+// Returns the trees after an insertion or removal of each key, if node n is changed by hand before.
 std::string changed(const Order& order, Change change, size_t n, Work work) {
     std::string shapes;
     for (uintptr_t key = 1; key <= 2 * order.size() + 1; ++key) {
@@ -142,7 +143,8 @@ std::string changed(const Order& order, Change change, size_t n, Work work) {
     return shapes;
 }
 
-// All shapes of seven entries. A process for each change, since the first makes the tree careful.
+// Tries all shapes of seven entries. Each change has a process of its own, since after the first
+// change by hand the library rebalances all trees up to the root.
 TEST(BinaryTree, ChangeByHandIsLeftUnbalanced) {
     const Change changes[] = {
         [](BinaryTreeNode* node) {

@@ -1,5 +1,5 @@
-/* Every function of the public headers, called from C. The program is linked with the static
-   library and without a C++ runtime, which shows that none is needed. */
+/* Calls every function of the public headers from C. The program is linked with the static library
+   and without a C++ runtime, which shows that the library needs none. */
 #define _GNU_SOURCE
 #define TESSRA_MEMCHK
 #include <errno.h>
@@ -34,15 +34,15 @@ static void check(int holds, const char* condition) {
 #define CHECK(condition) check((condition) != 0, #condition)
 
 static event_loop_ctx_tp context; /* Null for the default one. */
-static int calls[128];            /* By the letter that is a handler's argument. */
+static int calls[128];            /* Indexed by the letter that is a handler's argument. */
 static char t[] = "t", f[] = "f", s[] = "s", c[] = "c", x[] = "x";
 static int bytes[2]; /* The pipe that on_fd() reads. */
-static int held[2];  /* The pipe whose closing the child waits for. */
+static int held[2];  /* The child waits until this pipe is closed. */
 
 #define DO(name, ...) (context ? name##_mc(context, __VA_ARGS__) : name(__VA_ARGS__))
 #define OF_LOOP(name) (context ? name##_mc(context) : name())
 
-/* The loop ends once all handlers have been called. Only the default one sees the child. */
+/* Cancels the loop once all handlers have run. Only the default loop watches the child. */
 static void called(const void* letter) {
     ++calls[(int)*(const char*)letter];
     if (calls['t'] && calls['f'] && calls['s'] && (context || calls['c'])) OF_LOOP(cancel_loop);
@@ -172,7 +172,7 @@ static void test_zip(void) {
 
 static int by_text(void* stored, void* wanted) { return strcmp(wanted, stored); }
 
-/* Five letters make f over c and t, and t over s and x. */
+/* The five letters make a tree of f over c and t, and t over s and x. */
 static void test_list_and_tree_of_pointers(void) {
     char* letters[] = {c, f, s, t, x};
     BinaryTree* tree = BT_create(by_text);
@@ -212,7 +212,7 @@ static void test_building_blocks(void) {
     recalculateheight(at_x);
     balanceup(tree, at_x);
     CHECK(getbalance(at_t) == 1 && rotateleft(at_t) == at_x && rotateright(at_x) == at_t);
-    DeleteLeafNode(tree, createnode(at_x, "z", NULL)); /* one that its parent doesn't have */
+    DeleteLeafNode(tree, createnode(at_x, "z", NULL)); /* Its parent doesn't know it. */
     ++tree->itemcount;
     CHECK(at_x->right && tree->itemcount == 4);
     DeleteLeafNode(tree, at_x->right);
@@ -343,7 +343,7 @@ static void test_locks(void) {
 }
 
 int main(void) {
-    alarm(100); /* Ends it if a loop hangs. */
+    alarm(100); /* Kills the program if a loop hangs. */
     test_base64();
     test_misc();
     test_errors();

@@ -1,4 +1,4 @@
-// Ends of children. They die before the loop looks, so that it meets them in a known order.
+// Children that terminate. They do so before the loop looks, so it finds them in a known order.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,7 +13,7 @@ using namespace tessra_test;
 
 namespace {
 
-// A child that has ended but not been collected.
+// Returns a child that has terminated and isn't collected yet.
 pid_t dead_child(const Step& body = [] {}) {
     const pid_t pid = fork_process(body);
     await_child(pid);
@@ -24,7 +24,7 @@ bool uncollected(pid_t pid) { return waitpid(pid, nullptr, WNOHANG) == pid; }
 
 const Step kSigchld = [] { raise(SIGCHLD); };
 
-// One signal stands for all of them, which have ended before their watchers were added.
+// All children have terminated before their watchers are added. One SIGCHLD reports all of them.
 ISOLATED_TEST(Children, EndIsMissedOrDecodedWrong) {
     struct Row {
         Step end;
@@ -57,7 +57,7 @@ ISOLATED_TEST(Children, EndIsMissedOrDecodedWrong) {
           {[] {}, [] { EXPECT_EQ(0, seen); }, kSigchld, [] { EXPECT_EQ(5, seen); }, kSigchld});
     EXPECT_EQ(5, seen);
     EXPECT_EQ(log, fakes.syslog_text);
-    EXPECT_EQ(-1, wait(nullptr));  // The null handler's child is collected, too.
+    EXPECT_EQ(-1, wait(nullptr));  // The child without a handler is collected, too.
 }
 
 ISOLATED_TEST(Children, StoppedOneIsReportedAsEnded) {
@@ -79,11 +79,11 @@ TEST(Children, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
     const struct {
         const char *outer, *inner, *called, *uncollected;
     } rows[] = {
-        {"A", "", "ABC", ""},  // Itself, which is off the list.
+        {"A", "", "ABC", ""},  // Itself, which is no longer on the list.
         {"B", "", "AC", "B"},  // The pinned successor.
         {"C", "", "AB", "C"},  // One that no walk holds.
         {"BC", "", "A", "BC"},  {"+", "", "ABCD", ""},
-        {"!", "", "Abc", ""},  // The nested pass takes all that the outer walk has before it.
+        {"!", "", "Abc", ""},  // The nested pass takes all that the outer walk hasn't reached.
         {"B!", "", "Ac", "B"},  {"C!", "", "Ab", "C"},
         {"BC!", "", "A", "BC"}, {"!BC", "", "Abc", ""},
         {"!", "C", "Ab", "C"},  {"!", "AB", "Abc", ""},
@@ -120,7 +120,8 @@ TEST(Children, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
     }
 }
 
-// Some stop and are continued, and commands run in between, while SIGCHLD has its default action.
+// Some children stop and continue. Commands run in between, during which SIGCHLD has its default
+// action.
 ISOLATED_TEST(Children, OneOfManyIsMissedOrReportedTwice) {
     constexpr int kChildren = 500;
     static std::map<int, int> codes, reports;
@@ -137,7 +138,8 @@ ISOLATED_TEST(Children, OneOfManyIsMissedOrReportedTwice) {
     static Step tick = [] {
         for (const pid_t pid : stoppers) kill(pid, SIGCONT);
         if (random() % 8 == 0) EXPECT_EQ(0, event_system("true"));
-        if (codes.size() == kChildren) raise(SIGCHLD);  // For those that a command has hidden.
+        if (codes.size() == kChildren)
+            raise(SIGCHLD);  // For those whose SIGCHLD a command has hidden.
         if (reported == kChildren) return cancel_loop();
         event_timer_add(run_timer, &tick, 1);
     };
@@ -178,9 +180,9 @@ TEST(Children, WatchersFireOnTheWrongContext) {
         {{add, [] { event_process_add(pid, note_process, arg("x")); }}, false, "d"},
         {{add, [] { event_signal_del(SIGCHLD); }, add}, false, ""},
         {{add, [] { event_process_del(pid); }, [] { drive(nullptr); }, add}, false, ""},
-        // A first call that fails decides nothing.
+        // A first call that fails doesn't choose the context.
         {{[] { fail_allocation = 2; }, add_mc, add}, false, "d"},
-        // The context of the first call is freed, and its memory used again.
+        // The context of the first call is freed, and a new context may use its memory.
         {{add_mc, [] { event_mc_free(other); }, [] { other = event_mc_init(); }, add_mc, add},
          false,
          ""},

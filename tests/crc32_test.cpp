@@ -1,4 +1,4 @@
-// The checksum by every way that computes it, against the definition bit by bit.
+// Compares every way to compute the checksum with its definition, bit by bit.
 #include <gtest/gtest.h>
 
 #if defined(__x86_64__)
@@ -43,7 +43,8 @@ TEST(Crc32, EveryWayGivesTheDefinedValue) {
 }
 
 #if defined(__x86_64__)
-// Whether the upper halves of the vector registers hold anything, which slows down all SSE code.
+// Returns whether the upper halves of the vector registers are in use, which slows down all SSE
+// code.
 bool upper_halves_in_use() {
     unsigned can_tell = 0, b, c, d, in_use = 0;
     if (__get_cpuid_count(0xd, 1, &can_tell, &b, &c, &d) && can_tell & 1u << 2) {
@@ -61,7 +62,7 @@ TEST(Crc32, TheKernelIsChosenWhereTheProcessorHasIt) {
               ~tessra::crc32_by_clmul(0xffffffff, bytes.data(), 256));
     if (!tessra::cpu_has_wide_clmul()) GTEST_SKIP() << "none of twice the width";
     clear_upper_halves();
-    const bool were_in_use = upper_halves_in_use();  // On some machines always.
+    const bool were_in_use = upper_halves_in_use();  // Always true on some machines.
     EXPECT_EQ(crc_by_definition(0, bytes.data(), 256),
               ~tessra::crc32_by_wide_clmul(0xffffffff, bytes.data(), 256));
     EXPECT_EQ(were_in_use, upper_halves_in_use());

@@ -1,4 +1,4 @@
-// Descriptor watchers: who is called, and what survives the handlers' deletions and nested passes.
+// Descriptor watchers: which ones run, also after deletions and nested passes in handlers.
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,14 +14,14 @@ using namespace tessra_test;
 
 namespace {
 
-// Every type against every answer of select().
+// Every type with every answer of select().
 ISOLATED_TEST(Descriptors, SetsOrCallsDisagreeWithTheType) {
     static int fd, type, answer, calls;
     const fd_handler_t count = [](int, void*) { ++calls; };
     fd = ready_descriptor();
     fakes.on_select = [](int nfds, fd_set* rset, fd_set* wset, fd_set* eset, timeval*) {
         fd_set* const sets[] = {rset, wset, eset};
-        EXPECT_EQ(fd + 1, nfds);  // Whatever the type. The channel's ends are below.
+        EXPECT_EQ(fd + 1, nfds);  // For every type; the channel's ends have lower numbers.
         for (int n = 0; n < 3; ++n) {
             EXPECT_EQ(type >> n & 1, FD_ISSET(fd, sets[n]) != 0) << "set " << n;
             FD_ZERO(sets[n]);
@@ -69,18 +69,18 @@ TEST(Descriptors, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
         {'A', "C", "", "ABD"},     // One that no walk holds.
         {'A', "ABC", "", "AD"},    // All three.
         {'D', "ABC", "", "ABCD"},  // Those before it.
-        {'A', "+", "", "ABCDE"},   // A new watcher of a ready descriptor runs in this pass,
-        {'D', "+", "", "ABCD"},    // but not behind the last one,
-        {'A', "*", "", "ABCD"},    // nor of a descriptor that wasn't asked for.
+        {'A', "+", "", "ABCDE"},   // A new watcher of a ready descriptor runs in this pass.
+        {'D', "+", "", "ABCD"},    // It doesn't if the last watcher has added it.
+        {'A', "*", "", "ABCD"},    // Nor does one of a descriptor that this select() didn't have.
         {'A', "!!", "", "AabcdabcdBCD"}, {'D', "!A", "", "ABCDabcd"},
-        {'A', "A!", "", "AbcdBCD"},  // Before the nested pass:
-        {'A', "B!", "", "AacdCD"},   // it reaps the outer walk's successor,
+        {'A', "A!", "", "AbcdBCD"},  // A deletion before the nested pass.
+        {'A', "B!", "", "AacdCD"},   // The nested pass frees the outer walk's successor.
         {'A', "BC!", "", "AadD"},        {'A', "ABCD!", "", "A"},
-        {'A', "B!C", "", "AacdD"},   // and the next one goes afterwards.
-        {'A', "!B", "", "AabcdCD"},  // After the nested pass, which took the pin away.
+        {'A', "B!C", "", "AacdD"},   // The next one is deleted afterwards.
+        {'A', "!B", "", "AabcdCD"},  // After the nested pass, which has removed the pin.
         {'A', "!BCD", "", "Aabcd"},      {'A', "!", "B", "AacdCD"},  // In the nested pass.
         {'A', "!", "BC", "AadD"},        {'A', "!", "ABCD", "Aa"},
-        {'A', "A!", "B", "AbcdCD"},  // The successor deletes itself there.
+        {'A', "A!", "B", "AbcdCD"},  // The successor deletes itself in the nested pass.
         {'A', "B!", "CD", "Aa"},         {'A', "!B!", "C", "AabdadD"},
     };
     const auto run = [](const auto& row, int idle_before_first, int idle_before_others) {
@@ -117,14 +117,14 @@ TEST(Descriptors, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
     };
     for (const auto& row : rows) {
         run(row, 0, 0);
-        // Among so many idle ones the loop looks up those that are ready.
+        // Beside so many idle ones, the loop looks for the ready ones in its table by descriptor.
         run(row, 10, 10);
         run(row, 40, 0);
     }
 }
 
-// Any few or many ready ones among so many that these are looked up, unless two share a descriptor
-// or there is no memory for that.
+// Few or many watchers are ready, among so many that the loop makes a table by descriptor. It makes
+// none if two watchers share a descriptor, or without memory.
 ISOLATED_TEST(Descriptors, CrowdIsCalledInAnotherOrderOrNotAtAll) {
     static std::mt19937 random;
     static struct Watcher { int fd, type, answer; } watchers[80];
@@ -173,7 +173,7 @@ ISOLATED_TEST(Descriptors, CrowdIsCalledInAnotherOrderOrNotAtAll) {
                          watcher.fd, watcher.type);
             if (is_ready(watcher)) expected += name(&watcher);
         }
-        // Afterwards none holds one back from being deleted.
+        // After the walk no pin keeps a watcher from being freed.
         Step end = [] { cancel_loop(); };
         Step renew = [&end] {
             for (const Watcher& watcher : std::span(watchers, count)) {
@@ -201,7 +201,7 @@ ISOLATED_TEST(Descriptors, CrowdIsCalledInAnotherOrderOrNotAtAll) {
     EXPECT_EQ(blocks, fakes.blocks);
 }
 
-// A change tests the descriptors that are new, however many are watched.
+// After a change the loop tests only the new descriptors, however many it watches.
 ISOLATED_TEST(Descriptors, ChangeTestsAllOfACrowd) {
     static int tests, passes;
     static std::vector<int> fds;
@@ -225,14 +225,14 @@ ISOLATED_TEST(Descriptors, ChangeTestsAllOfACrowd) {
 TEST(Descriptors, ClosedOneGoesUnnoticed) {
     static int fd;
     static const auto watch = [](int type) {
-        fd = dup2(ready_descriptor(), 900);  // Not where the channel will be.
+        fd = dup2(ready_descriptor(), 900);  // Not a number that the channel gets.
         event_fd_add(note_fd, arg(""), fd, type);
     };
     static const auto watch_and_close = [](int type) {
         watch(type);
         close(fd);
     };
-    // Closed by a timer, some passes after the last add; then the list changes or not.
+    // A timer closes the descriptor some passes after the last add, and then may change the list.
     static const auto close_later = [](int type, bool changes, bool nested) {
         watch(type);
         static Step last, first;
@@ -247,8 +247,8 @@ TEST(Descriptors, ClosedOneGoesUnnoticed) {
         first = [] { event_timer_add(run_timer, &last, 2); };
         event_timer_add(run_timer, &first, 1);
     };
-    // In the middle of a walk that goes on. A careless look at the sets takes -1 for 63, which is
-    // ready.
+    // A handler adds -1, and the walk goes on. A careless test of the sets takes -1 for 63, which
+    // is ready.
     static const auto add_in_handler = [] {
         static Step add = [] { event_fd_add(note_fd, arg("-1"), -1, EVENT_FD_READ); };
         event_fd_add(run_fd, &add, dup2(ready_descriptor(), 63), EVENT_FD_READ);
@@ -268,7 +268,7 @@ TEST(Descriptors, ClosedOneGoesUnnoticed) {
         [] { close_later(0, false, true); },
         [] { close_later(EVENT_FD_READ, true, false); },
         [] { close_later(EVENT_FD_READ, true, true); },
-        // Tested in an earlier run of the loop, and closed since.
+        // An earlier run of the loop has tested the descriptor, which is closed since then.
         [] {
             event_loop_ctx_tp own = event_mc_init();
             Step end = [own] { cancel_loop_mc(own); };

@@ -1,4 +1,4 @@
-// The DNS codec on messages that end where the memory does.
+// The DNS codec, with messages that end at a page without access.
 #include <arpa/inet.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -18,7 +18,7 @@ constexpr size_t kMaxMessage = 65535;
 const string ip = "\1\2\3\4";
 constexpr unsigned kA = 1, kCname = 5, kAaaa = 28, kUri = 256, kCaa = 257;
 
-// A copy of some bytes, never unmapped, whose end is the end of the memory.
+// Returns a copy of some bytes that ends at a page without access. Nobody unmaps it.
 char* at_edge(const string& bytes) {
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     const size_t usable = bytes.size() / page * page + page;
@@ -42,7 +42,7 @@ string reply(unsigned answers, const string& text, const string& name = "\1a\2bc
     return header(0xFFF0, answers) + name + be(1) + be(1) + text;
 }
 
-// "RESULT ADDRESS COUNT NAME", where COUNT is of the answers left.
+// Returns "RESULT ADDRESS COUNT NAME". COUNT is the number of answers that are left.
 string parsed(const string& message, bool v6) {
     char* const edge = at_edge(message);
     char address[INET6_ADDRSTRLEN] = "-", untouched[] = "-", *name = untouched;
@@ -75,22 +75,22 @@ TEST(Dns, RepliesGiveAnotherResultOrAreReadBeyondTheirEnd) {
     const string short_a = record("\0"s, kA, ip);
     const string labels = label(63) + label(63) + label(63), longest = labels + label(61) + '\0';
     const string too_long = labels + label(62) + '\0';
-    // The longest message, with a record or a part of one at its end.
+    // Returns the longest message, with a record or a part of one at its end.
     const auto full = [](const string& last) {
         return reply(2, record("\0"s, kCaa, string(kMaxMessage - 33 - last.size(), 'y')) + last);
     };
     const string found = "1 1.2.3.4 0 a.bc";
     const struct {
-        string message, v4, v6 = {};  // No v6: the same.
+        string message, v4, v6 = {};  // An empty v6: the same as v4.
     } rows[] = {
         {header(0x8183, 1), "-1 - 1 -"},
         {header(0x8188, 1), "-1 - 1 -"},
         {header(0x8180, 0), "0 - 0 -"},
         {reply(1, a), found},
-        {header(0, 1) + "\0\0\1\0\1"s + a, "1 1.2.3.4 0 "},  // No response; the root.
+        {header(0, 1) + "\0\0\1\0\1"s + a, "1 1.2.3.4 0 "},  // No response bit; the root.
         {reply(1, record("\xFF\xFF", kA, ip, 3)), found},
-        {reply(1, record("\0\0"s, kA, ip)), found},  // A pointer left blank.
-        {reply(3, a), "1 1.2.3.4 2 a.bc"},           // The rest isn't looked at.
+        {reply(1, record("\0\0"s, kA, ip)), found},  // The pointer is zero.
+        {reply(3, a), "1 1.2.3.4 2 a.bc"},           // The parser doesn't read the rest.
         {reply(2, answer(kCname, "\1b\xC0\x0C") + a), found},
         {reply(1, answer(kCname, "\1b\xC0\x0C")), "0 - 65535 a.bc"},
         {reply(2, answer(kCaa, string(300, 'y')) + a), found},
@@ -105,22 +105,22 @@ TEST(Dns, RepliesGiveAnotherResultOrAreReadBeyondTheirEnd) {
         {reply(2, record("\1A\2BC\0"s, kCaa, "") + record("\1A\xC0\x0E", kA, ip)), found},
         {reply(2, record("\1A\0"s, kCaa, "") + record("\2de\0"s, kA, ip, 3)), found},
         {reply(1, record(longest, kA, ip)), found},
-        // Owners of two bytes that aren't a pointer. What they are taken for if they are looked at:
-        {reply(1, record("\x40\7", kA, ip)), found},              // A reason to refuse the reply,
-        {reply(1, record("\xBF\0"s, kA, ip, 3)), found},          // likewise,
+        // Owners of two bytes that aren't a pointer. A parser that looked at them would find
+        {reply(1, record("\x40\7", kA, ip)), found},              // a reason to refuse the reply,
+        {reply(1, record("\xBF\0"s, kA, ip, 3)), found},          // the same,
         {reply(2, record("\77x", kCaa, "") + a), found},          // a label beyond the end,
         {reply(2, record("\2x", kUri, "\0\1\0\1"s) + a), found},  // a name and no record,
         {reply(1, record("\1x", kA, ip)), found},                 // a name of one letter,
         {reply(2, record("\0\0"s, kUri, "\0\1\0\1a"s) + a), found},         // the root,
         {reply(1, record("\0\0"s, kCaa, "\0\5issue"s)), "0 - 65535 a.bc"},  // an A record of it.
-        // Names of the question beyond the standard's lengths.
+        // Names in the question that are longer than the standard allows.
         {reply(1, a, label(64) + '\0'), "1 1.2.3.4 0 " + string(64, 'x')},
         {reply(1, a, too_long), "1 1.2.3.4 0 " + string(63, 'x') + "." + string(63, 'x') + "." +
                                     string(63, 'x') + "." + string(62, 'x')},
         {reply(1, a, label(191) + label(100) + '\0'), "1 1.2.3.4 0 null"},
         {reply(1, a, '\xEE' + string(494, 'x') + '\0'), "1 1.2.3.4 0 null"},
         {header(0, 1) + string(kMaxMessage - 12, 'x'), "0 - 0 null"},
-        // At the last byte of the longest message, and beyond it.
+        // Records that end at the last byte of the longest message, and beyond it.
         {full(short_a), found},
         {full(short_a.substr(0, 14)), "0 - 65535 a.bc"},
         {full(short_a.substr(0, 10)), "0 - 0 a.bc"},
@@ -163,7 +163,7 @@ TEST(Dns, NamesAreEncodedOrDecodedWrongly) {
         EXPECT_EQ(row.back ? row.back : row.text, text);
         free(text);
     }
-    // Texts of 257 bytes with the terminator; what follows the length is not even there.
+    // The texts would have 257 bytes with the terminator. After the last length the message ends.
     EXPECT_EQ(nullptr, name2string(at_edge(label(254) + "\1")));
     EXPECT_EQ(nullptr, name2string(at_edge(label(100) + label(100) + "\x36")));
 }

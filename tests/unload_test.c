@@ -21,5 +21,5 @@ int main(int argc, char** argv) {
     memcpy(&add, &found, sizeof add);
     add(ignore, NULL, SIGTERM);
     if (dlclose(library) != 0) return 1;
-    return raise(SIGTERM); /* The catcher, which nobody but the library can take out. */
+    return raise(SIGTERM); /* The catcher runs: only the library could remove it. */
 }

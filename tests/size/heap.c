@@ -1,5 +1,5 @@
-/* What one of each thing keeps on the heap: as asked for, and with what glibc's allocator adds.
-   Linked with --wrap, so that every call of the library comes by here. */
+/* Prints the heap memory of one of each thing: the bytes that the library requests, and those that
+   glibc's allocator takes for them. The linker's option --wrap redirects all allocations here. */
 #include <malloc.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -32,7 +32,7 @@ void* __real_realloc(void* block, size_t size);
 void* __wrap_malloc(size_t size) { return count(__real_malloc(size), size); }
 void* __wrap_calloc(size_t n, size_t size) { return count(__real_calloc(n, size), n * size); }
 void* __wrap_realloc(void* block, size_t size) {
-    if (block) abort(); /* Nothing here resizes. */
+    if (block) abort(); /* The library resizes no block here. */
     return count(__real_realloc(block, size), size);
 }
 
@@ -43,7 +43,7 @@ static void on_signal(int signal, siginfo_t* info, void* arg) {}
 static void end(void* loop) { cancel_loop_mc(loop); }
 static int on_child(int pid, void* arg, int status) { return status; }
 
-/* Prints what the statement keeps. */
+/* Prints the memory that the statement allocates. */
 #define MEASURE(name, ...)                            \
     do {                                              \
         asked = taken = 0;                            \
@@ -51,8 +51,8 @@ static int on_child(int pid, void* arg, int status) { return status; }
         printf("%s\t%zu\t%zu\n", name, asked, taken); \
     } while (0)
 
-/* Timers differ by their express lanes. Tables are made anew as they grow, and each is larger than
-   all else that is allocated meanwhile. */
+/* Timers have different numbers of express lanes. A table that grows is allocated anew, and exceeds
+   all blocks that are allocated meanwhile. */
 static void measure_many(void) {
     static char args[1000];
     size_t least = SIZE_MAX, least_taken = 0;
@@ -86,12 +86,12 @@ int main(void) {
     LinkedList* list;
     BinaryTree* tree;
     hashtable_t *strings, *flags = hashtable_alloc(7);
-    setvbuf(stdout, NULL, _IONBF, 0); /* A buffer would be counted. */
+    setvbuf(stdout, NULL, _IONBF, 0); /* A buffer would count. */
     MEASURE("loop context beside the default one", loop = event_mc_init());
     MEASURE("timer, the first of a context", event_timer_add_mc(loop, on_timer, NULL, 1000));
     MEASURE("watcher of a descriptor", event_fd_add_mc(loop, on_fd, NULL, 0, EVENT_FD_READ));
     MEASURE("watcher of a signal", event_signal_add_mc(loop, on_signal, NULL, SIGUSR1));
-    event_process_add_mc(loop, 1, on_child, NULL); /* The first one adds the watcher of SIGCHLD. */
+    event_process_add_mc(loop, 1, on_child, NULL); /* The first call adds the watcher of SIGCHLD. */
     MEASURE("watcher of a child", event_process_add_mc(loop, 1, on_child, NULL));
     MEASURE("linked list", list = LL_create());
     MEASURE("linked list element", LL_push(list, NULL));
@@ -107,7 +107,7 @@ int main(void) {
     MEASURE("tracked block, besides itself", add_allocation(tree, "next", 1, 1));
     const char* files[] = {"/usr", "/usr"};
     size_t asked_before = 0, taken_before = 0;
-    for (unsigned int n = 0; n < 3; ++n) { /* The first reads the time zone. */
+    for (unsigned int n = 0; n < 3; ++n) { /* The first plan reads the time zone. */
         asked_before = asked;
         taken_before = taken;
         asked = taken = 0;
@@ -115,5 +115,5 @@ int main(void) {
     }
     printf("ZIP plan entry, path of 4 characters\t%zu\t%zu\n", asked - asked_before,
            taken - taken_before);
-    measure_many(); /* Last, since what it frees would be taken by those above. */
+    measure_many(); /* Last, since those above would reuse the blocks that this frees. */
 }

@@ -1,4 +1,4 @@
-/* A daemon that uses nothing but the loop: its map shows that it pays for nothing else. */
+/* A daemon that uses the loop alone. Its linker map shows that it contains nothing else. */
 #include <signal.h>
 #include <unistd.h>
 
@@ -15,7 +15,7 @@ static int on_end(int pid, void* arg, int status) {
 }
 static void on_signal(int signal, siginfo_t* info, void* arg) {
     const int pid = fork();
-    while (pid == 0) pause(); /* One that ends before it is watched may go unnoticed. */
+    while (pid == 0) pause(); /* The loop may miss a child that exits before it is watched. */
     event_process_add(pid, on_end, NULL);
     kill(pid, SIGKILL);
 }

@@ -123,8 +123,8 @@ void meet(const Operation& operation, Outcome outcome, struct fault* fault) {
     EXPECT_LT(outcome, Outcome::kExits1) << "the process goes on";
     errno = 0;
     EXPECT_EQ(0, operation.run()) << "once more";
-    (void)unlink(
-        ("/tmp/evtloop" + std::to_string(getpid())).c_str());  // A failed unlink() has left it.
+    // A failed unlink() has left the FIFO's name.
+    (void)unlink(("/tmp/evtloop" + std::to_string(getpid())).c_str());
     EXPECT_EQ(descriptors, open_descriptors());
     EXPECT_LE(fakes.blocks, blocks);
 }

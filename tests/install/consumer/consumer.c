@@ -1,6 +1,6 @@
-/* A daemon in small: a timer writes into a pipe, the pipe's watcher raises a signal, and the
-   signal's watcher ends the loop. Exits with 0 if all three came in that order, and if the parts of
-   the library find one another though words.c has taken names of theirs. */
+/* A small daemon: a timer writes into a pipe, the pipe's watcher raises a signal, and the signal's
+   watcher cancels the loop. Exits with 0 if all three run in that order, and if the parts of the
+   library call one another, although words.c defines functions with their names. */
 #define _XOPEN_SOURCE 700
 #include <signal.h>
 #include <stdio.h>
@@ -46,7 +46,7 @@ static void no_log(int level, char* format, ...) {
     (void)format;
 }
 
-/* How many of seven parts do their work. */
+/* Returns how many of seven parts do their work. */
 static int working_parts(void) {
     char a[] = "a", b[] = "b", c[] = "c", request[512], path[] = "/tmp/consumer.XXXXXX", *name;
     struct in_addr address;
@@ -66,7 +66,7 @@ static int working_parts(void) {
     count += (int)str_hashtable_count(table, a);
     str_hashtable_free(table);
     count += dns_build_request(request, a, 1, 1, 1) == 12 + 3 + 4;
-    request[7] = 1; /* one answer, which isn't there */
+    request[7] = 1; /* The header now announces an answer that isn't there. */
     count += dns_parse_reply(request, &name, &address) != 1 && strcmp(name, a) == 0;
     free(name);
     const int fd = mkstemp(path);

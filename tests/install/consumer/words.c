@@ -1,4 +1,4 @@
-/* A program's own functions by those names of the library that are common words, less
+/* Functions of a program with those names of the library that are common words, except
    createPidFile(), which consumer.c calls. */
 #include <stdio.h>
 #include <stdlib.h>
