@@ -1,5 +1,5 @@
-// Every call that the library makes fails once, with each error that it can give, and memory also
-// for good.
+// Lets each call of the library fail once, with each error that the call can give. Allocations also
+// fail from each one on to the end.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -25,7 +25,7 @@
 
 using namespace tessra_test;
 
-// In this program a child of vfork() has memory of its own, and can't exec when it isn't to.
+// In this program vfork() is fork(), so a child has its own memory, and exec can fail.
 extern "C" {
 pid_t vfork() __THROW { return FAULT_HITS(FAKE_VFORK) ? -1 : fork(); }
 #define EXEC(call, find_env)                                         \
@@ -49,7 +49,7 @@ namespace {
 
 using enum Outcome;
 
-// What a test does by itself meets no fault.
+// While this lives, no fault is armed, so the test's own calls meet none.
 struct Unarmed {
     ~Unarmed() { fakes.fault = armed; }
     struct fault* armed = std::exchange(fakes.fault, nullptr);
@@ -69,7 +69,8 @@ void expect_unarmed() {
     EXPECT_EQ("", trace);
 }
 
-// Adds in a running loop, and what they add runs unless it failed: never half, never twice.
+// Adds a watcher in a running loop. If the add succeeds, the watcher must run as expected; if it
+// fails, never.
 int run_added(const Step& add, const char* expected, const Step& trigger) {
     int result = 0, error = 0;
     trace.clear();
@@ -113,7 +114,8 @@ int add_signal() {
                      [] { raise(SIGUSR1); });
 }
 
-// Its end is told once, at the latest when the next SIGCHLD comes; in one run of the loop.
+// The loop must report the exit once, at the latest with the next SIGCHLD. Only one run of the loop
+// in a process reports children, so nothing is left to do after a success.
 int add_child() {
     static bool done;
     if (done) return 0;
@@ -133,7 +135,7 @@ int make_context() {
     return context ? 0 : -1;
 }
 
-// Watchers outlive the failed start: the run after it finds them all.
+// Watchers survive a start that fails: the next run has them all.
 int run_loop() {
     static const Pipe pipe;
     static event_loop_ctx_tp context;
@@ -224,7 +226,7 @@ int run_command() {
     for (int signal = 1; signal < 32; ++signal) {
         EXPECT_EQ(signal == SIGUSR2, sigismember(&blocked, signal));
     }
-    while (waitpid(-1, nullptr, 0) > 0) {  // After a wait that failed it may still be there.
+    while (waitpid(-1, nullptr, 0) > 0) {  // The child of a failed wait may still be there.
     }
     const bool no_shell = fakes.fault && fakes.fault->call == FAKE_EXEC;
     EXPECT_TRUE(status == 3 << 8 || status == (no_shell ? 127 << 8 : -1)) << status;
@@ -247,7 +249,7 @@ int run_task() {
 
 int get_output() {
     char* const output = system_output("echo 1; head -c 3000 /dev/zero");
-    const bool complete = output && output[0] == '1' && output[2001] == 0;  // Of 3002.
+    const bool complete = output && output[0] == '1' && output[2001] == 0;  // Of 3002 bytes.
     const int error = errno;
     free(output);
     EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));
@@ -256,7 +258,7 @@ int get_output() {
 
 int find_mount_point() { return is_mountpoint("/proc") - 1; }
 
-// A file whose name is the same in all processes of this test.
+// Returns a file name that is the same in all processes of this test.
 std::string file_name(const char* what) {
     return "/tmp/tessra-faults-" + std::to_string(getppid()) + what;
 }
@@ -298,7 +300,7 @@ std::string text_of(const std::string& name) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
-// Streams into a file, which must be of the size foretold and the same as without faults.
+// Streams into a file, which must have the announced size and be the same as without faults.
 int stream_archive() {
     const std::string name = file_name("file"), to = file_name("zip");
     const char* const file = name.c_str();
@@ -326,7 +328,7 @@ int stream_archive() {
 
 int compare_addresses(void* a, void* b) { return a < b ? -1 : a > b; }
 
-// Entries that were told to be in are in, and no others.
+// The tree must have exactly the entries whose insertion succeeded.
 int fill_tree() {
     static int entries[4];
     BinaryTree* const tree = BT_create(compare_addresses);
@@ -410,19 +412,19 @@ int decode() {
     return complete ? 0 : -1;
 }
 
-// What holds for all that runs in a loop.
+// The exceptions of all operations that run a loop.
 const std::vector<Operation::Exception> kRunning = {
-    {FAKE_FSTAT, kFailsSilently},              // EPERM: it isn't known to be a FIFO.
+    {FAKE_FSTAT, kFailsSilently},              // EPERM, as for a file that is no FIFO.
     {FAKE_MKFIFO, kGoesOn, {EEXIST, ENOENT}},  // Another start has the name, too.
     {FAKE_OPEN, kGoesOn, {ENOENT, ENXIO}},
-    {FAKE_MUTEX_INIT, kGoesOn},  // The C library's own for what is zeroed.
+    {FAKE_MUTEX_INIT, kGoesOn},  // The library makes this call for a thread only.
     {FAKE_MUTEX_DESTROY, kGoesOn},
     {FAKE_UNLINK, kGoesOn},
     {FAKE_CLOSE, kGoesOn},
     {FAKE_CLOCK, kGoesOn},
     {FAKE_WRITE, kGoesOn},
     {FAKE_READ, kGoesOn},
-    {FAKE_READ, kCannotBe, {EAGAIN, EIO, EISDIR}},  // A message is there as a whole.
+    {FAKE_READ, kCannotBe, {EAGAIN, EIO, EISDIR}},  // A ready channel has a whole message.
     {FAKE_SELECT, kExits1},
     {FAKE_SELECT, kGoesOn, {EINTR}},
     {FAKE_FCNTL, kExits255},
@@ -432,14 +434,14 @@ std::vector<Operation::Exception> running(std::vector<Operation::Exception> more
     return more;
 }
 
-// The sanitizers look at a new thread's stack, and don't bear it when that fails.
+// The sanitizers look up the stack of a new thread, and can't handle a failure of that.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr Outcome kThreadFault = kCannotBe;
 #else
 constexpr Outcome kThreadFault = kFailsSilently;
 #endif
 
-// What the system has let a command change it lets it change back.
+// If the system lets a command change something, it also lets it change that back.
 const std::vector<Operation::Exception> kCommand = {
     {FAKE_SIGACTION, kGoesOn}, {FAKE_SIGACTION, kCannotBe, {}, 4},
     {FAKE_SIGMASK, kGoesOn},   {FAKE_SIGMASK, kCannotBe, {}, 2},
@@ -460,8 +462,8 @@ const Operation kOperations[] = {
      running({{FAKE_ALLOC, kThreadFault},
               {FAKE_PTHREAD_CREATE, kFails},
               {FAKE_DESCRIPTORS, kThreadFault},
-              {FAKE_CLOCK, kCannotBe, {-60}},  // Nobody looks between the add and the loop.
-              {FAKE_WRITE, kCannotBe},         // Of wake-ups: only a full channel refuses one.
+              {FAKE_CLOCK, kCannotBe, {-60}},  // Nobody reads it between the add and the loop.
+              {FAKE_WRITE, kCannotBe},         // Wake-ups: only a full channel refuses one.
               {FAKE_MUTEX_INIT, kAborts},
               {FAKE_MUTEX_DESTROY, kAborts},
               {FAKE_COND_INIT, kAborts},

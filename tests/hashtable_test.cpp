@@ -1,4 +1,4 @@
-// The string hash against a second computation, and the tables.
+// Compares the string hash with a second implementation, and tests the tables.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -36,7 +36,7 @@ uint32_t hash_again(const std::string& text) {
     return word[2];
 }
 
-// In the first rounds a closed page follows the string.
+// In the first 65 rounds a page without access follows the string.
 TEST(StrHash, DiffersFromLookup2OrReadsBehindTheString) {
     EXPECT_EQ(0x1153f4beu, strhash(""));
     EXPECT_EQ(0x67e8c010u, strhash("abc"));
@@ -56,7 +56,7 @@ TEST(StrHash, DiffersFromLookup2OrReadsBehindTheString) {
 }
 
 TEST(HashTable, SizesThatNoBlockHasAndNothingAtAll) {
-    // On 32 bits the last one's block would have 12 bytes.
+    // On 32 bits the size of the last one's block wraps around to 12 bytes.
     for (const int size : {-1, INT_MIN, INT_MAX, 0x15555556}) {
         if (size < 0 || sizeof(size_t) == 4) EXPECT_TRUE(!hashtable_alloc(size) && errno == ENOMEM);
     }
@@ -66,7 +66,8 @@ TEST(HashTable, SizesThatNoBlockHasAndNothingAtAll) {
         EXPECT_EQ(0u, str_hashtable_count(ht, nullptr));
         EXPECT_FALSE(hashtable_get_index(ht, 1u << 31, 0) || str_hashtable_get_index(ht, "k", 0) ||
                      named_flag_clr(ht, "k"));
-        if (ht) str_hashtable_put(ht, strdup("k"), strdup("1"));  // A bucket that size leaves out.
+        if (ht)
+            str_hashtable_put(ht, strdup("k"), strdup("1"));  // The size doesn't count this bucket.
         EXPECT_EQ(ht ? 1u : 0u, hashtable_count(ht));
         str_hashtable_free(ht);
     }
@@ -78,7 +79,8 @@ std::string key_of(char letter) {
     return letter == 'x' ? "uaaaa" : letter == 'X' ? "lwzaa" : std::string(1, letter);
 }
 
-// A key for each letter; the values are "1", "2"..., in blocks. f is alone in its bucket.
+// Returns a table with a key for each letter. The values are blocks with "1", "2" and so on. f is
+// alone in its bucket.
 hashtable_t* table_of(const char* letters) {
     hashtable_t* ht = hashtable_alloc(3);
     for (int n = 0; letters[n]; ++n) {
@@ -143,7 +145,7 @@ TEST(StrHashTable, FilterAsksOrRemovesAnotherEntry) {
     str_hashtable_filter(ht, nullptr, take_even_or_all, &seen);
     EXPECT_EQ("12345", seen);
     EXPECT_EQ("135", values(ht));
-    // A key block of the table's own is freed on the way.
+    // This key is a block of the table, which the filter frees on its way.
     const char* key = record(hashtable_get_index(ht, strhash("k"), 0))->key;
     str_hashtable_filter(ht, key, take_even_or_all, nullptr);
     EXPECT_EQ("5", values(ht));

@@ -1,4 +1,4 @@
-// The stand-in for liblog: which messages it lets through, and what it prints of them.
+// The stand-in for liblog: which messages it prints, and how.
 #include "liblog.h"
 
 #include <gtest/gtest.h>
@@ -23,27 +23,27 @@ std::string printed(const std::string& text) {
     return testing::internal::GetCapturedStderr();
 }
 
-// `highest` is the highest level of zone 6 that is wanted, `other` that of zones -1 and 0. 0 stands
-// for none.
+// `highest` is the highest enabled level of zone 6, `other` that of zones -1 and 0. 0 stands for
+// none.
 TEST(Liblog, RuleIsReadWrong) {
     const struct {
         const char* rules;
         int highest, other = 0;
     } rows[] = {
         {nullptr, 1, 1},
-        {"", 1, 1},  // As by "TESSRA_LOG= program": nobody asked for silence.
+        {"", 1, 1},  // As by "TESSRA_LOG= program", which doesn't ask for silence.
         {"off", 0},
         {"6:2", 2},
         {"all:3", 3, 3},
         {"7:2", 0},
         {"60:2", 0},
-        {"16:2", 0},  // A zone is compared whole.
+        {"16:2", 0},  // A rule names the whole number of a zone.
         {"all:1,6:3", 3, 1},
         {"6:3,all:1", 1, 1},  // The last rule that fits counts, not the narrowest.
         {"6:3,off", 0},
         {"6:3,7:1", 3},
         {"6:2x", 0},
-        {"6:2,6:", 2},  // What can't be read changes nothing, and hides no other rule.
+        {"6:2,6:", 2},  // An unreadable rule changes nothing, and hides no other.
         {"6:2,:,:2,-1:2,,all:,all,offf,6:-1,6:,6", 2},
         {"6:99999999999999999999,99999999999999999999:0", 2147483647},
     };

@@ -1,5 +1,6 @@
-// Orders of calls between threads, signals and processes that a daemon of many months meets once.
-// One side is parked at a call that it makes; the other then does what it must survive.
+// Orders of calls between threads, signals and processes that a daemon meets once in many months.
+// The tests park one side at a call that it makes. Then the other side makes calls that the first
+// one must survive.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -52,7 +53,7 @@ struct Runner {
     std::thread thread;
 };
 
-// A child of this process that has ended but not been collected.
+// Returns a child that has terminated and isn't collected yet.
 pid_t dead_child() {
     const pid_t pid = fork_process([] {});
     await_child(pid);
@@ -74,8 +75,8 @@ ISOLATED_TEST(Free, TakesNoLockOfAnotherContext) {
     }
 }
 
-// The canceller is parked at each kind of call that it makes. If the loop sees the cancel then, its
-// end waits for the canceller, in nanosleep(); if not, it waits for events again.
+// The test parks the canceller at each kind of call that it makes. If the loop has seen the cancel
+// by then, it waits for the canceller in nanosleep(). If not, it waits for events again.
 ISOLATED_TEST(Free, MayFollowTheLoopsReturnWhateverACancelDoes) {
     for (const int call : {FAKE_CANCELSTATE, FAKE_ERRNO, FAKE_WRITE}) {
         static Semaphore moved(0);
@@ -117,7 +118,7 @@ ISOLATED_TEST(Free, EndsTheWalkOfItsChildrenFromAChildsHandler) {
         trace += "f";
         if (!std::exchange(nest, false)) return event_mc_free(own);
         raise(SIGCHLD);
-        EXPECT_EQ(0, do_events(0));  // Another child's handler frees it, inside of this one.
+        EXPECT_EQ(0, do_events(0));  // In it another child's handler frees the context.
     };
     for (int n = 0; n < 2; ++n) event_process_add_mc(own, dead_child(), run_process, &free_it);
     event_process_add_mc(own, dead_child(), note_process, arg("wrong"));
@@ -136,8 +137,8 @@ ISOLATED_TEST(Free, EndsTheWalkOfItsChildrenFromAChildsHandler) {
     EXPECT_EQ(0, et_event_loop());
 }
 
-// pthread_cancel() comes at a call inside of the library. The thread goes on until it is outside,
-// and nothing is left locked, open or unsent.
+// pthread_cancel() is called while the thread is inside the library. The thread goes on until it is
+// outside, and leaves nothing locked, open or unsent.
 ISOLATED_TEST(Cancelled, ThreadLeavesTheLibraryWhole) {
     static Semaphore signalled(0);
     static Step on_signal = [] { signalled.release(); };
@@ -153,7 +154,7 @@ ISOLATED_TEST(Cancelled, ThreadLeavesTheLibraryWhole) {
         EXPECT_EQ(0, et_event_loop_mc(own));
         event_mc_free(own);
     };
-    // A canceller is inside the channel of the loop that ends, which waits for it.
+    // The loop ends while a canceller still uses its channel, so the loop waits for the canceller.
     const Step end_waits = [] {
         static Gate gate;
         Runner runner;
@@ -226,7 +227,7 @@ void lock_and_unlock(recursive_mutex* mutex) {
     recursive_mutex_unlock(mutex);
 }
 
-// What a child of fork() may do with the library, and it has nobody to wait for.
+// Makes the calls that a child of fork() may make. No other thread could end a wait of the child.
 void use_in_child(event_loop_ctx_tp idle) {
     alarm(20);
     for (event_loop_ctx_tp context : {event_loop_ctx_tp(), idle, event_mc_init()}) {
@@ -243,7 +244,7 @@ void use_in_child(event_loop_ctx_tp idle) {
             if (et_event_loop() != 0) _exit(2);
         }
     }
-#if !defined(__SANITIZE_THREAD__)  // It knows no threads in such a child, and qemu-user aborts.
+#if !defined(__SANITIZE_THREAD__)  // It has no threads in such a child; qemu-user aborts.
     if (!getenv("TESSRA_EMULATED")) {
         if (event_loop_async_start() != 0 || event_loop_async_stop() != 0) _exit(3);
     }
@@ -293,7 +294,7 @@ TEST(Fork, ChildCanUseWhatAnotherThreadWasChanging) {
     }
 }
 
-// In a handler, and beside a thread that is in one.
+// Forks in a handler, and beside a thread that is in a handler.
 ISOLATED_TEST(Fork, ChildHasNoLoopAndWritesToNoChannel) {
     static event_loop_ctx_tp idle = event_mc_init(), other;
     static int messages;
@@ -349,7 +350,8 @@ ISOLATED_TEST(Fork, ChildHasNoLoopAndWritesToNoChannel) {
     runner.end();
 }
 
-// The pass that has called the handler ends there, whatever the child puts on its lists.
+// In the child, the pass that has called the handler ends there, whatever the child adds to its
+// lists.
 TEST(Fork, ChildThatReturnsFromAHandlerLeavesThePass) {
     static event_loop_ctx_tp own;
     static Step fork_it, end;
@@ -379,7 +381,7 @@ TEST(Fork, ChildThatReturnsFromAHandlerLeavesThePass) {
     for (const Step& kind : kinds) {
         SCOPED_TRACE(&kind - kinds);
         run_isolated([&kind] {
-            set_clock(kHour);  // All timers are due in the phase under way.
+            set_clock(kHour);  // All timers are due in the same phase.
             own = event_mc_init();
             for (pid_t& child : dead) child = dead_child();
             for (int& fd : fds) fd = ready_descriptor();
@@ -391,13 +393,13 @@ TEST(Fork, ChildThatReturnsFromAHandlerLeavesThePass) {
             fork_it = [] {
                 trace += "f";
                 if (pid != -1) return;
-                event_fd_del(fds[1]);  // The next of the walk, which is marked so.
+                event_fd_del(fds[1]);  // Only marks it, since it is next in the walk.
                 event_process_del_mc(own, dead[1]);
                 pid = fork();
                 if (pid != 0) return cancel_loop();
                 event_fd_add(run_fd, &end, fds[1], EVENT_FD_READ);
                 event_timer_add(run_timer, &end, 0);
-#if !defined(__SANITIZE_THREAD__)  // It takes a lock that is made anew for the one it was.
+#if !defined(__SANITIZE_THREAD__)  // It takes a lock that is initialised again for the old one.
                 event_mc_free(own);
 #endif
             };
@@ -427,7 +429,8 @@ ISOLATED_TEST(Fork, ChildOfAProcessWhoseFirstCallIsUnderWay) {
     first.join();
 }
 
-// What a failed start has left open is the parent's. Its number may be another file in the child.
+// Only the parent closes a descriptor that a failed start has left open. In the child, its number
+// may belong to another file.
 ISOLATED_TEST(Fork, ChildClosesNothingForAFailedStart) {
     const int leftover = dup(STDIN_FILENO);
     close(leftover);
@@ -442,7 +445,7 @@ ISOLATED_TEST(Fork, ChildClosesNothingForAFailedStart) {
               })));
 }
 
-// The default loop's starts and stops, beside one another.
+// Starts and stops of the default loop at the same time.
 ISOLATED_TEST(StartStop, StartBesideACancelledLoopIsBusy) {
     Step start = [] {
         errno = 0;
@@ -462,16 +465,16 @@ ISOLATED_TEST(StartStop, StartBesideACancelledLoopIsBusy) {
     EXPECT_EQ(0, event_loop_async_stop());
 }
 
-// What another thread does while one is parked in a start or a stop of the default loop.
+// Starts the default loop, and expects success (0) or an error.
 void expect_start(int error) {
     errno = 0;
     EXPECT_EQ(error ? -1 : 0, event_loop_async_start());
     EXPECT_EQ(error, errno);
 }
 
-// One stop has cancelled the loop, and waits for a handler. Then another stop or a start comes,
-// which waits in a lock: nobody can see it there, so it has its chance to return before the handler
-// ends.
+// One stop has cancelled the loop and waits for a handler. Then another stop or a start waits for a
+// lock. The test can't see a thread wait for a lock, so it only gives the second call a chance to
+// return before the handler does.
 ISOLATED_TEST(StartStop, BothWaitForTheLastHandler) {
     const Step stop = [] { EXPECT_EQ(0, event_loop_async_stop()); };
     const Step start = [] { expect_start(0); };
@@ -504,7 +507,7 @@ ISOLATED_TEST(StartStop, BothWaitForTheLastHandler) {
     }
 }
 
-// The stop finds a thread that has been made and hasn't begun.
+// The stop finds a thread that is created and hasn't begun its loop.
 ISOLATED_TEST(StartStop, StopEndsTheLoopThatIsBeingStarted) {
     Gate begin;
     at_call(FAKE_MKFIFO, [&] { begin.park(); });
@@ -520,7 +523,7 @@ ISOLATED_TEST(StartStop, StopEndsTheLoopThatIsBeingStarted) {
     EXPECT_EQ(0, fakes.threads);
 }
 
-// A synchronous loop begins when the thread is about to be made.
+// A synchronous loop begins just before the start creates its thread.
 ISOLATED_TEST(StartStop, StartBesideASynchronousLoopIsBusy) {
     Semaphore running(0);
     Step tell = [&] { running.release(); };
@@ -538,8 +541,7 @@ ISOLATED_TEST(StartStop, StartBesideASynchronousLoopIsBusy) {
     EXPECT_EQ(0, event_loop_async_stop());
 }
 
-// A loop starts when the stop has cancelled the former one, which has ended, and waits for its
-// thread.
+// The stop has cancelled a loop, which has ended, and waits for its thread. Then a new loop starts.
 ISOLATED_TEST(StartStop, StopLeavesALaterLoopAlone) {
     static Semaphore step(0);
     static thread_local bool is_later_loop;
@@ -553,13 +555,13 @@ ISOLATED_TEST(StartStop, StopLeavesALaterLoopAlone) {
         };
         later = std::thread([&] {
             is_later_loop = true;
-            while (et_event_loop() != 0) EXPECT_EQ(EBUSY, errno);  // The former one is ending.
+            while (et_event_loop() != 0) EXPECT_EQ(EBUSY, errno);  // The former one ends.
         });
         step.acquire();
     });
     EXPECT_EQ(0, event_loop_async_stop());
     for (int n = 0; n < 2; ++n) {
-        event_timer_add(run_timer, &tell, 0);  // Wakes the loop, which would see a flag of 0.
+        event_timer_add(run_timer, &tell, 0);  // Wakes the loop, which would then see a cancel.
         step.acquire();
     }
     cancel_loop();
@@ -585,7 +587,7 @@ ISOLATED_TEST(Channel, LoggerMayRunALoop) {
     expect_start(EACCES);
 }
 
-// Text that a daemon without standard descriptors prints is no message.
+// A daemon without standard descriptors prints text. The loop must not take the text for a message.
 ISOLATED_TEST(Channel, LeavesTheStandardDescriptorsFree) {
     const int numbers[] = {0, 1, 2};
     int saved[3];
@@ -599,7 +601,7 @@ ISOLATED_TEST(Channel, LeavesTheStandardDescriptorsFree) {
     };
     event_timer_add(run_timer, &print, 0);
     event_signal_add(note_signal, arg("s"), 'T' - 'S');
-    // Another thread prints before the descriptors have left these numbers.
+    // Another thread prints while the channel still has these numbers.
     at_call(FAKE_FCNTL, [] {
         char message[1 + sizeof(siginfo_t)] = {'T'};
         EXPECT_EQ(sizeof message, write(STDOUT_FILENO, message, sizeof message));
@@ -611,7 +613,7 @@ ISOLATED_TEST(Channel, LeavesTheStandardDescriptorsFree) {
     EXPECT_EQ("", trace);
 }
 
-// Whoever has opened the FIFO while it had a name has no end of the channel.
+// A process that opened the FIFO while it had a name has no end of the channel.
 ISOLATED_TEST(Channel, CannotBeOpenedByItsName) {
     static int stolen = -1;
     at_call(FAKE_UNLINK, [] {

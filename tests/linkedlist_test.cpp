@@ -1,4 +1,4 @@
-// The linked list and a cursor against a plain deque.
+// Compares the linked list and a cursor with a plain deque.
 #include <cerrno>
 #include <deque>
 #include <random>
@@ -7,7 +7,7 @@
 #include "tessra/linkedlist.h"
 
 namespace {
-// Both chains must hold what the model holds.
+// Both chains must have the values of the model.
 void expect_list(const LinkedList* list, const std::deque<void*>& model) {
     ASSERT_EQ(model.size(), list->itemcount);
     LinkedListElement *element = list->head, *before = nullptr;
@@ -19,7 +19,7 @@ void expect_list(const LinkedList* list, const std::deque<void*>& model) {
     ASSERT_TRUE(!element && list->tail == before);
 }
 
-// What is left, NULLs among it, goes to LL_delete() and the leak checker.
+// LL_delete() gets the rest, NULLs among it, and the leak checker sees what it leaves.
 TEST(LinkedList, ValueIsLostReorderedOrLeakedOrCursorGoesAstray) {
     const unsigned seed = std::random_device()();
     SCOPED_TRACE(seed);
@@ -28,7 +28,7 @@ TEST(LinkedList, ValueIsLostReorderedOrLeakedOrCursorGoesAstray) {
     LinkedList* list = LL_create();
     LinkedListEnum* cursor = LL_newenum(list);
     std::deque<void*> model;
-    size_t at = 0;  // 0 is before the first, n on the n-th element.
+    size_t at = 0;  // 0 is before the first element, n is on the n-th.
     const auto value_at = [&](size_t n) { return n ? model[n - 1] : nullptr; };
     for (int step = 0; step < 40000 && !testing::Test::HasFailure(); ++step) {
         void *expected = nullptr, *got = nullptr;

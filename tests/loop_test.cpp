@@ -45,7 +45,7 @@ ISOLATED_TEST(Pass, PhasesRunOutOfOrderOrAreCutShort) {
     event_signal_add(run_signal, &on_signal, SIGUSR1);
     event_fd_add(run_fd, &every_pass, ready_descriptor(), EVENT_FD_READ);
     EXPECT_EQ(0, et_event_loop());
-    EXPECT_EQ(" ft fst fst", trace);  // One signal per pass, and the last one is finished.
+    EXPECT_EQ(" ft fst fst", trace);  // One signal per pass, and the last pass is finished.
 }
 
 void change(int count) {
@@ -66,15 +66,16 @@ ISOLATED_TEST(Loop, ChangeDoesNotWakeItOrWakesItTwice) {
         {[&] { event_fd_add(note_fd, nullptr, quiet.in, EVENT_FD_READ); }},
         {[] { event_signal_add(note_signal, nullptr, SIGUSR1); }},
         {[] { event_signal_del(SIGUSR2); }},
-        {[] { event_process_add(getpid(), nullptr, nullptr); }, 2},  // The first adds SIGCHLD.
+        {[] { event_process_add(getpid(), nullptr, nullptr); }, 2},  // The first call adds SIGCHLD.
         {[] { event_process_del(1); }},
         {[] { change(2); }, 2},
-        // More than the loop reads at once, than it lets into the channel, than a channel takes.
+        // More than the loop reads at once, more than it lets into the channel, more than a channel
+        // has room for.
         {[] { change(1000); }, 1000},
         {[] { change(3000); }, 3000},
         {[] { change(70000); }, 70000},
         {[] { std::thread(change, 70000).join(); }, 70000},
-        // Each of a nested pass takes one, too.
+        // Each nested pass takes a wake-up, too.
         {[] {
              change(10);
              event_timer_add(run_timer, &nest, 0);
@@ -96,7 +97,7 @@ ISOLATED_TEST(Loop, SecondStartDisturbsTheRunningOne) {
             start();
             std::thread(start).join();
         };
-        cancel_loop_of(context);  // Idle: without a lasting effect.
+        cancel_loop_of(context);  // An idle loop isn't affected.
         EXPECT_EQ(0, drive(context, {start, start_when_stopping}).result);
         event_mc_free(context);
     }
@@ -160,7 +161,7 @@ ISOLATED_TEST(Start, ChannelBeyondFdSetsizeOverrunsTheSets) {
     EXPECT_EQ(0, drive(nullptr).result);
 }
 
-// Someone else knows the name beforehand.
+// Somebody makes a file of that name before the start does.
 TEST(Start, PlantedNameIsUsed) {
     static std::string path, other;
     const auto file = [](const std::string& name) {
@@ -196,7 +197,7 @@ TEST(Start, PlantedNameIsUsed) {
              ASSERT_EQ(0, chown(path.c_str(), 65534, 65534));
          },
          nullptr, 0},
-        // The start of a process with the same number, which shares /tmp but not the PID namespace.
+        // The other process has the same id. It shares /tmp, but not the PID namespace.
         {"another start removes it before the first open",
          [] {
              fakes.before_open = [](int nth) {
@@ -239,9 +240,9 @@ TEST(Start, PlantedNameIsUsed) {
     }
 }
 
-// With the loop under way: who gets a descriptor of the library, and whether all come back.
+// While a loop runs: which descriptors of the library a child inherits, and whether all are closed.
 ISOLATED_TEST(Descriptors, OneIsInheritedOrLeftOpen) {
-    // Numbers from 3 on that a shell has. The listing's own is gone when it is looked at.
+    // Lists the numbers from 3 on that a shell has open. The pipe of seq is closed by then.
     static const char kList[] = "for i in $(seq 3 60); do [ ! -e /proc/$$/fd/$i ] || echo $i; done";
     static const auto inherited = [] {
         char* const list = system_output("%s", kList);
@@ -280,7 +281,7 @@ ISOLATED_TEST(Descriptors, OneIsInheritedOrLeftOpen) {
     const char* files[] = {name};
     szip_info_t* const plan = szip_create_info(files, 1, "/", "/");
     const int null = open("/dev/null", O_WRONLY);
-    const int rounds = sizeof(void*) == 4 ? 400 : 1000;  // An emulator takes its time.
+    const int rounds = sizeof(void*) == 4 ? 400 : 1000;  // Emulators are slow.
     for (int round = 0; round < rounds; ++round) {
         EXPECT_EQ(0, drive(own).result);
         EXPECT_EQ(1, szip_stream_zip_fd(null, plan, 100));
@@ -301,7 +302,7 @@ void delete_and_close(int fd) {
     close(fd);
 }
 
-// As another thread may do just before select() looks.
+// Another thread may do so just before select() looks.
 ISOLATED_TEST(Loop, DescriptorDeletedAndClosedMeanwhileEndsTheProcess) {
     const Pipe pipe;
     const int fd = dup(pipe.in);
@@ -312,7 +313,7 @@ ISOLATED_TEST(Loop, DescriptorDeletedAndClosedMeanwhileEndsTheProcess) {
     EXPECT_EQ("t", trace);
 }
 
-// In a nested pass of a timer handler, which holds no lock, it is another thread that does so.
+// A timer handler holds no lock, so another thread may do so during the handler's nested pass.
 ISOLATED_TEST(NestedPass, GoesOnWithoutWhatIsDeletedMeanwhile) {
     static const Pipe quiet;
     static int fd;
@@ -383,7 +384,7 @@ ISOLATED_TEST(NestedPass, RunsOutsideTheLoopOrInsideAnother) {
 }
 
 struct SelectScript {
-    std::vector<int> errors;  // For each call; 0 for success. The last one repeats.
+    std::vector<int> errors;  // One for each call; 0: success. The last one repeats.
     size_t calls = 0;
     long long usec = 0;
 } script;
@@ -413,7 +414,7 @@ ISOLATED_TEST(NestedPass, WaitsWrongOrSpinsOnFailure) {
         {UINT_MAX, {0}, -1, 0, 0, 0},
         {20, {EINTR}, -1, 1, 1, 20000},     // Not repeated.
         {20, {ENOMEM, 0}, 0, 2, 2, 20000},  // Repeated with the same sets and timeout.
-        {20, {EBADF}, -1, 2, 1000, 20000},  // Not for ever.
+        {20, {EBADF}, -1, 2, 1000, 20000},  // Not repeated for ever.
         {20, {EBADF, EINTR}, -1, 2, 2, 20000},
     };
     Step handler = [&] {
@@ -426,7 +427,8 @@ ISOLATED_TEST(NestedPass, WaitsWrongOrSpinsOnFailure) {
             errno = 0;
             EXPECT_EQ(row.result, do_events(row.timeout)) << row.timeout;
             EXPECT_TRUE(row.max_calls > 0 || errno == EINVAL);
-            EXPECT_EQ(row.result == 0 ? "t" : "", trace);  // Nothing ready is no failure.
+            EXPECT_EQ(row.result == 0 ? "t" : "",
+                      trace);  // It isn't a failure if nothing is ready.
             EXPECT_TRUE(row.min_calls <= script.calls && script.calls <= row.max_calls)
                 << script.calls << " calls for " << row.timeout;
             EXPECT_EQ(row.usec, script.usec);

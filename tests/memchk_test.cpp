@@ -19,9 +19,9 @@ using namespace tessra_test;
 
 namespace {
 
-// Ascending addresses, and two names with the same text.
+// Names at ascending addresses. Two of them have the same text.
 char names[3][400] = {"a.c", "a.c", "b.c"};
-char places[64];  // Addresses to be tracked; nothing is ever read there.
+char places[64];  // Addresses to be tracked. Nobody reads there.
 
 std::string report;
 
@@ -34,7 +34,7 @@ void note(int level, char* format, ...) {
     report += std::to_string(level) + line + '\n';
 }
 
-// What a dump lists between its first and its last line, with -1 handed through as the level.
+// Returns the lines of a dump between its first and its last one. -1 is passed on as the level.
 std::string dump() {
     report.clear();
     dump_allocation_tree(-1, note);
@@ -86,8 +86,8 @@ ISOLATED_TEST(Memchk, FiveDumps) {
     EXPECT_EQ(cut + cut + listed(2, "a.c", 30) + a10, dump());
 }
 
-// Threads add and remove at random; a model of sets says what each dump has to list. The first dump
-// finds nothing in one run: then nothing is excused.
+// Threads add and remove at random. A model of sets computes the lines of each dump. If the first
+// dump finds no block, it excuses none, which one of the tests shows.
 void compare_with_model(int first_round) {
     unsigned seed = std::random_device{}();
     SCOPED_TRACE(seed);
@@ -133,7 +133,8 @@ ISOLATED_TEST(Memchk, Wrappers) {
     dump();
     memchk_free(nullptr, names[0], 1);
     memchk_free(malloc(1), names[0], 1);  // Nothing is tracked yet.
-    // Without the block a wrapper returns NULL; without tree or node the block, untracked.
+    // Without memory for the block a wrapper returns NULL. Without memory for the tree or the node it
+    // returns the block, untracked.
     for (int n : {1, 2, 3, 2}) {
         fail_allocation = n;
         errno = 0;
@@ -154,7 +155,7 @@ ISOLATED_TEST(Memchk, Wrappers) {
     dump();
     EXPECT_EQ(listed(4, "a.c", 2) + listed(1, "a.c", 1), dump());
     for (int i = 1; i < 5; ++i) memchk_free(copies[i], nullptr, 0);
-    free(copies[0]);  // Behind the tracker's back.
+    free(copies[0]);  // The tracker doesn't see this.
     EXPECT_EQ(listed(1, "a.c", 1), dump());
 }
 

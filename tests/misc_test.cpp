@@ -26,7 +26,7 @@ using namespace tessra_test;
 namespace {
 
 FILE* mount_table;
-int mount_table_flags;  // Of its descriptor, when it was closed.
+int mount_table_flags;  // Flags of its descriptor, at the time of endmntent().
 
 std::string owned(char* text) {
     const std::string copy = text ? text : "null";
@@ -34,7 +34,7 @@ std::string owned(char* text) {
     return copy;
 }
 
-// A file of its own, gone at the end.
+// A temporary file, which the destructor removes.
 struct TempFile {
     explicit TempFile(const std::string& text) {
         close(mkstemp(&path[0]));
@@ -98,7 +98,8 @@ ISOLATED_TEST(DeviceEnvironment, VariableOrRevisionIsReadWrongly) {
     }
 }
 
-// The directories of a table as glibc reads it; of other C libraries none, they decode less.
+// Returns the directories of a table as glibc reads it; with other C libraries none, since these
+// decode less.
 std::set<std::string> directories_by_libc([[maybe_unused]] const char* table) {
     std::set<std::string> directories;
 #if __GLIBC_PREREQ(2, 31)
@@ -124,8 +125,8 @@ a /direct autofs rw ignore
 a /bare autofs
 dev	/\134040\08)");
     const std::set<std::string> by_libc = directories_by_libc(table.name());
-    // Found or missed, then the same of glibc, which cuts long lines and has an entry without a
-    // directory.
+    // '+' is found, '-' is missed: first by the library, then by glibc, which cuts long lines and
+    // finds an entry without a directory.
     for (const char* path :
          {"++/", "++/a b", "++/long", "+-/not", "-+/no", "-+", "--one", "--/a", "--/a b/",
           "++/\\040\\\\134\\\t\n8\\01\\", "++/x\\101\\043\\000", "--/x", "++/hash", "--/auto",
@@ -143,7 +144,7 @@ dev	/\134040\08)");
 const char* strerrorname_np(int) { return nullptr; }
 #endif
 
-// The names against those of the C library.
+// Compares the names with those of the C library.
 TEST(Errors, NameOrErrnoIsWrong) {
     if (!strerrorname_np(EPERM)) GTEST_SKIP() << "a C library that doesn't know them";
     std::string expected;
@@ -167,7 +168,7 @@ TEST(Errors, NameOrErrnoIsWrong) {
 }
 
 #if defined(__SANITIZE_THREAD__)
-#define UNFLUSHED "out"  // Its _exit() writes out what is buffered.
+#define UNFLUSHED "out"  // ThreadSanitizer's _exit() writes out all buffers.
 #else
 #define UNFLUSHED ""
 #endif
@@ -178,7 +179,7 @@ TEST(Errors, LineOrEndIsWrong) {
     const struct {
         Step body;
         std::string output;
-        const char* core = "";  // Of the environment.
+        const char* core = "";  // The value of EF_DUMPCORE.
     } rows[] = {
         {[] { errExit("open %s", "f"); }, "outERROR [ENOENT No such file or directory] open f\n"},
         {[] { err_exit("%d", 1); }, "ERROR [ENOENT No such file or directory] 1\n" UNFLUSHED},
@@ -203,7 +204,7 @@ TEST(Errors, LineOrEndIsWrong) {
     }
 }
 
-// A process that has done something, told of it by one byte, and waits for its end.
+// A process that runs the body, which reports with one byte, and waits until it is killed.
 struct Holder {
     explicit Holder(const std::function<void(int)>& body) {
         pid = fork_process([&] {
@@ -269,7 +270,8 @@ void limit_descriptors(rlim_t limit) {
     setrlimit(RLIMIT_NOFILE, &limits);
 }
 
-// Closes the first descriptors, and sets a limit, which is gone at the exit: sanitizers want a few.
+// Closes the first descriptors, and sets a limit of descriptors. exit() raises the limit, since
+// sanitizers need some.
 void leave_descriptors(int closed, rlim_t limit) {
     atexit([] { limit_descriptors(1024); });
     for (int fd = 0; fd < closed; ++fd) close(fd);
@@ -303,7 +305,7 @@ ISOLATED_TEST(RegionLocks, RegionIsLockedOtherwise) {
     lseek(fd, 50, SEEK_SET);
     const Holder holder([&](int done) {
         const int own = open(file.name(), O_RDWR);
-        struct flock plain = {F_WRLCK, SEEK_SET, 10, 10, 0};  // So that a common shift shows.
+        struct flock plain = {F_WRLCK, SEEK_SET, 10, 10, 0};  // Shows a shift of all offsets.
         const bool locked = !fcntl(own, F_SETLK, &plain) &&
                             !lockRegionWait(own, F_RDLCK, SEEK_SET, 30, 10) &&
                             !lockRegion(own, F_WRLCK, SEEK_END, -10, 0) &&
@@ -325,7 +327,7 @@ ISOLATED_TEST(RegionLocks, RegionIsLockedOtherwise) {
         EXPECT_TRUE(!held || errno == EAGAIN || errno == EACCES);
     }
     EXPECT_EQ(-2, lockRegion(-1, F_WRLCK, 0, 0, 0) + regionIsLocked(-1, F_WRLCK, 0, 0, 0));
-    // A wait is what a signal interrupts.
+    // A signal interrupts a wait.
     struct sigaction action = {};
     action.sa_handler = [](int) {};
     sigaction(SIGUSR1, &action, nullptr);

@@ -1,4 +1,4 @@
-// The intrusive list against a plain deque, and the recursive mutex through its public fields.
+// The walk over the intrusive list, and the recursive mutex through its public fields.
 #include <algorithm>
 #include <cerrno>
 #include <deque>
@@ -32,7 +32,7 @@ TEST(List, WalkFollowsTheEntryThatItsBodyFreed) {
     EXPECT_EQ(&head, head.next);
 }
 
-// Whether any thread holds the lock.
+// Returns whether any thread holds the lock.
 bool held(recursive_mutex* lock) {
     if (pthread_mutex_trylock(&lock->mutex) == EBUSY) return true;
     pthread_mutex_unlock(&lock->mutex);
