@@ -133,8 +133,8 @@ ISOLATED_TEST(Memchk, Wrappers) {
     dump();
     memchk_free(nullptr, names[0], 1);
     memchk_free(malloc(1), names[0], 1);  // Nothing is tracked yet.
-    // Without memory for the block a wrapper returns NULL. Without memory for the tree or the node it
-    // returns the block, untracked.
+    // Without memory for the block a wrapper returns NULL. Without memory for the tree or the node,
+    // it returns the block, untracked.
     for (int n : {1, 2, 3, 2}) {
         fail_allocation = n;
         errno = 0;

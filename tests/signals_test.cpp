@@ -19,10 +19,10 @@ void queue_signal(int signal, int value) {
     sigval with = {};
     with.sival_int = value;
     sigqueue(getpid(), signal, with);
-    pthread_sigmask(SIG_BLOCK, nullptr, nullptr);  // Here ThreadSanitizer hands signals on.
+    pthread_sigmask(SIG_BLOCK, nullptr, nullptr);  // ThreadSanitizer delivers signals here.
 }
 
-// Whether the record is of queue_signal(signal, value).
+// Returns whether the record is that of queue_signal(signal, value).
 bool intact(const siginfo_t* info, int signal, int value) {
     return info->si_signo == signal && info->si_code == SI_QUEUE && info->si_pid == getpid() &&
            info->si_value.sival_int == value;
@@ -71,8 +71,8 @@ ISOLATED_TEST(Signals, DefaultActionOrBacklogComesBack) {
     event_mc_free(other);
 }
 
-// The channel holds some 500 messages; a part of one would turn what follows into nonsense. What
-// finds it full is kept once per number, the first one of each.
+// The channel has room for some 500 messages. A partial message would spoil all messages after it.
+// When the channel is full, the library keeps one signal of each number, the first one.
 ISOLATED_TEST(Signals, FullChannelTearsOrLosesMessagesOrChangesErrno) {
     static int delivered, torn;
     static std::string late;
@@ -100,7 +100,7 @@ ISOLATED_TEST(Signals, FullChannelTearsOrLosesMessagesOrChangesErrno) {
 }
 
 #if defined(__SANITIZE_THREAD__)
-// It runs the handlers of these at once, even inside its own locks.
+// ThreadSanitizer runs the handlers of these at once, even while it holds its own locks.
 constexpr unsigned kUnsafe = 1u << SIGILL | 1u << SIGTRAP | 1u << SIGABRT | 1u << SIGBUS |
                              1u << SIGFPE | 1u << SIGSEGV | 1u << SIGPIPE | 1u << SIGSYS;
 #else
@@ -108,9 +108,9 @@ constexpr unsigned kUnsafe = 0;
 #endif
 constexpr unsigned kCatchable = ~(1u | 1u << SIGKILL | 1u << SIGSTOP | kUnsafe);
 
-// Every kind, with the smallest channel. In each round several threads send bursts while a handler
-// runs, which then floods the channel and sends every kind for the last time. What is delivered
-// after that is due to its last sending, and a kind that got lost would never come.
+// Sends every kind of signal through the smallest channel. In each round several threads send bursts
+// while a handler runs. Then the handler floods the channel and sends every kind for the last time.
+// Each kind must arrive after that. A lost one never would.
 void storm_over_a_full_channel() {
     constexpr int kRounds = sizeof(void*) == 4 ? 200 : 2000;  // Emulated machines are slow.
     constexpr int kSenders = 2;
@@ -131,7 +131,7 @@ void storm_over_a_full_channel() {
     };
     static const timer_handler_t next_round = [](void*) {
         if (round == kRounds) return cancel_loop();
-        event_fd_del(777);  // The first message, before the senders fill what is to shrink.
+        event_fd_del(777);  // The first message shrinks the channel, before it is full.
         bursts = 0;
         ++round;
         while (bursts < kSenders) std::this_thread::yield();
@@ -171,7 +171,7 @@ void storm_over_a_full_channel() {
     for (int signal = 1; signal < 32; ++signal) EXPECT_LE(delivered[signal], sent[signal]);
 }
 
-// A signal waits for the pass under way and for earlier signals, whatever has changed before it.
+// A signal waits only for the present pass and for earlier signals, however many changes precede it.
 ISOLATED_TEST(Signals, NoneWaitsBehindWakeUps) {
     static size_t first;
     static int before, handled;
@@ -197,7 +197,7 @@ ISOLATED_TEST(Signals, NoneWaitsBehindWakeUps) {
     }
 }
 
-// SIGHUP is kept again and again, since its handler raises more of it than the loop takes.
+// The library keeps SIGHUP again and again: its handler raises more of it than the loop takes.
 ISOLATED_TEST(Signals, KeptOnesTakeTurns) {
     static int turns;
     const signal_handler_t refill = [](int, siginfo_t*, void*) {
@@ -242,8 +242,8 @@ ISOLATED_TEST(Signals, ForkedChildSendsIntoTheParentsChannel) {
     EXPECT_EQ("", trace);
 }
 
-// Holds a writer before its write while the loop ends, which must not close the channel yet; nor
-// must the lock of the list be taken by then.
+// Holds a writer before its write while the loop ends. The loop must not close the channel yet, and
+// the writer must not hold the lock of the list.
 ISOLATED_TEST(Signals, WriterMeetsAClosedChannelOrKeepsTheLock) {
     static event_loop_ctx_tp context = event_mc_init();
     static std::atomic<bool> running, writing, ended, same_channel;

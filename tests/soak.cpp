@@ -1,10 +1,11 @@
-// Random operations on several contexts from several threads, and a model of what must have run.
+// Random operations on several contexts from several threads, and a model of the handlers that must
+// have run.
 //
 //     soak SECONDS [SEED]      rounds of consecutive seeds; 0 seconds for one round
 //
 // Each round is a process. In rounds of an even seed the default loop runs throughout and watches
-// children; in the others it is started and stopped all the time. Context 1 runs throughout, and
-// the rest is cancelled and started again.
+// children. In the others a thread starts and stops it all the time. Context 1 runs throughout. The
+// other contexts are cancelled and started again.
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
@@ -25,13 +26,13 @@
 
 namespace {
 
-constexpr int kContexts = 4;  // 0 stands for the default one.
+constexpr int kContexts = 4;  // Number 0 is the default one.
 constexpr int kSteady = 1;
 constexpr int kWorkers = 3;
 constexpr int kOperations = 600;
-constexpr int kBetweenSyncs = 40;  // Keeps the channels from being full, which loses signals.
+constexpr int kBetweenSyncs = 40;  // Keeps the channels from filling up; a full one loses signals.
 constexpr int kMaxSignals = 4096;
-// A busy machine takes most of a minute for a round. What hangs is a finding, too.
+// A round may take most of a minute on a busy machine. A hang is a finding, too.
 constexpr int kPatienceSeconds = 120;
 constexpr unsigned kRoundSeconds = 300;
 
@@ -60,14 +61,14 @@ void await(Holds holds, const char* what) {
 
 event_loop_ctx_tp contexts[kContexts];
 bool default_is_steady;
-// qemu-user hangs in some children of fork(), and calls address 0 for a SIGCHLD that comes while a
-// command sets it to its default.
+// qemu-user hangs in some children of fork(). For a SIGCHLD that comes while a command sets its
+// default action, it calls address 0.
 const bool has_processes = getenv("TESSRA_EMULATED") == nullptr;
 std::atomic<bool> stopping;
 
 bool is_steady(int n) { return n == kSteady || (n == 0 && default_is_steady); }
 
-// Timers. One that nobody deletes fires once; one that its own loop deletes doesn't.
+// Timers. A timer that nobody deletes fires once. A timer that its own loop deletes doesn't fire.
 struct Timer {
     enum State { kArmed, kFired, kDeleted, kDeletedByLoop };
     std::atomic<int> state{kArmed};
@@ -100,7 +101,8 @@ void disarm(Timer* timer) {
     }
 }
 
-// What a handler does, in its own context: another's lists may be locked by a handler there.
+// Makes the calls of a handler, for its own context. The lists of another context may be locked by
+// a handler there.
 void act(int context) {
     if (stopping) return;
     const unsigned action = below(24);
@@ -117,7 +119,7 @@ void act(int context) {
     }
 }
 
-// Descriptors. Each byte is read while its watcher lives, and no handler runs after the delete.
+// Descriptors. A handler reads each byte while its watcher lives. None runs after the delete.
 struct Watched {
     Watched() { check(pipe2(ends, O_CLOEXEC | O_NONBLOCK) == 0, "pipe"); }
     ~Watched() {
@@ -144,7 +146,7 @@ void on_byte(int fd, void* arg) {
     check(!watched->dead, "a watcher is deleted while it runs");
 }
 
-// Signals. Each is delivered once at most, and once exactly where the loop runs throughout.
+// Signals. A context gets each signal at most once, and exactly once if its loop runs throughout.
 std::atomic<int> sent_signals{0};
 std::atomic<unsigned char> delivered[kContexts][kMaxSignals];
 
@@ -166,7 +168,7 @@ bool everywhere(int value) {
     return true;
 }
 
-// ThreadSanitizer hands signals on here, and may have left them blocked when two came at once.
+// ThreadSanitizer delivers signals here. After two at once it may have left them blocked.
 void let_signals_in() {
 #ifdef __SANITIZE_THREAD__
     sigset_t none;
@@ -175,7 +177,7 @@ void let_signals_in() {
 #endif
 }
 
-// Waits for a signal's delivery, and says what has come instead.
+// Waits for a signal's delivery. If it doesn't come, prints which signals have come.
 void await_signal(int value) {
     const time_t end = time(nullptr) + kPatienceSeconds;
     for (; !everywhere(value); usleep(100)) {
@@ -206,7 +208,8 @@ int send_signal() {
     return value;
 }
 
-// Children. Each is reported once, with its own status, or left to who has deleted its watcher.
+// Children. The loop reports each one once, with its own status, or leaves it to the thread that
+// has deleted its watcher.
 struct Child {
     std::atomic<int> reports{0};
     int pid = 0, code = 0;
@@ -260,7 +263,7 @@ void run_own_context() {
     ++figures->contexts;
 }
 
-// A thread of random operations, with what belongs to it.
+// A thread that makes random operations, with the objects that it uses.
 struct Worker {
     std::deque<Timer> timers;
     std::deque<Child> children;
@@ -334,7 +337,7 @@ struct Worker {
         for (Child& child : children) {
             const auto is_reported = [&] {
                 if (child.reports == 0) {
-                    // What ended while a command ran comes up with the next SIGCHLD.
+                    // The next SIGCHLD reports a child that has exited while a command ran.
                     kill(getpid(), SIGCHLD);
                     usleep(1000);
                 }
@@ -385,7 +388,7 @@ void run_round(unsigned seed) {
             void* const number = reinterpret_cast<void*>(intptr_t{n});
             event_signal_add_mc(contexts[n], on_signal, number, signal);
         }
-        // In every other round many are idle, so that those that are ready are looked up.
+        // In two of four rounds many are idle, so that the loop makes its table by descriptor.
         for (const int fd : std::span(idle_fds, seed % 4 < 2 ? std::size(idle_fds) : 0)) {
             event_fd_add_mc(contexts[n], on_byte, nullptr, fd, EVENT_FD_EXCEPT);
         }
@@ -396,8 +399,9 @@ void run_round(unsigned seed) {
         check(event_loop_async_start() == 0, "the default loop starts");
     }
 #ifdef __SANITIZE_THREAD__
-    // Its sigaction() reads and writes in two steps, between which a command's end would take the
-    // catcher of a first child away: 446 times of 20,000 in a program with these calls alone.
+    // ThreadSanitizer's sigaction() reads and writes in two steps. Between them, the end of a
+    // command would remove the catcher of a first child: 446 times of 20,000 in a program with
+    // these calls alone.
     if (default_is_steady) {
         event_process_add(getpid(), nullptr, nullptr);
         event_process_del(getpid());

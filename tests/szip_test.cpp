@@ -1,4 +1,4 @@
-// Archives byte for byte against a second writer, and what becomes of files that change.
+// Compares archives byte for byte with those of a second writer, also of files that change.
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -35,7 +35,7 @@ std::string shown(const char* bytes, uint64_t count) {
     return count > 4096 ? "#" + std::to_string(count) : std::string(bytes, count);
 }
 
-// A directory of files; in memory if possible, where reading holes costs nothing.
+// A directory of files. It is in memory if possible, where reading holes costs nothing.
 struct Tree {
     Tree() {
         char memory[] = "/dev/shm/szip-XXXXXX", disk[] = "/tmp/szip-XXXXXX";
@@ -66,7 +66,7 @@ struct Tree {
     std::string root;
 };
 
-// Takes pieces until the one with the number fail_at, which comes up short.
+// Takes pieces, and refuses a byte of the one with the number fail_at.
 struct Sink {
     Pieces pieces;
     uint64_t bytes = 0;
@@ -83,7 +83,7 @@ struct Sink {
     }
 };
 
-// Little-endian numbers of these widths.
+// Returns little-endian numbers of these widths.
 std::string record(const char* widths, std::initializer_list<uint64_t> values) {
     std::string bytes;
     for (const uint64_t value : values) {
@@ -95,14 +95,14 @@ std::string record(const char* widths, std::initializer_list<uint64_t> values) {
 
 struct Entry {
     std::string name;
-    uint64_t size;  // All of it zeros, or data.
+    uint64_t size;  // Of zeros, or of data.
     uint32_t crc;
     std::string data = {};
 };
 
 const char zeros[4096] = {};
 
-// The pieces of an archive as the format's own document has them.
+// Returns the pieces of an archive as the format's own document defines them.
 Pieces archive(const std::vector<Entry>& entries, bool zip64, uint64_t chunk_size) {
     Pieces pieces, directory;
     uint64_t offset = 0;
@@ -185,8 +185,8 @@ TEST(Szip, PlainArchives) {
 
 TEST(Szip, Zip64ByCount) { expect_archive(std::vector<Entry>(65536, {"e", 0, 0}), true, 1); }
 
-// The largest plain archive, and the smallest one in ZIP64 mode by its size, all of whose values
-// still fit the plain records.
+// The largest plain archive, and the smallest one that is ZIP64 because of its size. All values of
+// the second still fit the plain records.
 TEST(Szip, ArchiveOfExactly4GiBLess1StaysPlain) {
     const uint64_t size = k4GiB - 1 - (114 + 2);
     const auto version_of = [](const Plan& plan) {
@@ -205,13 +205,13 @@ TEST(Szip, ArchiveOfExactly4GiBLess1StaysPlain) {
     expect_archive({{"z", size + 1, 0x3e012a1a}}, true, 1 << 20);
 }
 
-// Markers for one entry because of its size, for the next because of its offset alone.
+// One entry has markers because of its size, the next because of its offset alone.
 TEST(Szip, Zip64BySize) {
     expect_archive({{"big", k4GiB + 5, 0xb1c2a1a3}, {"small", 9, 0xcbf43926, "123456789"}}, true,
                    1 << 20);
 }
 
-std::vector<uint64_t> told_sizes;  // By stat(), of the files "0", "1" and so on.
+std::vector<uint64_t> told_sizes;  // stat() gives these to the files "0", "1" and so on.
 
 // With a name of one byte the records of an entry take 150 bytes; those behind all entries take 98.
 TEST(Szip, LongerArchiveThanAnOffsetCountsIsPlanned) {
@@ -325,7 +325,7 @@ ssize_t limited_read(int fd, void* bytes, size_t count) {
     return real_read(fd, bytes, std::min(count, read_limit));
 }
 
-// What the writer does with a file that changed after it was planned with ten bytes.
+// A file changes after it was planned with ten bytes.
 TEST(Szip, ChangedFiles) {
     using Lengths = std::vector<size_t>;
     const auto put = [](const char* data) {
@@ -388,7 +388,7 @@ TEST(Szip, AnEntryWithoutBytesIsNotOpened) {
     EXPECT_EQ(std::string("d/"), sink.pieces[4]);
 }
 
-// Whichever write comes up short, it is the last, and the plan can still be streamed.
+// A short write is the last one, whichever it is. The plan can still be streamed.
 TEST(Szip, AShortWriteIsTheLast) {
     const Tree tree;
     tree.put("f", "0123456789");
@@ -423,7 +423,7 @@ ssize_t write_all(void* arg, const void* buf, size_t count) {
     return ssize_t(count);
 }
 
-// The two ways to stream beside signals, and what happens without them.
+// The two ways to stream while signals arrive, and the effect of having neither.
 TEST(Szip, HandledSignalCutsAStreamShort) {
     const struct {
         const char* what;

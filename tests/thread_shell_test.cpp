@@ -1,4 +1,4 @@
-// The default loop on a thread of its own, loops beside each other, shell commands.
+// The default loop on a thread of its own, and shell commands.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -78,7 +78,7 @@ TEST(Thread, BrokenHandshakeReportsWrongOrGoesOn) {
     };
     for (const auto& [call, text] : rows) {
         const ChildEnd end = run_child([call = call] {
-            errno = ERANGE;  // Plays no part.
+            errno = ERANGE;  // Has no effect.
             if (call == -1) event_loop_wait_for_async_loop_ready(nullptr);
             fakes.fail[call] = ENOMEM;
             event_loop_async_start();
@@ -123,7 +123,7 @@ ISOLATED_TEST(Thread, StopReturnsBeforeTheHandlerOrHangs) {
 }
 
 ISOLATED_TEST(Shell, StatusIsWrong) {
-    static const std::string too_long(200000, '=');  // More than the kernel takes for a program.
+    static const std::string too_long(200000, '=');  // Too long for a kernel to pass on.
     static const char *one[] = {"TESSRA_A=1 2", nullptr}, *none[] = {nullptr};
     static const char* no_program[] = {too_long.c_str(), nullptr};
     const struct {
@@ -140,9 +140,9 @@ ISOLATED_TEST(Shell, StatusIsWrong) {
         {0, "test -z \"$TESSRA_B\"", none},
         {127 << 8, ":", no_program},
         {0, "test \"$TESSRA_B\" = mine"},
-        {0, "kill -INT $PPID; kill -QUIT $PPID"},  // Ignored.
-        {SIGINT, "kill -INT $$; exit 1"},          // Not ignored there.
-        {256, "kill -USR1 $$; exit 1"},            // Ignored there as well.
+        {0, "kill -INT $PPID; kill -QUIT $PPID"},  // The daemon ignores both.
+        {SIGINT, "kill -INT $$; exit 1"},          // The command doesn't.
+        {256, "kill -USR1 $$; exit 1"},            // The command ignores it, too.
         {SIGUSR2, "kill -USR2 $$; exit 1"},
     };
     setenv("TESSRA_B", "mine", 1);
@@ -161,7 +161,8 @@ ISOLATED_TEST(Shell, DescriptorReachesTheChild) {
     Step list = [] {
         for (const int fd : {3, 77, 900}) dup2(0, fd);
         // The kernel may be too old to close a range, and may show no directory of descriptors.
-        // Shared, since a sanitizer or an emulator may give a child of vfork() its own memory.
+        // The fault is in shared memory, since a child of vfork() may have its own under a
+        // sanitizer or an emulator.
         auto* const no_range =
             static_cast<struct fault*>(mmap(nullptr, sizeof(struct fault), PROT_READ | PROT_WRITE,
                                             MAP_SHARED | MAP_ANONYMOUS, -1, 0));
@@ -174,7 +175,7 @@ ISOLATED_TEST(Shell, DescriptorReachesTheChild) {
                                       " [ -e /proc/self/fd/0 ]"));
         }
         EXPECT_GE(no_range->calls[FAKE_CLOSE], 4);
-        EXPECT_LT(no_range->calls[FAKE_CLOSE], 100);  // Of the open ones only.
+        EXPECT_LT(no_range->calls[FAKE_CLOSE], 100);  // It closes only the open ones.
     };
     event_timer_add(run_timer, &list, 0);
     drive(nullptr);  // With the channel open.
@@ -209,9 +210,9 @@ ISOLATED_TEST(Shell, WatchedSignalIsBrokenAfterwards) {
     };
     event_signal_add(check, arg("i"), SIGINT);
     event_signal_add(check, arg("q"), SIGQUIT);
-    event_signal_add(check, arg("wrong"), SIGCHLD);  // The shell's own end is no message.
+    event_signal_add(check, arg("wrong"), SIGCHLD);  // The shell's own exit is no message.
     drive(nullptr, {[] {
-              EXPECT_EQ(0, event_system("kill -INT $PPID"));  // Missed meanwhile.
+              EXPECT_EQ(0, event_system("kill -INT $PPID"));  // The watcher misses it.
               kill(getpid(), SIGINT);
               kill(getpid(), SIGQUIT);
           }});
@@ -223,7 +224,7 @@ void newer(int) {}
 
 void watch(int signal) { event_signal_add(note_signal, nullptr, signal); }
 void handle(int signal) { ::signal(signal, newer); }
-// As the command itself sets it.
+// Sets the same disposition as the command.
 void set_alike(int signal) { ::signal(signal, signal == SIGCHLD ? SIG_DFL : SIG_IGN); }
 
 std::atomic<bool> newer_is_set;
@@ -233,8 +234,9 @@ void watch_elsewhere(int signal) {
     for (int n = 0; n < 20000 && !newer_is_set; ++n) sched_yield();
 }
 
-// Once another thread has set a disposition, the older one is not in place at any moment. Only one
-// that the daemon itself sets between the last look and the change is put back a moment later.
+// Once another thread has set a disposition, the older one isn't in place at any moment. There is
+// one exception: if the daemon itself sets a disposition between the last look and the change, the
+// command puts it back a moment later.
 ISOLATED_TEST(Shell, DispositionSetMeanwhileStays) {
     static const struct {
         const char* what;
@@ -281,7 +283,7 @@ ISOLATED_TEST(Shell, DispositionSetMeanwhileStays) {
     }
 }
 
-// One comes before the call, another while the command runs. Where the kernel can't close a
+// One cancel comes before the call, another while the command runs. If the kernel can't close a
 // range, there are cancellation points between vfork() and exec.
 ISOLATED_TEST(Shell, CancelWaitsForTheEndOfTheCommand) {
     char name[] = "/tmp/tessra-shell-XXXXXX";
@@ -333,11 +335,11 @@ ISOLATED_TEST(Shell, SignalBeforeTheExecRunsNoHandler) {
     EXPECT_EQ(0, *ran);
 }
 
-// The uptime is the fake clock's.
+// The uptime comes from the fake clock.
 TEST(BackgroundTask, RunsTooEarlyTwiceOrNever) {
     const struct {
         unsigned last_ran, minimum_delay, runs_at;
-    } rows[] = {{0, 0, 100},   {0, 100, 100}, {0, 101, 101},    // Since boot, as it has never run.
+    } rows[] = {{0, 0, 100},   {0, 100, 100}, {0, 101, 101},    // Never run: since boot.
                 {95, 10, 105}, {90, 10, 100}, {200, 10, 100}};  // Unsigned wrap-around.
     for (const auto& row : rows) {
         run_isolated([&row] {

@@ -51,14 +51,14 @@ ISOLATED_TEST(Timers, JumpOfTheClockFiresOrStrandsThem) {
         Step end = [] { cancel_loop(); };
         set_clock(kNow);
         event_timer_add(note_timer, arg("t"), 1000);
-        event_timer_add(run_timer, &jump, 0);  // In a handler, seen before the wait.
+        event_timer_add(run_timer, &jump, 0);  // In a handler; the loop sees it before the wait.
         Drive run = drive(nullptr, {end});
         EXPECT_EQ(row.wait_us, run.waits_us[1]) << row.jump_ms;
 
         trace = "";
         set_clock(kNow);
         event_timer_add(note_timer, arg("t"), 1000);
-        run = drive(nullptr, {jump, end});  // In the wait, seen after it.
+        run = drive(nullptr, {jump, end});  // In the wait; the loop sees it afterwards.
         EXPECT_EQ(row.wait_us ? row.wait_us : kEndless, run.waits_us[1]) << row.jump_ms;
         EXPECT_EQ(row.wait_us ? "" : "t", trace);
     }
@@ -78,7 +78,8 @@ ISOLATED_TEST(Timers, PhaseReadsTheClockTooOftenOrTooEarly) {
     fakes.clock_reads = 0;
     drive(nullptr);
     EXPECT_EQ(phase_of_first + 1, phase_of_second);
-    // Start and add, after each of three waits, and before the two that follow a handler.
+    // The library reads the clock at the start and the add, after each of three waits, and before
+    // the two waits that follow a handler.
     EXPECT_EQ(2 + 3 + 2u, fakes.clock_reads);
 
     const int fd = ready_descriptor();
@@ -90,7 +91,8 @@ ISOLATED_TEST(Timers, PhaseReadsTheClockTooOftenOrTooEarly) {
     event_fd_add(run_fd, &descriptor, fd, EVENT_FD_READ);
     event_timer_add(run_timer, &second, 10);
     drive(nullptr);
-    EXPECT_EQ(phase_of_first, phase_of_second);  // What a descriptor's handler took, counts.
+    EXPECT_EQ(phase_of_first,
+              phase_of_second);  // The time that a descriptor's handler takes counts.
 
     std::vector<size_t> phases;
     Step again = [&] {
@@ -123,7 +125,7 @@ ISOLATED_TEST(Timers, PinLeftBehindBringsADeletedTimerBack) {
         EXPECT_EQ(0, event_timer_exists_mc(context, note_timer, arg(texts[1])));
         EXPECT_EQ(1, event_timer_exists_mc(context, note_timer, arg(texts[3])));
         const Drive run = drive(context, {[] {}});
-        // The marked timer's deadline counts once it is first; the pass then reaps it.
+        // The deadline of a marked timer counts once the timer is first. That pass then frees it.
         EXPECT_EQ(first_fires ? 100000 : 200000, run.waits_us[0]);
         EXPECT_EQ(first_fires ? 100000 : 400000, run.waits_us[1]);
         EXPECT_EQ(first_fires ? "14" : "4", trace);
@@ -153,7 +155,8 @@ ISOLATED_TEST(Timers, TableOfABurstStays) {
     }
 }
 
-// Jumps, early wake-ups, EINTR and changes at every moment against a sorted vector.
+// Compares the timers with a sorted vector, with jumps, early wake-ups, EINTR and changes at every
+// moment.
 size_t compare_with_model(unsigned most, unsigned args, unsigned spread) {
     const unsigned seed = std::random_device()();
     SCOPED_TRACE(seed);
@@ -177,7 +180,7 @@ size_t compare_with_model(unsigned most, unsigned args, unsigned spread) {
     return model.largest;
 }
 
-// The second has enough of them for the express lanes and for a table that grows.
+// The second test has enough timers for the express lanes and for a table that grows.
 ISOLATED_TEST(Timers, RandomChangesFireTheWrongOnes) { compare_with_model(12, 4, 20); }
 ISOLATED_TEST(Timers, RandomChangesOfManyFireTheWrongOnes) {
     EXPECT_GT(compare_with_model(600, TimerModel::kMaxArgs, 2000), 64u);
