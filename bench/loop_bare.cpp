@@ -46,9 +46,8 @@ struct Bare {
     }
     void stop() { running = false; }
 
-    // The calls of a change that writes two bytes and needs a pass for each, however the watchers
-    // are stored: one look at the descriptor, the bytes, a wait for each, one read for all that
-    // have come.
+    // A change makes these calls, however the watchers are stored: it tests the descriptor and
+    // writes two bytes. Each byte needs a pass with a wait. One read takes all that have come.
     void change(bool) {
         keep(fcntl(watchers.back().fd, F_GETFD));
         for (int n = 0; n < 2; ++n) channel.put();

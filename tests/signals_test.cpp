@@ -108,9 +108,9 @@ constexpr unsigned kUnsafe = 0;
 #endif
 constexpr unsigned kCatchable = ~(1u | 1u << SIGKILL | 1u << SIGSTOP | kUnsafe);
 
-// Sends every kind of signal through the smallest channel. In each round several threads send bursts
-// while a handler runs. Then the handler floods the channel and sends every kind for the last time.
-// Each kind must arrive after that. A lost one never would.
+// Sends every kind of signal through the smallest channel. In each round several threads send
+// bursts while a handler runs. Then the handler floods the channel and sends every kind for the
+// last time. Each kind must arrive after that. A lost one never would.
 void storm_over_a_full_channel() {
     constexpr int kRounds = sizeof(void*) == 4 ? 200 : 2000;  // Emulated machines are slow.
     constexpr int kSenders = 2;
@@ -171,7 +171,7 @@ void storm_over_a_full_channel() {
     for (int signal = 1; signal < 32; ++signal) EXPECT_LE(delivered[signal], sent[signal]);
 }
 
-// A signal waits only for the present pass and for earlier signals, however many changes precede it.
+// A signal waits only for the present pass and for earlier signals, whatever has changed before.
 ISOLATED_TEST(Signals, NoneWaitsBehindWakeUps) {
     static size_t first;
     static int before, handled;

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Looks for the proofs that the pages below name: a row without its test or model is a claim.
+# Checks that the tests and models that the pages below name exist. A row without one proves nothing.
 #
 #   Suite.Name, Suite.*      a test, or all tests of a suite
 #   faults/ROW               a row of tests/faults_test.cpp

@@ -14,7 +14,7 @@ fail() { echo "manpages: $*" >&2 && exit 1; }
 "$cmake" --install "$build" --prefix "$work" >"$work/log"
 [[ -s $work/share/doc/tessra/html/index.html ]] || fail "no pages to browse are installed"
 
-# man formats a page and complains on standard error about what it doesn't understand.
+# man formats a page, and prints to standard error what it doesn't understand.
 export MANPATH=$work/share/man MANWIDTH=100 MANROFFOPT=-ww LC_ALL=C.UTF-8
 count=0
 while read -r name; do
@@ -27,7 +27,7 @@ while read -r name; do
 done < <(sed -n '/global:/,/local:/s/^ *\([A-Za-z_0-9]*\);$/\1/p' src/tessra.map)
 ((count > 100)) || fail "only $count names in src/tessra.map"
 
-# A function that is told by another one has the other's contract in its page.
+# If a function's comment refers to another function, its page has that function's contract.
 for expected in 'event_timer_add Arms a new timer' 'event_timer_add never early' \
     'event_fd_del delete before you close' 'BT_keys new list of all data' \
     'regionIsLocked open for reading for F_RDLCK' 'base64_encode_alloc must not overlap'; do

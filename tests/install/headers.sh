@@ -14,13 +14,13 @@ for compiler in "$@"; do
             ${CXXFLAGS:-}) ;;
         *) language=(-x c -std=c11 -Wstrict-prototypes ${CFLAGS:-}) ;;
     esac
-    # Of the C libraries, only glibc has what the headers name with nothing but ISO C asked for.
+    # Only glibc declares the types of the headers to a program that asks for ISO C alone.
     if printf '#include <limits.h>\n' | "$compiler" "${language[@]}" -dM -E - |
         awk '/__GLIBC__/ { glibc = 1 } /__UCLIBC__/ { other = 1 } END { exit glibc && !other }'; then
         language+=(-D_GNU_SOURCE)
     fi
     for header in tessra/*.h; do
-        # Included twice: a header must guard itself.
+        # Includes it twice, since a header must guard itself.
         printf '#include <%s>\n#include <%s>\n' "$header" "$header" |
             "$compiler" "${language[@]}" "${warnings[@]}" -I. -fsyntax-only - ||
             { echo "headers: $header doesn't stand alone with $compiler" >&2 && exit 1; }

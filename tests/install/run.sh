@@ -6,9 +6,9 @@
 #   tests/install/run.sh destdir      staged with DESTDIR
 #   tests/install/run.sh subproject   as part of another project; then installed without liblog
 #
-# The environment says what to work with: TESSRA_BUILD (the build folder), WORK (a scratch folder),
-# CMAKE, CC, CXX, READELF, and for a cross build TOOLCHAIN (a file), EMULATOR (a command), and what
-# the compilers want to be told, C_FLAGS and CXX_FLAGS.
+# The environment has the settings: TESSRA_BUILD (the build folder), WORK (a scratch folder), CMAKE,
+# CC, CXX, READELF, and for a cross build TOOLCHAIN (a file), EMULATOR (a command), C_FLAGS and
+# CXX_FLAGS.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -26,14 +26,14 @@ fail() {
     exit 1
 }
 
-# run PROGRAM [LIBRARY_DIR]: runs a consumer, which must succeed and say what it saw.
+# run PROGRAM [LIBRARY_DIR]: runs a consumer, which must succeed, and prints its output.
 run() {
     local output
     output=$(LD_LIBRARY_PATH=${2:-$platform} "${emulator[@]}" "$1") || fail "$1 failed: $output"
     printf '    %s: %s\n' "${1#"$WORK/"}" "$output"
 }
 
-# needs PROGRAM: the libraries that it asks the loader for.
+# needs PROGRAM: prints the libraries that the program needs.
 needs() { "$READELF" -d "$1" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'; }
 
 # check_linkage PROGRAM: shared programs get the libraries at run time, static ones have them inside,
@@ -53,8 +53,8 @@ check_linkage() {
     esac
 }
 
-# use_cmake ROOT OPTION...: the consumer through find_package() in ROOT or, with none, as the options
-# say. A cross build looks in its own root alone, so it is told the package's folder.
+# use_cmake ROOT OPTION...: builds the consumer with find_package() in ROOT or, without a ROOT, by the
+# options. A cross build searches only its own root, so it gets the package's folder.
 use_cmake() {
     local root=$1 language build program where=()
     shift
@@ -74,7 +74,7 @@ use_cmake() {
     done
 }
 
-# use_pkg_config LIBDIR: the consumer with no more than the flags of tessra.pc.
+# use_pkg_config LIBDIR: builds the consumer with the flags of tessra.pc alone.
 use_pkg_config() {
     local libdir=$1 flags out=$WORK/pkg-config
     mkdir -p "$out"
@@ -91,7 +91,7 @@ use_pkg_config() {
     done
 }
 
-# check_files PREFIX: what is installed is what belongs there. Paths of the build must not be in it.
+# check_files PREFIX: the files of an installation are there, and contain no paths of the build.
 check_files() {
     local libdir=$1/lib header file run_path expected
     for header in "$source"/include/tessra/*.h; do
@@ -104,7 +104,7 @@ check_files() {
     if grep -rlF -e "$TESSRA_BUILD" -e "$source/" -e "$WORK" "$libdir"/{pkgconfig,cmake}; then
         fail "these files name a folder of the build"
     fi
-    # With a liblog beside it, libtessra.so finds that one; without, it has no opinion.
+    # libtessra.so finds a liblog beside it. Without one, it has no run path.
     run_path=$("$READELF" -d "$libdir/libtessra.so" | sed -nE 's/.*\((RPATH|RUNPATH)\).*\[(.*)\]/\2/p')
     expected=
     [[ ! -e $libdir/liblog.so ]] || expected='$ORIGIN'
@@ -131,7 +131,7 @@ case $1 in
         check_files "$root"
         use_cmake "$root"
         use_pkg_config "$root/lib"
-        # As a cross build does it: the stage is the root of another file system.
+        # A cross build does so: the stage is the root of another file system.
         PKG_CONFIG_SYSROOT_DIR=$WORK/stage use_pkg_config "$root/lib"
         ;;
     subproject)
@@ -140,7 +140,7 @@ case $1 in
         install_to "$WORK/device"
         check_files "$WORK/device"
         [[ -z $(find "$WORK/device" -name 'liblog*') ]] || fail "liblog was installed"
-        # The device has its own: here the stand-in plays it, from another folder.
+        # The device has its own liblog. Here this is the stand-in, in another folder.
         platform=$WORK/platform
         mkdir "$platform"
         mv "$WORK/cmake-C/tessra/platform/liblog"/liblog.* "$platform"

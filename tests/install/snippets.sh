@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Compiles every C snippet of some pages or headers as a program of its own, as a reader would who pastes
-# it; once more with what it shows of another library, if that is here and NATIVE is set, as a cross
-# compiler has none.
+# Compiles every C snippet of some pages or headers as a program of its own, as a reader who pastes it.
+# If NATIVE is set and a library is installed, compiles a snippet's part for that library, too. A cross
+# compiler has no such libraries.
 #
 #   tests/install/snippets.sh COMPILER PAGE...
 set -euo pipefail

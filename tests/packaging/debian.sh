@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Builds the Debian packages, installs them into a root of their own, builds and runs programs against
-# what is there, and removes them: nothing may be left. The root has a package database but no other
-# packages, so what is outside of these five counts as given.
+# Builds the Debian packages, installs them into a root of their own, builds and runs programs with
+# them, and removes them, which must leave nothing behind. The root has a package database but no
+# packages beside these five, so dependencies on other packages aren't checked.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 work=$PWD/build/packages-test
@@ -14,7 +14,7 @@ scripts/packages >/dev/null
 mapfile -t packages < <(ls build/packages/*.deb | grep -v dbgsym)
 ((${#packages[@]} == 5)) || fail "not five packages: ${packages[*]}"
 
-# Not root: fakeroot plays it. Dependencies on the C library can't be met in an empty root.
+# Another user than root needs fakeroot. An empty root can't meet dependencies on the C library.
 as_root=()
 ((EUID == 0)) || as_root=(fakeroot)
 in_root() {

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Checks the recipes that no build system is here to run: the release's number, the options that they
-give to CMake, and which files they take, against what the install step really makes with those options.
+"""Checks the recipes without their build systems: the release's number, the options for CMake, and that
+the install step makes the files that they take, with these options.
 
     tests/packaging/recipes.py CMAKE WORK_DIR
 
-make itself reads the recipes of Buildroot and OpenWrt, with stand-ins for what these include, and runs
-OpenWrt's install steps. The Yocto recipe goes through a reader of its assignments.
+make reads the recipes of Buildroot and OpenWrt, with stand-ins for the files that these include, and
+runs OpenWrt's install steps. A function below reads the assignments of the Yocto recipe.
 """
 
 import fnmatch
@@ -40,8 +40,8 @@ def files_in(folder):
 
 
 def stage(cmake, work, options):
-    """What a build with the options installs below /usr. The options change nothing that is compiled, so
-    there is one build."""
+    """Returns a folder with the files that a build with the options installs below /usr. No option changes
+    what is compiled, so there is one build."""
     root = work + ("/liblog" if "-DTESSRA_INSTALL_LIBLOG=ON" in options else "/plain")
     if not os.path.exists(root):
         said = run(cmake, "-S", SOURCE, "-B", work + "/build", "-DCMAKE_INSTALL_PREFIX=/usr",
@@ -111,7 +111,7 @@ def openwrt(cmake, work):
     version, source, options = make("show").strip().split("|")
     check(version == VERSION and source == SOURCE, f"openwrt: {version} of {source}")
     if source != SOURCE:
-        return  # Who knows what the next step would copy.
+        return  # The next step would copy another folder.
     check_options("openwrt", options.split())
     root = stage(cmake, work, options.split())
     make("prepare", "dev", "libtessra-install", "libtessra-liblog-install")

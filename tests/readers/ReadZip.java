@@ -10,7 +10,7 @@ import java.util.zip.ZipEntry;
 import java.util.zip.ZipFile;
 import java.util.zip.ZipInputStream;
 
-/** Prints size, CRC-32 and name of every entry, from what was read and as the archive tells them. */
+/** Prints size and CRC-32 of every entry's data, which must be those of the archive, and its name. */
 class ReadZip {
     private static final byte[] chunk = new byte[1 << 20];
     private static final PrintStream out = new PrintStream(System.out, false, StandardCharsets.UTF_8);

@@ -3,9 +3,9 @@
 
     run.py ZIPSTREAM [--table]
 
-Names, sizes, CRC-32 and contents must be those of the files; a reader that works from the front of
-the archive must do what the table below says of it. --table prints the table of docs/limits.md.
-A reader that isn't there is skipped, and says so.
+Names, sizes, CRC-32 and contents must be those of the files. Each reader must have the result of the
+table below, also one that reads the archive from its front. --table prints the table of
+docs/limits.md. A reader that isn't installed is skipped, with a message.
 """
 import contextlib
 import os
@@ -29,7 +29,7 @@ def run(command, **options):
 
 
 class Warned(Exception):
-    """A reader that found all it should, but had something to say."""
+    """The reader has found all that it should, but warns."""
 
 
 def checked(command, accepted=(0,), **options):
@@ -44,7 +44,7 @@ def blocks(stream):
 
 
 def checksum_of(stream):
-    """Size and CRC-32 of what is left of a stream."""
+    """Returns size and CRC-32 of the rest of a stream."""
     size = crc = 0
     for block in blocks(stream):
         size += len(block)
@@ -53,7 +53,7 @@ def checksum_of(stream):
 
 
 def checksum(path):
-    """Size and CRC-32 of a file; (0, 0) of a directory."""
+    """Returns size and CRC-32 of a file, and (0, 0) for a directory."""
     if os.path.isdir(path):
         return 0, 0
     with open(path, "rb") as stream:
@@ -90,7 +90,7 @@ KINDS = {"plain": make_plain, "zip64 by count": make_many, "zip64 by size": make
 
 
 class Archive:
-    """A tree of files, and its archive: by way of a pipe, and compared with one into a file."""
+    """A tree of files, and its archive from a pipe, which must be the same as one in a file."""
 
     def __init__(self, kind, zipstream, work):
         self.kind, self.root, self.path = kind, f"{work}/tree", f"{work}/archive.zip"
@@ -105,7 +105,7 @@ class Archive:
         for name in names:
             is_folder = os.path.isdir(f"{self.root}/{name}")
             self.expected[name + "/" * is_folder] = checksum(f"{self.root}/{name}")
-        # A pipe, with the zeros left out of the file.
+        # Reads the archive from a pipe, and makes holes of blocks of zeros.
         command = [zipstream, "-C", self.root, "-"]
         with open(self.path, "wb") as out, subprocess.Popen(
                 command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
@@ -132,7 +132,7 @@ class Archive:
 
     @contextlib.contextmanager
     def extraction(self):
-        """A folder to extract to, compared with the tree afterwards; the big file has its CRC."""
+        """Gives a folder to extract to, and compares it with the tree; the big file by its CRC."""
         shutil.rmtree(self.out, ignore_errors=True)
         os.makedirs(self.out)
         yield self.out
@@ -199,7 +199,7 @@ def java_listing(archive, how):
 
 def by_java(archive):
     """Java's ZipFile"""
-    archive.expect_listing(java_listing(archive, "file"))  # Sizes and CRCs of what it read.
+    archive.expect_listing(java_listing(archive, "file"))  # Of the data that it has read.
 
 
 def by_busybox(archive):
@@ -210,8 +210,8 @@ def by_busybox(archive):
 
 def from_front_bsdtar(archive):
     """bsdtar from a pipe"""
-    # From a pipe indeed, since it seeks in a file on its standard input. Without -S, which loses the
-    # zeros at a file's end here: no header tells the file's size.
+    # bsdtar gets a pipe, since it would seek in a file on its standard input. It gets no -S, which
+    # would lose the zeros at the end of a file here: no header has the file's size.
     piped = ["sh", "-c", 'cat "$0" | bsdtar "$@"', archive.path]
     if archive.kind != "zip64 by size":
         with archive.extraction() as out:
@@ -230,7 +230,7 @@ def from_front_java(archive):
 
 YES, WARNS, NO = "reads", "warns of", "refuses"
 ZIP64 = {"zip64 by count": NO, "zip64 by size": NO}
-# What each reader makes of each kind of archive.
+# The readers, each with the expected results for kinds of archive that it doesn't simply read.
 READERS = [
     (by_unzip, ["unzip", "zipinfo"], ZIP64),
     (by_7zip, ["7zz"], {"zip64 by count": WARNS, "zip64 by size": WARNS}),
@@ -245,7 +245,7 @@ READERS = [
 
 def main():
     zipstream = os.path.abspath(sys.argv[1])
-    # In memory, if there is much of it: holes in files cost nothing there.
+    # In memory, if there is enough of it: holes in files cost nothing there.
     shm = "/dev/shm"
     roomy = os.access(shm, os.W_OK) and shutil.disk_usage(shm).free > 2 << 30
     with tempfile.TemporaryDirectory(dir=shm if roomy else None) as work:

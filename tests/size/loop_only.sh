@@ -7,7 +7,7 @@ map=$1
 shift
 "$@" || { echo "loop_only: the daemon failed" >&2 && exit 1; }
 
-# Every section of the archive that is in the program with a size: module and size.
+# Prints module and size of each section of the archive that is in the program and isn't empty.
 awk '
     /^Linker script and memory map/ { inside = 1 }
     !inside { next }
