@@ -121,10 +121,14 @@ void timer_calls(Loop& loop, unsigned count) {
             timespec now;
             clock_gettime(CLOCK_MONOTONIC_RAW, &now);
             keep(now);
-            keep(block = malloc(64));
+            block = malloc(64);
+            keep(block);
             lock_and_unlock();
         }
-        for (void* block : blocks) lock_and_unlock(), free(block);
+        for (void* block : blocks) {
+            lock_and_unlock();
+            free(block);
+        }
     });
 }
 
