@@ -1,9 +1,7 @@
 // The walk over the intrusive list, and the recursive mutex through its public fields.
-#include <algorithm>
 #include <cerrno>
-#include <deque>
-#include <random>
 #include <thread>
+#include <vector>
 
 #include "support/harness.h"
 #include "tessra/list.h"

@@ -211,7 +211,7 @@ TEST(Szip, Zip64BySize) {
                    1 << 20);
 }
 
-std::vector<uint64_t> told_sizes;  // stat() gives these to the files "0", "1" and so on.
+std::vector<uint64_t> stat_sizes;  // stat() gives these to the files "0", "1" and so on.
 
 // With a name of one byte the records of an entry take 150 bytes; those behind all entries take 98.
 TEST(Szip, LongerArchiveThanAnOffsetCountsIsPlanned) {
@@ -227,11 +227,11 @@ TEST(Szip, LongerArchiveThanAnOffsetCountsIsPlanned) {
     };
     const Tree tree;
     fakes.after_stat = [](const char* path, struct stat64* info) {
-        info->st_size = off64_t(told_sizes[size_t(path[strlen(path) - 1] - '0')]);
+        info->st_size = off64_t(stat_sizes[size_t(path[strlen(path) - 1] - '0')]);
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(&row - rows);
-        told_sizes = row.sizes;
+        stat_sizes = row.sizes;
         Pieces names;
         for (size_t n = 0; n < row.sizes.size(); ++n) tree.put(names.emplace_back(1, '0' + n), "");
         errno = 0;
