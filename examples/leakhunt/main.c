@@ -73,7 +73,7 @@ static void serve(void* arg) {
     static const char* const kLines[] = {"10.0.0.7 /status", "10.0.0.8 /status",
                                          "10.0.0.7 /favicon.ico", "10.0.0.9 /status"};
     struct server* server = arg;
-    for (size_t i = 0; i < sizeof kLines / sizeof *kLines; i++) {
+    for (size_t i = 0; i < sizeof kLines / sizeof *kLines; ++i) {
         struct request* request = parse(kLines[i]);
         if (!request) continue;
         char* reply = MEMCHK_STRDUP(server->greeting);

@@ -121,7 +121,7 @@ static void finish(struct lookup* lookup, int status) {
 
 /* A name from the network may contain any byte, even commands for the terminal. */
 static void print_name(const char* name) {
-    for (; *name; name++) (void)putchar(*name > ' ' && *name <= '~' ? *name : '?');
+    for (; *name; ++name) (void)putchar(*name > ' ' && *name <= '~' ? *name : '?');
 }
 
 static void print_address(const char* name, const struct sockaddr_storage* address) {
@@ -172,7 +172,7 @@ static void take_reply(struct lookup* lookup, char* reply) {
 static void on_reply(int fd, void* arg) {
     static char reply[MAX_MESSAGE_BYTES];
     struct lookup* lookup = arg;
-    for (int n = 0; n < REPLIES_PER_PASS; n++) {
+    for (int n = 0; n < REPLIES_PER_PASS; ++n) {
         const ssize_t got = recv(fd, reply, sizeof reply, 0);
         if (got < 0) return; /* No more replies, or no server: wait for the timer. */
         memset(reply + got, 0, sizeof reply - (size_t)got);

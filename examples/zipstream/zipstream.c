@@ -80,7 +80,7 @@ int main(int argc, char** argv) {
         fprintf(stderr, "usage: zipstream [-C BASE] [-Z ZBASE] [-c CHUNK] PATH...\n");
         return 2;
     }
-    for (; optind < argc; optind++) {
+    for (; optind < argc; ++optind) {
         if (strcmp(argv[optind], "-") == 0)
             read_paths(&paths);
         else
@@ -96,7 +96,7 @@ int main(int argc, char** argv) {
     if (!szip_stream_zip(plan, write_all, &output, chunk)) fail("the archive is cut short");
 
     szip_free_info(plan);
-    for (unsigned int i = 0; i < paths.count; i++) free(paths.items[i]);
+    for (unsigned int i = 0; i < paths.count; ++i) free(paths.items[i]);
     free(paths.items);
     free(directory);
     return 0;
