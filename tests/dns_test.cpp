@@ -16,7 +16,7 @@ namespace {
 
 constexpr size_t kMaxMessage = 65535;
 const string ip = "\1\2\3\4";
-constexpr unsigned kA = 1, kCname = 5, kAaaa = 28, kUri = 256, kCaa = 257;
+constexpr unsigned kA = 1, kCname = 5, kAaaa = 28, kUri = 256, kCaa = 257, kDlv = 32769;
 
 // Returns a copy of some bytes that ends at a page without access. Nobody unmaps it.
 char* at_edge(const string& bytes) {
@@ -108,9 +108,11 @@ TEST(Dns, RepliesGiveAnotherResultOrAreReadBeyondTheirEnd) {
         // Owners of two bytes that aren't a pointer. A parser that looked at them would find
         {reply(1, record("\x40\7", kA, ip)), found},              // a reason to refuse the reply,
         {reply(1, record("\xBF\0"s, kA, ip, 3)), found},          // the same,
+        {reply(2, record("\x40\7", kDlv, "") + a), found},        // a label that is too long,
         {reply(2, record("\77x", kCaa, "") + a), found},          // a label beyond the end,
         {reply(2, record("\2x", kUri, "\0\1\0\1"s) + a), found},  // a name and no record,
         {reply(1, record("\1x", kA, ip)), found},                 // a name of one letter,
+        {reply(2, record("\1x", kCaa, "") + a), found},           // a name of two labels,
         {reply(2, record("\0\0"s, kUri, "\0\1\0\1a"s) + a), found},         // the root,
         {reply(1, record("\0\0"s, kCaa, "\0\5issue"s)), "0 - 65535 a.bc"},  // an A record of it.
         // Names in the question that are longer than the standard allows.
