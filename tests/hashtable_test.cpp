@@ -71,7 +71,11 @@ TEST(HashTable, SizesThatNoBlockHasAndNothingAtAll) {
         EXPECT_EQ(ht ? 1u : 0u, hashtable_count(ht));
         str_hashtable_free(ht);
     }
-    EXPECT_FALSE(str_hashtable_put(nullptr, nullptr, nullptr));
+    list_free(nullptr, nullptr);
+    EXPECT_TRUE(!str_hashtable_put(nullptr, nullptr, nullptr) && errno == EINVAL);
+    errno = 0;
+    named_flag_set(nullptr, "k");
+    EXPECT_EQ(EINVAL, errno);
 }
 
 // x and X stand for two names with the same hash.
@@ -97,7 +101,7 @@ void delete_own(char* key, void*, void* ht) {
 }
 int take_even_or_all(void* value, void* seen) {
     if (seen) note_value(nullptr, value, seen);
-    if (seen && *text(value) % 2) return 1;
+    if (seen && *text(value) % 2) return 2;
     free(value);
     return 0;
 }
