@@ -345,7 +345,7 @@ int fill_tree() {
     while (pairs && pairs->itemcount) free(LL_pop(pairs));
     if (pairs) LL_delete(pairs);
     if (keys) {
-        LL_push(keys, tree);
+        LL_push(keys, nullptr);
         LL_delete(keys);
     }
     if (cursor) BT_enumdelete(cursor);
@@ -357,22 +357,29 @@ int fill_tree() {
 int fill_tables() {
     hashtable_t* const flags = hashtable_alloc(3);
     hashtable_t* const strings = hashtable_alloc(3);
-    char *key, *value;
+    char* texts[4];
     {
         const Unarmed ours;
-        key = strdup("key");
-        value = strdup("value");
+        for (char*& text : texts) text = strdup("text");
     }
     list_t values;
-    if (flags) named_flag_set(flags, "flag");
-    const bool put = strings && str_hashtable_put(strings, key, value);
-    str_hashtable_values(strings, &values);
-    EXPECT_EQ(put, str_hashtable_count(strings, "key") == 1);
-    list_free_items(&values, nullptr);
-    if (!put) {
-        for (char* const block : {key, value}) free(block);
+    for (const char* name : {"flag", "gone"}) {
+        if (flags) named_flag_set(flags, name);
     }
-    if (flags) EXPECT_TRUE(named_flag_has(flags, "flag") || errno);
+    unsigned put = 0;
+    for (char** text : {texts, texts + 2}) {
+        if (strings && str_hashtable_put(strings, text[0], text[1])) {
+            ++put;
+        } else {
+            for (int n : {0, 1}) free(text[n]);
+        }
+    }
+    str_hashtable_values(strings, &values);
+    EXPECT_EQ(put, str_hashtable_count(strings, "text"));
+    list_free_items(&values, nullptr);
+    if (flags) {
+        EXPECT_TRUE((named_flag_has(flags, "flag") && named_flag_clr(flags, "gone")) || errno);
+    }
     hashtable_free(flags, nullptr);
     str_hashtable_free(strings);
     return result_by_errno();
