@@ -128,6 +128,17 @@ void compare_with_model(int first_round) {
 ISOLATED_TEST(Memchk, ThreadsAndModel) { compare_with_model(0); }
 ISOLATED_TEST(Memchk, FirstDumpOfNothing) { compare_with_model(1); }
 
+ISOLATED_TEST(Memchk, FirstDumpWithoutMemoryExcusesNothing) {
+    add({{0, 0, 5}});
+    struct fault no_memory = {FAKE_ALLOC, 1, ENOMEM, 0, {}};
+    fakes.fault = &no_memory;
+    dump();
+    fakes.fault = nullptr;
+    add({{1, 0, 6}});
+    dump();
+    EXPECT_EQ(listed(1, "a.c", 6), dump());
+}
+
 ISOLATED_TEST(Memchk, Wrappers) {
     char text[] = "text";
     dump();
