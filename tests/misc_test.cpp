@@ -70,7 +70,13 @@ TEST(SystemOutput, OutputIsCutOrChanged) {
     const std::string rows[][2] = {
         {"printf 'a\\nb\\n\\n'", "a\nb\n"}, {"printf '\\n'", ""},    {"printf 'a\\0b'", "a"},
         {"/none 2>/dev/null", ""},          {"echo 1; exit 3", "1"}, {"echo " + x, x.substr(982)}};
-    for (const auto& row : rows) EXPECT_EQ(row[1], owned(system_output("%s", row[0].c_str())));
+    const int next = dup(STDIN_FILENO);
+    close(next);
+    for (const auto& row : rows) {
+        at_call(FAKE_FREAD, [next] { EXPECT_EQ(FD_CLOEXEC, fcntl(next, F_GETFD)); });
+        EXPECT_EQ(row[1], owned(system_output("%s", row[0].c_str())));
+    }
+    EXPECT_EQ("null", owned(system_output("echo 1 %ls", L"\x20ac")));  // Not "1".
 }
 
 ISOLATED_TEST(DeviceEnvironment, VariableOrRevisionIsReadWrongly) {
@@ -226,7 +232,7 @@ ISOLATED_TEST(PidFile, SecondInstanceStartsOrOldNumberStays) {
     const TempFile file("12345678901234567890\nmore\n");
     const std::string locked =
         "ERROR: PID file '" + file.path + "' is locked; probably 'prog' is already running\n";
-    for (const int flags : {0, 1}) {
+    for (const int flags : {6, 1}) {
         const Holder first([&](int done) {
             createPidFile("prog", file.name(), flags);
             dup2(done, STDOUT_FILENO);
@@ -234,13 +240,13 @@ ISOLATED_TEST(PidFile, SecondInstanceStartsOrOldNumberStays) {
         });
         const std::string number = std::to_string(first.pid) + "\n";
         EXPECT_EQ(number, file.text());
-        const ChildEnd second = run_child([&] { createPidFile("prog", file.name(), 6); });
+        const ChildEnd second = run_child([&] { createPidFile("prog", file.name(), 0); });
         run_child([&] {
             close(STDERR_FILENO);
             createPidFile("prog", file.name(), 0);
         });
-        EXPECT_EQ(flags == 0 ? locked : "", second.output);
-        EXPECT_EQ(flags == 0, second.exit_code == 1 && file.text() == number);
+        EXPECT_EQ(flags == 6 ? locked : "", second.output);
+        EXPECT_EQ(flags == 6, second.exit_code == 1 && file.text() == number);
     }
     unlink(file.name());
     umask(0);
