@@ -420,6 +420,12 @@ TEST(Fork, ChildThatReturnsFromAHandlerLeavesThePass) {
 }
 
 ISOLATED_TEST(Fork, ChildOfAProcessWhoseFirstCallIsUnderWay) {
+    fakes.fail[FAKE_ATFORK] = ENOMEM;  // Only the loop needs the handlers. Each call tries again.
+    errno = 0;
+    event_timer_add(note_timer, nullptr, kHour);
+    EXPECT_EQ(0, errno);
+    ASSERT_TRUE(drive(nullptr).result == -1 && errno == ENOMEM);
+    fakes.fail[FAKE_ATFORK] = 0;
     Gate gate;
     at_call(FAKE_ATFORK, [&] { gate.park(); });
     std::thread first([] { event_timer_add(note_timer, nullptr, kHour); });
