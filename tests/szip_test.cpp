@@ -309,9 +309,11 @@ TEST(Szip, NamesAreThePathsBelowTheBase) {
     };
     for (const auto& row : rows) {
         const char* files[] = {row.file.c_str()};
+        fakes.fail[FAKE_FREE] = EIO;  // An old C library's free() may change errno.
         errno = 0;
         const Plan plan(szip_create_info(files, 1, row.base.c_str(), row.zbase.c_str()),
                         szip_free_info);
+        fakes.fail[FAKE_FREE] = 0;
         Sink sink;
         sink.fail_at = 2;
         if (plan) sink.stream(plan, 1);
@@ -389,12 +391,11 @@ TEST(Szip, ChangedFiles) {
         EXPECT_NE(EIO, errno);
         fakes.fail[FAKE_CLOSE] = 0;
         fakes.on_read = nullptr;
-        if (!row.result && sink.pieces.size() > 2) {
-            EXPECT_EQ(std::string(sink.pieces.back().size(), 0), sink.pieces.back());
-        }
         Lengths lengths;
         for (size_t i = 2; i < sink.pieces.size(); ++i) lengths.push_back(sink.pieces[i].size());
         EXPECT_EQ(row.lengths, lengths);
+        const std::string last = sink.pieces.back(), fill(last.size(), 0);
+        EXPECT_EQ(row.result || lengths.empty() ? last : fill, last);
         for (const size_t count : reads) EXPECT_LE(count, row.chunk_size);
     }
     EXPECT_EQ(descriptors, open_descriptors());
