@@ -264,6 +264,7 @@ TEST(Szip, TimeStampsAreLocalAndEven) {
     static time_t stat_time;
     fakes.after_stat = [](const char*, struct stat64* info) { info->st_mtime = stat_time; };
     for (const auto& [zone, stamp, time, date] : rows) {
+        if (stamp < 0) continue;  // INT64_MAX as a time_t of 32 bits.
         setenv("TZ", zone, 1);
         tzset();
         tree.put("f", "");
