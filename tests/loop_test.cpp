@@ -53,9 +53,12 @@ void change(int count) {
 }
 
 ISOLATED_TEST(Loop, ChangeDoesNotWakeItOrWakesItTwice) {
+    static const int ready = ready_descriptor();
     static Step nest = [] {
+        event_fd_del(ready);
         for (int n = 0; n < 3; ++n) EXPECT_EQ(0, do_events(1000));
     };
+    static struct fault full = {FAKE_WRITE, 1, EAGAIN, 0, {}};
     Pipe quiet;
     const struct {
         Step change;
@@ -80,11 +83,29 @@ ISOLATED_TEST(Loop, ChangeDoesNotWakeItOrWakesItTwice) {
              change(10);
              event_timer_add(run_timer, &nest, 0);
          },
-         11},
+         12},
+        // Those in a descriptor's handler take the wake-ups that the outer pass has seen.
+        {[] {
+             change(2);
+             event_fd_add(run_fd, &nest, ready, EVENT_FD_READ);
+         },
+         5},
+        // The channel is full for the message of a signal, and empty for the wake-up after it.
+        {[] {
+            fakes.fault = &full;
+            raise(SIGUSR1);
+        }},
+        // A full channel refuses these wake-ups, so the loop has none to read.
+        {[] {
+             fakes.fail[FAKE_WRITE] = EAGAIN;
+             change(1024);
+             fakes.fail[FAKE_WRITE] = 0;
+         },
+         0},
     };
     for (const auto& row : rows) {
-        const Drive run = drive(nullptr, {row.change});
-        EXPECT_EQ(row.wakes, run.awake - 1) << &row - rows;  // One more for the cancel.
+        const Drive run = drive(nullptr, {row.change, [] { change(1); }});
+        EXPECT_EQ(row.wakes, run.awake - 2) << &row - rows;  // The second step and the cancel.
         EXPECT_EQ(0, run.result);
     }
 }
@@ -119,17 +140,22 @@ ISOLATED_TEST(Loop, EndDropsOrKeepsTheWrongWatchers) {
     event_fd_add_mc(own, run_fd, &read_it, pipe.in, EVENT_FD_READ);
     event_signal_add_mc(own, note_signal, arg("s"), SIGUSR1);
     event_timer_add_mc(own, note_timer, arg("t"), 10);
+    const long blocks = fakes.blocks;
     event_fd_add(run_fd, &read_it, pipe.in, EVENT_FD_READ);
     event_signal_add(note_signal, arg("s"), SIGUSR1);
     event_timer_add(note_timer, arg("t"), 10);
+    event_process_add(getpid(), nullptr, nullptr);
     drive(own, {[=] { cancel_loop_mc(own); }});
     drive(nullptr, {cancel_loop});
+    EXPECT_EQ(blocks, fakes.blocks);
     EXPECT_EQ("", trace);
     advance_clock(10);  // The timer is overdue in the first pass of the next run.
     drive(own, {events});
     EXPECT_EQ("tfs", trace);
     drive(nullptr, {events});
     EXPECT_EQ("tfs", trace);
+    fakes.before_message = [](int, size_t) { ADD_FAILURE() << "a message for an idle loop"; };
+    event_timer_del_mc(own, note_timer, nullptr);
     event_mc_free(own);
 }
 
@@ -157,7 +183,6 @@ ISOLATED_TEST(Start, ChannelBeyondFdSetsizeOverrunsTheSets) {
     EXPECT_EQ(before, open_descriptors());
     EXPECT_FALSE(fifo_exists());
     close(FD_SETSIZE - 1);
-    close(FD_SETSIZE - 2);
     EXPECT_EQ(0, drive(nullptr).result);
 }
 
@@ -316,14 +341,17 @@ ISOLATED_TEST(Loop, DescriptorDeletedAndClosedMeanwhileEndsTheProcess) {
 // A timer handler holds no lock, so another thread may do so during the handler's nested pass.
 ISOLATED_TEST(NestedPass, GoesOnWithoutWhatIsDeletedMeanwhile) {
     static const Pipe quiet;
-    static int fd;
-    fd = dup(quiet.in);
-    event_fd_add(note_fd, arg("wrong"), fd, EVENT_FD_READ);
+    static std::vector<int> fds;
+    for (int n = 0; n < 3; ++n) {
+        fds.push_back(dup(quiet.in));
+        event_fd_add(note_fd, arg("wrong"), fds[fds.size() - 1], EVENT_FD_READ);
+    }
     event_fd_add(note_fd, arg("r"), ready_descriptor(), EVENT_FD_READ);
     Step nest = [] {
         fakes.on_select = [](int nfds, fd_set* rset, fd_set* wset, fd_set* eset, timeval* tv) {
-            fakes.on_select = nullptr;
-            std::thread(delete_and_close, fd).join();
+            std::thread(delete_and_close, fds.back()).join();
+            fds.pop_back();
+            if (fds.empty()) fakes.on_select = nullptr;
             return real_select(nfds, rset, wset, eset, tv);
         };
         trace = "";
