@@ -64,10 +64,16 @@ ISOLATED_TEST(Signals, DefaultActionOrBacklogComesBack) {
     EXPECT_EQ("", trace);
     drive(other, {send});
     EXPECT_EQ("o", trace);
+    drive(other, {[&] {  // More than the channel takes, and the loop ends after one.
+              for (int n = 0; n < 1000; ++n) send();
+              cancel_loop_mc(other);
+          }});
+    drive(other);
+    EXPECT_EQ("oo", trace);
     event_signal_del_mc(other, SIGTERM);
     drive(other, {send});
     send();
-    EXPECT_EQ("o", trace);
+    EXPECT_EQ("oo", trace);
     event_mc_free(other);
 }
 
@@ -223,6 +229,7 @@ TEST(Signals, StormOverAFullChannelLosesOrInventsAKind) {
 }
 
 ISOLATED_TEST(Signals, ForkedChildSendsIntoTheParentsChannel) {
+    pthread_atfork(nullptr, nullptr, [] { raise(SIGUSR1); });  // Before the library's handler.
     event_signal_add(note_signal, arg("wrong"), SIGUSR1);
     pid_t pid = 0;
     const Step fork_one = [&] {
