@@ -1,6 +1,7 @@
 // The default loop on a thread of its own, and shell commands.
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -60,8 +61,16 @@ ISOLATED_TEST(Thread, CancelBeforeTheFirstPassHangs) {
         return -1;
     };
     EXPECT_EQ(-1, event_loop_async_start());
+    EXPECT_EQ(ECANCELED, errno);
     EXPECT_EQ(0, fakes.threads);
     fakes.on_select = nullptr;
+    at_call(FAKE_PIPE, [] {  // In the new thread, before its last step.
+        fail_allocation = 1;
+        fakes.fail[FAKE_CLOSE] = EIO;
+    });
+    EXPECT_EQ(-1, event_loop_async_start());
+    EXPECT_EQ(ENOMEM, errno);
+    fakes.fail[FAKE_CLOSE] = 0;
     EXPECT_EQ(0, event_timer_exists(event_loop_wait_for_async_loop_ready, nullptr));
     EXPECT_EQ(0, event_loop_async_start());
     EXPECT_EQ(0, event_loop_async_stop());
@@ -132,6 +141,7 @@ ISOLATED_TEST(Shell, StatusIsWrong) {
         const char** env = nullptr;
     } rows[] = {
         {768, "exit 3"},
+        {0, ""},
         {9, "kill -9 $$"},
         {127 << 8, "/nonexistent"},
         {12 << 8, std::string(1016, ' ') + "exit 12"},  // 1023 characters.
@@ -160,6 +170,10 @@ ISOLATED_TEST(Shell, StatusIsWrong) {
 ISOLATED_TEST(Shell, DescriptorReachesTheChild) {
     Step list = [] {
         for (const int fd : {3, 77, 900}) dup2(0, fd);
+        rlimit lower;
+        getrlimit(RLIMIT_NOFILE, &lower);
+        lower.rlim_cur = 100;
+        setrlimit(RLIMIT_NOFILE, &lower);
         // The kernel may be too old to close a range, and may show no directory of descriptors.
         // The fault is in shared memory, since a child of vfork() may have its own under a
         // sanitizer or an emulator.
@@ -327,7 +341,7 @@ ISOLATED_TEST(Shell, SignalBeforeTheExecRunsNoHandler) {
     fakes.after_sigaction = [](int, const struct sigaction*) {
         if (getpid() != daemon && signal) kill(getpid(), std::exchange(signal, 0));
     };
-    for (const int each : {SIGUSR1, SIGUSR2, SIGRTMIN + 1}) {
+    for (const int each : {SIGUSR1, SIGUSR2, SIGRTMAX}) {
         signal = each;
         ::signal(signal, [](int) { ++*ran; });
         EXPECT_EQ(each, event_system("exit 1"));
@@ -353,9 +367,10 @@ TEST(BackgroundTask, RunsTooEarlyTwiceOrNever) {
             run_bg_task(nullptr);
             EXPECT_EQ(EINVAL, errno);
             for (int n = 0; n < 3; ++n) run_bg_task(&task);
+            at_call(FAKE_WAIT4, [] { advance_clock(2000); });  // The command takes two seconds.
             drive(nullptr);
             EXPECT_EQ(row.runs_at, task.last_ran);
-            EXPECT_EQ(row.runs_at, fakes.clock_ns / 1000000000);
+            EXPECT_EQ(row.runs_at + 2, fakes.clock_ns / 1000000000);
             std::stringstream text;
             text << std::ifstream(path).rdbuf();
             EXPECT_EQ("100%\n", text.str());
