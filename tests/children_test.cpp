@@ -83,7 +83,8 @@ TEST(Children, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
         {"B", "", "AC", "B"},  // The pinned successor.
         {"C", "", "AB", "C"},  // One that no walk holds.
         {"BC", "", "A", "BC"},  {"+", "", "ABCD", ""},
-        {"!", "", "Abc", ""},  // The nested pass takes all that the outer walk hasn't reached.
+        {"=BB", "", "ACE", ""},  // The same watcher twice, and not the other one of its process.
+        {"!", "", "Abc", ""},    // The nested pass takes all that the outer walk hasn't reached.
         {"B!", "", "Ac", "B"},  {"C!", "", "Ab", "C"},
         {"BC!", "", "A", "BC"}, {"!BC", "", "Abc", ""},
         {"!", "C", "Ab", "C"},  {"!", "AB", "Abc", ""},
@@ -96,6 +97,8 @@ TEST(Children, DeletionsInAPassCallTheWrongOnesOrUseFreedOnes) {
             script = {'A', row.outer, row.inner, [](char action) {
                           if (action == '+') {
                               event_process_add(dead_child(), note_process, arg("D"));
+                          } else if (action == '=') {
+                              event_process_add(pids[1], note_process, arg("E"));
                           } else {
                               event_process_del(pids[action - 'A']);
                           }
