@@ -1,5 +1,5 @@
 # The commands of everyday work. Each one sets up what it needs; CMake builds.
-.PHONY: help test demo cross check models soak bench size docs abi packages format clean
+.PHONY: help test demo cross check models mutants soak bench size docs abi packages format clean
 
 help:
 	@echo 'make test     build (preset dev) and run the tests, but the long ones of make check'
@@ -7,6 +7,7 @@ help:
 	@echo 'make cross    build and test for ARM and for other C libraries'
 	@echo 'make check    everything that CI runs'
 	@echo 'make models   check that the models of the loop'\''s protocol hold, and that broken ones are refuted'
+	@echo 'make mutants  put small faults into a copy of the library, and look for a test that finds each'
 	@echo 'make soak     random operations from several threads, five minutes each under two sanitizers'
 	@echo 'make bench    build (preset bench) and compare with peers; prints a table of ratios'
 	@echo 'make size     text, data, stack and heap on 32-bit ARM, compared with the recorded values'
@@ -39,6 +40,10 @@ check:
 models:
 	@scripts/setup check
 	@scripts/models
+
+mutants:
+	@scripts/setup build
+	@scripts/mutants
 
 soak:
 	@scripts/setup build
