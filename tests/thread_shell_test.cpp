@@ -341,7 +341,7 @@ ISOLATED_TEST(Shell, SignalBeforeTheExecRunsNoHandler) {
     fakes.after_sigaction = [](int, const struct sigaction*) {
         if (getpid() != daemon && signal) kill(getpid(), std::exchange(signal, 0));
     };
-    for (const int each : {SIGUSR1, SIGUSR2, SIGRTMAX}) {
+    for (const int each : {SIGUSR1, SIGUSR2, SIGRTMIN + 1}) {
         signal = each;
         ::signal(signal, [](int) { ++*ran; });
         EXPECT_EQ(each, event_system("exit 1"));
