@@ -35,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     BinaryTree* const tree = BT_create(compare);
     BinaryTreeEnum* const cursor = BT_newenum(tree);
     std::map<void*, void*, std::greater<>> model;
-    auto at = model.end();  // end() stands for the place before the first entry.
+    auto at = model.end();  // end() also means the place before the first entry.
     const auto datum = [&] { return at == model.end() ? nullptr : at->second; };
     for (size_t n = 0; n + 1 < size; n += 2) {
         void* const key = reinterpret_cast<void*>(uintptr_t{1} + data[n + 1]);

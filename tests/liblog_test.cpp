@@ -23,7 +23,7 @@ std::string printed(const std::string& text) {
     return testing::internal::GetCapturedStderr();
 }
 
-// `highest` is the highest enabled level of zone 6, `other` that of zones -1 and 0. 0 stands for
+// `highest` is the highest enabled level of zone 6, `other` that of zones -1 and 0. 0 means
 // none.
 TEST(Liblog, RuleIsReadWrong) {
     const struct {

@@ -33,7 +33,7 @@ public:
     ListMutex& mutex() { return mutex_; }
 
     // For SIGCHLD. The caller holds the lock, and collect() releases it. It tries each child, since
-    // one signal can stand for several.
+    // several children that end close together may cause one signal.
     void collect(const Run& run);
 
 private:

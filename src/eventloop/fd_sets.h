@@ -3,10 +3,16 @@
 #define TESSRA_EVENTLOOP_FD_SETS_H
 
 #include <sys/select.h>
+#include <unistd.h>
 
 namespace tessra {
 
 constexpr int kNoFd = -1;
+
+inline void close_if_open(int& fd) {
+    if (fd != kNoFd) (void)close(fd);
+    fd = kNoFd;
+}
 
 // The three sets of select(), as built from the descriptor watchers or as select() returned them.
 struct SelectSets {

@@ -12,13 +12,13 @@
 #include <cstdio>
 
 #include "eventloop/fd_sets.h"
-#include "eventloop/reader_gate.h"
 
 namespace tessra {
 
 namespace {
 
 constexpr int kTries = 100;
+constexpr timespec kPause = {0, 100000};
 
 int open_end(const char* path, int access) {
     return open(path, access | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
@@ -64,15 +64,10 @@ bool make_and_remove_fifo(int& leftover, StartFailure& failure) {
     (void)snprintf(path, sizeof path, "%s%d", "/tmp/evtloop", getpid());
     for (int tries = 1; !use_name(path, leftover, failure); ++tries) {
         if (!is_other_start() || tries == kTries) return false;
-        (void)nanosleep(&ReaderGate::kPause, nullptr);
+        (void)nanosleep(&kPause, nullptr);
     }
     failure = {};
     return true;
-}
-
-void close_if_open(int& fd) {
-    if (fd != kNoFd) (void)close(fd);
-    fd = kNoFd;
 }
 
 }  // namespace tessra

@@ -13,8 +13,6 @@ inline constexpr char kNoReading[] = "<%x> %s:%s(%d) - Failed to open pingpong f
 // the write end can't be opened, the read end stays open in `leftover`.
 bool make_and_remove_fifo(int& leftover, StartFailure& failure);
 
-void close_if_open(int& fd);
-
 }  // namespace tessra
 
 #endif

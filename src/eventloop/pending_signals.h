@@ -18,7 +18,7 @@ constexpr int kMaxSignal = 31;  // The largest that can be watched: `full_` has 
 class PendingSignals {
 public:
     // Signal context, any thread. If another catcher is still writing a record of the same number,
-    // the loop takes that record after this call, so the record stands for this signal, too.
+    // the loop takes that record after this call, so the record also reports this signal.
     void keep(int signal, const siginfo_t& info) {
         Slot& slot = slots_[signal - 1];
         unsigned expected = kFree;
