@@ -48,7 +48,12 @@ private:
 class ErrnoKeeper : NotCopyable {
 public:
     ErrnoKeeper() : saved_(errno) {}
-    ~ErrnoKeeper() { errno = saved_; }
+    ~ErrnoKeeper() {
+        // GCC assumes that free() doesn't change errno, and would leave out the store. In C
+        // libraries such as glibc before 2.33 free() may change errno.
+        asm volatile("" : : : "memory");
+        errno = saved_;
+    }
 
 private:
     int saved_;
